@@ -1,0 +1,62 @@
+#include "gui/gui_resource_store.h"
+
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+
+#include "hardware/file_logger.h"
+#include "hardware/os_specific.h"
+#include "hardware/resource_lock.h"
+#include "hardware/time_format.h"
+
+namespace {
+constexpr const char* kNotInitialised = "Error: PCIE device list is not initalized";
+}
+
+GUIResourceStore::GUIResourceStore(std::string root_folder) : _root_folder(std::move(root_folder)) {}
+
+void GUIResourceStore::store_pcie_device_list(std::vector<PCIDeviceDetails>& devices) {
+    NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
+    _device_list = devices;
+    _list_valid = true;
+}
+
+void GUIResourceStore::store_die_list(const std::vector<VEX_DIE_INFO>& dies) {
+    NamedLockGuard guard("GUI_DIE_LIST");
+    _die_list = dies;
+}
+
+std::vector<PCIDeviceDetails> GUIResourceStore::get_pcie_device_list() {
+    NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
+    if (!_list_valid) {
+        std::cerr << kNotInitialised << std::endl;
+        throw std::runtime_error(kNotInitialised);
+    }
+    return _device_list;
+}
+
+std::vector<VEX_DIE_INFO> GUIResourceStore::get_die_list() {
+    NamedLockGuard guard("GUI_DIE_LIST");
+    if (!_list_valid) {
+        std::cerr << kNotInitialised << std::endl;
+        throw std::runtime_error(kNotInitialised);
+    }
+    return _die_list;
+}
+
+std::string GUIResourceStore::get_directory_for_lanewright() const { return _root_folder; }
+
+std::string GUIResourceStore::get_directory_for_this_instance() {
+    NamedLockGuard guard("INSTANCE_DIR");
+    if (!_instance_folder_made) {
+        _instance_folder = OSSpecific().append_to_path(_root_folder, time_stamp());
+        std::error_code error;
+        // Two runs in the same second share the folder; that is harmless.
+        std::filesystem::create_directories(_instance_folder, error);
+        if (error) {
+            Logger::get().log("Unable to create result folder " + _instance_folder + ": " + error.message());
+        }
+        _instance_folder_made = true;
+    }
+    return _instance_folder;
+}

@@ -1,0 +1,33 @@
+// What all tests share: the hardware inventory taken at start and the
+// folders results are written to.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "discovery/pci_device_details.h"
+#include "discovery/vex_die_info.h"
+
+class GUIResourceStore {
+public:
+    // The root of the result archive; "/lanewright_gui" on real hardware.
+    explicit GUIResourceStore(std::string root_folder = "/lanewright_gui");
+
+    void store_pcie_device_list(std::vector<PCIDeviceDetails>& devices);
+    void store_die_list(const std::vector<VEX_DIE_INFO>& dies);
+    std::vector<PCIDeviceDetails> get_pcie_device_list();
+    std::vector<VEX_DIE_INFO> get_die_list();
+
+    std::string get_directory_for_lanewright() const;
+    // The folder of this run, named after the moment it was first asked for
+    // and created then: a process that runs no test leaves nothing on disk.
+    std::string get_directory_for_this_instance();
+
+private:
+    std::vector<PCIDeviceDetails> _device_list;
+    std::vector<VEX_DIE_INFO> _die_list;
+    bool _list_valid = false;
+    std::string _root_folder;
+    std::string _instance_folder;
+    bool _instance_folder_made = false;
+};

@@ -1,0 +1,77 @@
+#include "service/service_main.h"
+
+#include <iostream>
+#include <memory>
+#include <new>
+#include <thread>
+
+#include "gui/gui_resource_store.h"
+#include "gui/test_storage.h"
+#include "hardware/file_logger.h"
+#include "service/service_loop.h"
+#include "service/shutdown_signals.h"
+#include "service/web_back_end.h"
+#include "service/wire_server.h"
+
+namespace {
+
+bool platform_refuses_gui(const std::vector<VEX_DIE_INFO>& dies) {
+    for (const auto& die : dies) {
+        if (die.name() == "KX900A") return true;
+    }
+    return false;
+}
+
+// Queued tests die with the process; say so rather than drop them silently.
+void log_dropped_queue(TestStorage& storage) {
+    const TestListsSnapshot lists = snapshot_test_lists(storage);
+    if (!lists.queued.empty()) {
+        Logger::get().log("Service stopping: dropped " + std::to_string(lists.queued.size()) +
+                          " queued test(s)");
+    }
+}
+
+}  // namespace
+
+int run_service(const ServiceOptions& options) {
+    ShutdownSignals::block_in_this_process();
+
+    std::vector<PCIDeviceDetails> devices;
+    GUIResourceStore store(options.results_root);
+    store.store_pcie_device_list(devices);
+    const std::vector<VEX_DIE_INFO> dies = store.get_die_list();
+    if (platform_refuses_gui(dies)) {
+        std::cout << "Graphical User Interface is not supported on this platform" << std::endl;
+        return 0;
+    }
+
+    TestStorage storage;
+    std::unique_ptr<WebBackEnd> backend(new (std::nothrow) WebBackEnd(store, storage));
+    if (!backend) {
+        std::cout << "Web BackEnd allocation failed." << std::endl;
+        return 0;
+    }
+    backend->RegisterServices();
+
+    auto* server = PortHall::WireServer::GetInstance();
+    server->set_port(options.port);
+    if (!options.ui_folder.empty()) server->set_ui_folder(options.ui_folder);
+    if (server->StartServer() != 1) {
+        std::cerr << "Error: " << server->last_error() << std::endl;
+        return 1;
+    }
+    const std::string port = std::to_string(options.port);
+    std::cout << "Started server at " << server->GetIP() << ":" << port << std::endl;
+    std::cout << "Open the link in any local/remote Web Browser (chrome recommended):  "
+              << "http://" << server->GetIP() << ":" << port << std::endl;
+
+    ShutdownSignals signals([server] { server->StopServer(); });
+    std::thread poller(poll_thread, nullptr, std::ref(storage), backend.get());
+    server->Wait();
+
+    stop_requested = true;
+    poller.join();
+    log_dropped_queue(storage);
+    backend.reset();
+    return 0;
+}

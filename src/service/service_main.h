@@ -1,0 +1,15 @@
+// Start-up, serving and shutdown of the service, shared by both executables.
+#pragma once
+
+#include <string>
+
+struct ServiceOptions {
+    unsigned long port = 9970;
+    // The result archive's root.
+    std::string results_root = "/lanewright_gui";
+    // Front-end files; empty means the "UI" folder beside the executable.
+    std::string ui_folder;
+};
+
+// Runs the service until "/stop", SIGINT or SIGTERM. Returns the exit code.
+int run_service(const ServiceOptions& options);

@@ -1,0 +1,565 @@
+#include "service/web_back_end.h"
+
+#include <iostream>
+
+#include "hardware/file_logger.h"
+#include "hardware/resource_lock.h"
+#include "service/pci_viewer_samples.h"
+#include "service/result_samples.h"
+#include "service/service_loop.h"
+#include "service/wire_server.h"
+
+const std::string tool_version = "5.1.56";
+
+using nlohmann::json;
+using PortHall::HttpMethod;
+using PortHall::RouteEffect;
+using PortHall::WireRequest;
+using PortHall::WireResponse;
+
+namespace {
+
+// Calls on the performance counter panel are serialised across all workers.
+constexpr const char* kPerfPanelLock = "PERF_GUI_TAB";
+
+const char* yes_no(bool value) { return value ? "yes" : "no"; }
+
+int index_of(const json& body) { return body.at("index").get<int>(); }
+bool bool_of(const json& body, const char* key) { return body.at(key).get<bool>(); }
+std::string string_of(const json& body, const char* key) { return body.at(key).get<std::string>(); }
+
+void push(const json& message) { PortHall::WireServer::GetInstance()->SendWSMessage(message.dump()); }
+
+// The viewer routes print what they were asked, as the console is the only
+// trace these calls leave.
+void print_viewer_request(const char* title, const std::string& body, const std::string& details) {
+    NamedLockGuard console("ConsoleLock");
+    std::cout << title << body << "\n" << details << std::endl;
+}
+
+}  // namespace
+
+json parse_request_body(const std::string& body) {
+    json parsed;
+    try {
+        parsed = json::parse(body);
+    } catch (const json::parse_error& error) {
+        throw PortHall::BadRequest(std::string("Request body is not JSON: ") + error.what());
+    }
+    if (!parsed.is_object()) throw PortHall::BadRequest("Request body must be a JSON object");
+    return parsed;
+}
+
+WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
+    : _aspm(std::make_shared<PCIEASPMGUIInterface>()),
+      _link_control(std::make_shared<PCIELinkControlGUIInterface>()),
+      _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
+      _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
+      _store(store),
+      _storage(storage) {}
+
+WebBackEnd::~WebBackEnd() {
+    // A run still going would keep its thread joinable; ask each to end first.
+    _perf_counter->OnStopMonitorClicked();
+    _link_control->StopContinuousRun();
+    _port_status->StopContinuousRun();
+    std::lock_guard<std::mutex> lock(_thread_mutex);
+    for (auto* thread : {&_download_thread, &_monitor_thread, &_link_run_thread, &_port_run_thread}) {
+        join_if_joinable(*thread);
+    }
+}
+
+void WebBackEnd::join_if_joinable(const std::shared_ptr<std::thread>& thread) {
+    if (thread && thread->joinable()) thread->join();
+}
+
+int WebBackEnd::RegisterServices() { return RegisterServices(PortHall::WireServer::GetInstance()->App()); }
+
+int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
+    enum class Answer { Json, Text };
+    auto get = [&](const char* path, Answer answer, std::string (WebBackEnd::*member)(),
+                   RouteEffect effect = RouteEffect::ReadOnly) {
+        app.route(
+            path, HttpMethod::Get,
+            [this, member, answer](const WireRequest&) {
+                WireResponse response = WireResponse::text((this->*member)());
+                if (answer == Answer::Json) response.content_type = "application/json";
+                return response;
+            },
+            effect);
+    };
+    // POST bodies reach the handlers unchanged; each parses what it needs.
+    auto post_copy = [&](const char* path, Answer answer, std::string (WebBackEnd::*member)(std::string)) {
+        app.route(
+            path, HttpMethod::Post,
+            [this, member, answer](const WireRequest& request) {
+                WireResponse response = WireResponse::text((this->*member)(request.body));
+                if (answer == Answer::Json) response.content_type = "application/json";
+                return response;
+            },
+            RouteEffect::ChangesState);
+    };
+    auto post_ref = [&](const char* path, std::string (WebBackEnd::*member)(const std::string&)) {
+        app.route(
+            path, HttpMethod::Post,
+            [this, member](const WireRequest& request) {
+                WireResponse response = WireResponse::text((this->*member)(request.body));
+                response.content_type = "application/json";
+                return response;
+            },
+            RouteEffect::ChangesState);
+    };
+    const auto J = Answer::Json;
+    const auto T = Answer::Text;
+    const auto S = RouteEffect::ChangesState;
+
+    get("/api/GetLANEWRIGHTVersion", J, &WebBackEnd::GetLANEWRIGHTVersion);
+    get("/api/1.0/GetAllPCIELCStates", J, &WebBackEnd::GetAllPCIELCStates);
+    get("/api/1.0/GetPCIEDeviceListForMargin", J, &WebBackEnd::GetPCIEDeviceListForMargin);
+    get("/api/1.0/GetCurrentPCIeResults", J, &WebBackEnd::GetCurrentPCIeResults);
+    get("/api/1.0/GetHVLDeviceListForMargin", J, &WebBackEnd::GetHVLDeviceListForMargin);
+    get("/api/1.0/GetCurrentHVLResults", J, &WebBackEnd::GetCurrentHVLResults);
+    get("/api/1.0/GetDeviceListForEyeScan", J, &WebBackEnd::GetDeviceListForEyeScan);
+    get("/api/1.0/GetAllCurrentResults", J, &WebBackEnd::GetAllCurrentResults);
+    post_ref("/api/1.0/AddTestToQueue", &WebBackEnd::AddTestToQueue);
+    get("/api/1.0/GetResultsDateRange", J, &WebBackEnd::GetResultsDateRange);
+    post_ref("/api/1.0/GetResultsByDate", &WebBackEnd::GetResultsByDate);
+    post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);
+    get("/api/1.0/GetASPMInfo", J, &WebBackEnd::GetASPMInfo);
+    post_copy("/api/1.0/SetL0Enabled", T, &WebBackEnd::SetL0Enabled);
+    post_copy("/api/1.0/SetL1Enabled", T, &WebBackEnd::SetL1Enabled);
+    post_copy("/api/1.0/SetL11Enabled", T, &WebBackEnd::SetL11Enabled);
+    post_copy("/api/1.0/SetL12Enabled", T, &WebBackEnd::SetL12Enabled);
+    post_copy("/api/1.0/SetL0Timer", T, &WebBackEnd::SetL0Timer);
+    post_copy("/api/1.0/SetL1Timer", T, &WebBackEnd::SetL1Timer);
+    get("/api/1.0/GetPerfCounterInfo", J, &WebBackEnd::GetPerfCounterInfo);
+    post_copy("/api/1.0/GetPerfCounterSettings", J, &WebBackEnd::GetPerfCounterSettings);
+    post_copy("/api/1.0/SetPerfCounterPort", J, &WebBackEnd::SetPerfCounterPort);
+    post_copy("/api/1.0/SetPerfCounterCounter", J, &WebBackEnd::SetPerfCounterCounter);
+    post_copy("/api/1.0/SetEnableCounter", J, &WebBackEnd::SetEnableCounter);
+    get("/api/1.0/SetInitCounters", T, &WebBackEnd::SetInitCounters, S);
+    get("/api/1.0/SetReadCounters", J, &WebBackEnd::SetReadCounters);
+    get("/api/1.0/StartPerfCountersMonitor", T, &WebBackEnd::StartPerfCounterMonitor, S);
+    get("/api/1.0/StopPerfCountersMonitor", T, &WebBackEnd::StopPerfCounterMonitor, S);
+    post_copy("/api/1.0/SetCountersDecimalDisplay", J, &WebBackEnd::SetCountersDecimalDisplay);
+    post_copy("/api/1.0/SetCountersLogging", J, &WebBackEnd::SetCountersLogging);
+    post_copy("/api/1.0/SetCountersChangesOnly", J, &WebBackEnd::SetCountersChangesOnly);
+    get("/api/1.0/GetPortSelectionInfo", J, &WebBackEnd::GetPortSelectionInfo);
+    get("/api/1.0/GetPortStatusRegistersInfo", J, &WebBackEnd::GetPortStatusRegistersInfo);
+    post_copy("/api/1.0/GetPortStatusInfo", J, &WebBackEnd::GetPortStatusInfo);
+    post_copy("/api/1.0/SetAdvErrorEnabled", T, &WebBackEnd::SetAdvErrorEnabled);
+    post_copy("/api/1.0/SetPortLinkDisabled", T, &WebBackEnd::SetPortLinkDisabled);
+    post_copy("/api/1.0/SetSecBusReset", T, &WebBackEnd::SetSecBusReset);
+    get("/api/1.0/ClearAdvErrorRegisters", T, &WebBackEnd::ClearAdvErrorRegisters, S);
+    post_copy("/api/1.0/StartPortStatusContinuousRun", T, &WebBackEnd::StartPortStatusContinuousRun);
+    get("/api/1.0/StopPortStatusContinuousRun", T, &WebBackEnd::StopPortStatusContinuousRun, S);
+    post_copy("/api/1.0/SetLogPortStatus", J, &WebBackEnd::SetLogPortStatus);
+    get("/api/1.0/GetLinkInfo", J, &WebBackEnd::GetLinkInfo);
+    post_copy("/api/1.0/GetLinkPortInfo", J, &WebBackEnd::GetLinkPortInfo);
+    post_copy("/api/1.0/SetLinkWidth", J, &WebBackEnd::SetLinkWidth);
+    post_copy("/api/1.0/SetLinkSpeed", J, &WebBackEnd::SetLinkSpeed);
+    post_copy("/api/1.0/StartContinuousRun", T, &WebBackEnd::StartContinuousRun);
+    get("/api/1.0/StopContinuousRun", T, &WebBackEnd::StopContinuousRun, S);
+    post_copy("/api/1.0/SetPortOption", J, &WebBackEnd::SetPortOption);
+    post_copy("/api/1.0/SetLogLinkStatus", J, &WebBackEnd::SetLogLinkStatus);
+    post_copy("/api/1.0/SetLogLinkErrors", J, &WebBackEnd::SetLogLinkErrors);
+    get("/api/1.0/ClearLinkErrorReport", J, &WebBackEnd::ClearLinkErrorReport, S);
+    get("/api/1.0/GetPCIDeviceList", J, &WebBackEnd::GetPCIDeviceList);
+    post_copy("/api/1.0/GetPCICapStructList", J, &WebBackEnd::GetPCICapStructList);
+    post_copy("/api/1.0/GetPCIExtCapStructList", J, &WebBackEnd::GetPCIExtCapStructList);
+    post_copy("/api/1.0/GetPCIRawView", J, &WebBackEnd::GetPCIRawView);
+    post_copy("/api/1.0/PCIRawViewWrite", T, &WebBackEnd::PCIRawViewWrite);
+    post_copy("/api/1.0/GetPCITableInfo", J, &WebBackEnd::GetPCITableInfo);
+    post_copy("/api/1.0/PCITableWrite", T, &WebBackEnd::PCITableWrite);
+    return 1;
+}
+
+// --- Queue, devices and results --------------------------------------------
+
+std::string WebBackEnd::GetLANEWRIGHTVersion() { return json{{"Tool_Version", tool_version}}.dump(); }
+
+std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
+
+// The device lists are filled by the test engines' own discovery; a machine
+// on which nothing can be tested lists nothing.
+std::string WebBackEnd::GetPCIEDeviceListForMargin() { return json::array().dump(); }
+std::string WebBackEnd::GetHVLDeviceListForMargin() { return json::array().dump(); }
+std::string WebBackEnd::GetDeviceListForEyeScan() { return json::array().dump(); }
+
+std::string WebBackEnd::GetCurrentPCIeResults() { return current_pcie_results_sample().dump(); }
+std::string WebBackEnd::GetCurrentHVLResults() { return current_hvl_results_sample().dump(); }
+std::string WebBackEnd::GetAllCurrentResults() { return all_current_results_sample().dump(); }
+
+std::string WebBackEnd::AddTestToQueue(const std::string& body) {
+    {
+        NamedLockGuard console("ConsoleLock");
+        std::cout << "Added test to queue" << std::endl;
+    }
+    json record = parse_request_body(body);
+    UpdateTestStorage::add_test_to_queue_list(_storage, record);
+    return json{{"OperationStatus", true}, {"ErrMsg", ""}}.dump();
+}
+
+std::string WebBackEnd::GetResultsDateRange() {
+    return json{{"key", "PastResultsDateRange"}, {"DateList", json::array()}}.dump();
+}
+
+std::string WebBackEnd::GetResultsByDate(const std::string& body) {
+    const json request = parse_request_body(body);
+    string_of(request, "start");
+    string_of(request, "end");
+    return json::array().dump();
+}
+
+std::string WebBackEnd::DownloadToCSV(const std::string& body) {
+    const json request = parse_request_body(body);
+    string_of(request, "start");
+    string_of(request, "end");
+    string_of(request, "dir_path");
+    return json::array().dump();
+}
+
+// --- ASPM panel -------------------------------------------------------------
+
+std::string WebBackEnd::GetASPMInfo() { return _aspm->GetPCIEASPMInfo().dump(); }
+
+namespace {
+template <typename Call>
+std::string toggle_answer(const std::string& body, Call call) {
+    const json request = parse_request_body(body);
+    const int index = index_of(request);
+    const bool value = bool_of(request, "value");
+    return call(index, value) ? yes_no(value) : "Error";
+}
+
+template <typename Call>
+std::string timer_answer(const std::string& body, Call call) {
+    const json request = parse_request_body(body);
+    const int index = index_of(request);
+    const int timer_index = request.at("timerIndex").get<int>();
+    const std::string value = string_of(request, "value");
+    return call(index, timer_index, value) ? value : "Error";
+}
+}  // namespace
+
+std::string WebBackEnd::SetL0Enabled(std::string body) {
+    return toggle_answer(body, [&](int i, bool v) { return _aspm->OnL0sEnabledToggled(i, v); });
+}
+std::string WebBackEnd::SetL1Enabled(std::string body) {
+    return toggle_answer(body, [&](int i, bool v) { return _aspm->OnL1EnabledToggled(i, v); });
+}
+std::string WebBackEnd::SetL11Enabled(std::string body) {
+    return toggle_answer(body, [&](int i, bool v) { return _aspm->OnL11EnabledToggled(i, v); });
+}
+std::string WebBackEnd::SetL12Enabled(std::string body) {
+    return toggle_answer(body, [&](int i, bool v) { return _aspm->OnL12EnabledToggled(i, v); });
+}
+std::string WebBackEnd::SetL0Timer(std::string body) {
+    return timer_answer(body, [&](int i, int t, const std::string& v) { return _aspm->OnL0TimerIndexChanged(i, t, v); });
+}
+std::string WebBackEnd::SetL1Timer(std::string body) {
+    return timer_answer(body, [&](int i, int t, const std::string& v) { return _aspm->OnL1TimerIndexChanged(i, t, v); });
+}
+
+// --- Performance counter panel ---------------------------------------------
+
+std::string WebBackEnd::GetPerfCounterInfo() {
+    json info;
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        info = _perf_counter->GetPCIEPerfCounterInfo();
+    }
+    return info.dump();
+}
+
+std::string WebBackEnd::GetPerfCounterSettings(std::string body) {
+    const int index = index_of(parse_request_body(body));
+    json settings;
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        settings = _perf_counter->OnSelectPerfCounter(index);
+    }
+    return settings.dump();
+}
+
+std::string WebBackEnd::SetPerfCounterPort(std::string body) {
+    const json request = parse_request_body(body);
+    const int index = index_of(request);
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        _perf_counter->OnPortSelectionCurrentIndexChanged(index);
+    }
+    return request.dump();
+}
+
+std::string WebBackEnd::SetPerfCounterCounter(std::string body) {
+    const json request = parse_request_body(body);
+    const int index = index_of(request);
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        _perf_counter->OnCounterSelectionCurrentIndexChanged(index);
+    }
+    return request.dump();
+}
+
+std::string WebBackEnd::SetEnableCounter(std::string body) {
+    const json request = parse_request_body(body);
+    const bool status = bool_of(request, "status");
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        _perf_counter->OnEnableCounterClicked(status);
+    }
+    return request.dump();
+}
+
+std::string WebBackEnd::SetInitCounters() {
+    NamedLockGuard guard(kPerfPanelLock);
+    _perf_counter->OnInitCountersClicked();
+    return "success";
+}
+
+std::string WebBackEnd::SetReadCounters() {
+    json counters;
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        counters = _perf_counter->OnReadCountersClicked();
+    }
+    return counters.dump();
+}
+
+std::string WebBackEnd::StartPerfCounterMonitor() {
+    if (_perf_counter->is_running()) return "success";
+    std::lock_guard<std::mutex> lock(_thread_mutex);
+    join_if_joinable(_monitor_thread);
+    _monitor_thread = std::make_shared<std::thread>([panel = _perf_counter] { panel->OnStartMonitorClicked(); });
+    return "success";
+}
+
+std::string WebBackEnd::StopPerfCounterMonitor() {
+    _perf_counter->OnStopMonitorClicked();
+    return "success";
+}
+
+namespace {
+template <typename Call>
+std::string flag_echo(const std::string& body, Call call) {
+    const json request = parse_request_body(body);
+    const bool status = bool_of(request, "status");
+    {
+        NamedLockGuard guard(kPerfPanelLock);
+        call(status);
+    }
+    return request.dump();
+}
+}  // namespace
+
+std::string WebBackEnd::SetCountersDecimalDisplay(std::string body) {
+    return flag_echo(body, [&](bool s) { _perf_counter->OnDecimalDisplayClicked(s); });
+}
+std::string WebBackEnd::SetCountersLogging(std::string body) {
+    return flag_echo(body, [&](bool s) { _perf_counter->OnLogToCountTxtClicked(s); });
+}
+std::string WebBackEnd::SetCountersChangesOnly(std::string body) {
+    return flag_echo(body, [&](bool s) { _perf_counter->OnChangesOnlyClicked(s); });
+}
+
+// --- Port status panel -------------------------------------------------------
+
+json WebBackEnd::GetFullPortStatusInfo() {
+    json document = _port_status->GetPCIEPortInfo();
+    json registers = json::object();
+    _port_status->GetRegistersInfo(registers);
+    document["portStatusRegister"] = registers;
+    _port_status->GetPortStatusControlOptions(document);
+    json loop_settings = json::object();
+    _port_status->GetContLoopSettingsInfo(loop_settings);
+    document["contLoopSettings"] = loop_settings;
+    document["TestRunning"] = false;
+    document["logPortStatus"] = {{"label", "Log Port Status"}, {"checked", false}, {"enabled", true}};
+    document["autoRefresh"] = {{"label", "Auto Refresh"}, {"checked", false}, {"enabled", true}};
+    return document;
+}
+
+json WebBackEnd::get_ltssm_states() { return _port_status->get_ltssm_states(); }
+
+std::string WebBackEnd::GetPortSelectionInfo() { return GetFullPortStatusInfo().dump(); }
+
+std::string WebBackEnd::GetPortStatusRegistersInfo() { return _port_status->GetPortStatusRegisterInfo().dump(); }
+
+std::string WebBackEnd::GetPortStatusInfo(std::string body) {
+    // Any port request, even a bad one, turns the LTSSM push on.
+    port_status_update = true;
+    const int index = index_of(parse_request_body(body));
+    _port_status->OnPortSelectCurrentIndexChanged(index);
+    push(json{{"key", "PortStatusUpdate"}, {"port_status_data", GetFullPortStatusInfo()}});
+    return GetFullPortStatusInfo().dump();
+}
+
+std::string WebBackEnd::SetAdvErrorEnabled(std::string body) {
+    const bool checked = bool_of(parse_request_body(body), "checked");
+    _port_status->OnAdvErrorEnabledClicked(checked);
+    push(json{{"key", "PortStatusUpdate"}, {"port_status_data", GetFullPortStatusInfo()}});
+    return "success";
+}
+
+std::string WebBackEnd::SetPortLinkDisabled(std::string body) {
+    const bool checked = bool_of(parse_request_body(body), "checked");
+    _port_status->OnLinkDisableClicked(checked);
+    push(json{{"key", "PortStatusUpdate"}, {"port_status_data", GetFullPortStatusInfo()}});
+    return "success";
+}
+
+std::string WebBackEnd::SetSecBusReset(std::string body) {
+    const bool checked = bool_of(parse_request_body(body), "checked");
+    return _port_status->OnSecBusResetClicked(checked) ? yes_no(checked) : "Error";
+}
+
+std::string WebBackEnd::ClearAdvErrorRegisters() {
+    _port_status->OnClearAdvErrosClicked();
+    return "success";
+}
+
+json WebBackEnd::port_status_partial(const json& settings, bool running) {
+    json data = GetFullPortStatusInfo();
+    const bool enabled = !running;
+    data["portSelection"]["enabled"] = enabled;
+    data["contLoopSettings"] = settings;
+    if (running) data["contLoopSettings"]["enabled"] = false;
+    for (const char* control : {"advErrorEnabled", "secBusReset", "linkDisable"}) {
+        data[control]["enabled"] = enabled;
+    }
+    if (running) {
+        json& status = data["contLoopSettings"]["settingsSelection"]["status"];
+        if (!status.is_array()) status = json::array();
+        while (status.size() < 3) status.push_back(json::object());
+        for (std::size_t i = 0; i < 3; ++i) status[i]["enabled"] = false;
+    }
+    data["TestRunning"] = running;
+    data["clearlogs"] = running;
+    return json{{"key", "PortStatusUpdatePartial"}, {"port_status_data", data}};
+}
+
+std::string WebBackEnd::StartPortStatusContinuousRun(std::string body) {
+    const json settings = parse_request_body(body);
+    push(port_status_partial(settings, true));
+    std::lock_guard<std::mutex> lock(_thread_mutex);
+    join_if_joinable(_port_run_thread);
+    _port_run_thread = std::make_shared<std::thread>([this, settings] { start_port_run(settings); });
+    return "";
+}
+
+void WebBackEnd::start_port_run(json settings) {
+    _port_status->StartContinuousRun(settings);
+    push(port_status_partial(settings, false));
+    _port_status->clear_log_lines();
+}
+
+std::string WebBackEnd::StopPortStatusContinuousRun() {
+    _port_status->StopContinuousRun();
+    return "";
+}
+
+std::string WebBackEnd::SetLogPortStatus(std::string body) {
+    const json request = parse_request_body(body);
+    return _port_status->SetLogPortStatus(bool_of(request, "checked")) ? request.dump() : "Error";
+}
+
+// --- Link control panel -----------------------------------------------------
+
+std::string WebBackEnd::GetLinkInfo() { return _link_control->GetPCIELinkControlInfo().dump(); }
+
+std::string WebBackEnd::GetLinkPortInfo(std::string body) {
+    return _link_control->GetPCIELinkPortInfo(index_of(parse_request_body(body))).dump();
+}
+
+std::string WebBackEnd::SetLinkWidth(std::string body) {
+    return _link_control->OnLinkWidthChange(index_of(parse_request_body(body))).dump();
+}
+
+std::string WebBackEnd::SetLinkSpeed(std::string body) {
+    return _link_control->OnLinkSpeedChange(index_of(parse_request_body(body))).dump();
+}
+
+std::string WebBackEnd::StartContinuousRun(std::string body) {
+    const json settings = parse_request_body(body);
+    std::lock_guard<std::mutex> lock(_thread_mutex);
+    join_if_joinable(_link_run_thread);
+    _link_run_thread = std::make_shared<std::thread>(
+        [panel = _link_control, settings] { panel->OnContinuousRunToggled(settings); });
+    return "webbackend stopped";
+}
+
+std::string WebBackEnd::StopContinuousRun() {
+    _link_control->StopContinuousRun();
+    return "Continuos Run Stopped";
+}
+
+std::string WebBackEnd::SetPortOption(std::string body) {
+    const json request = parse_request_body(body);
+    return _link_control->OnPortOptionChanged(index_of(request), bool_of(request, "value")).dump();
+}
+
+std::string WebBackEnd::SetLogLinkStatus(std::string body) {
+    const json request = parse_request_body(body);
+    return _link_control->SetLogLinkStatus(bool_of(request, "checked")) ? request.dump() : "Error";
+}
+
+std::string WebBackEnd::SetLogLinkErrors(std::string body) {
+    const json request = parse_request_body(body);
+    return _link_control->SetLogLinkErrors(bool_of(request, "checked")) ? request.dump() : "Error";
+}
+
+std::string WebBackEnd::ClearLinkErrorReport() { return _link_control->ClearErrorReport().dump(); }
+
+// --- PCI viewer ---------------------------------------------------------------
+
+std::string WebBackEnd::GetPCIDeviceList() { return pci_device_list_sample().dump(); }
+
+std::string WebBackEnd::GetPCICapStructList(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    print_viewer_request("GetPCICapStructList: statusStr: ", body, "SBDF: " + sbdf);
+    return pci_cap_struct_list_sample().dump();
+}
+
+std::string WebBackEnd::GetPCIExtCapStructList(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    print_viewer_request("GetPCIExtCapStructList: statusStr: ", body, "SBDF: " + sbdf);
+    return pci_ext_cap_struct_list_sample().dump();
+}
+
+std::string WebBackEnd::GetPCIRawView(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    print_viewer_request("GetPCIRawView: statusStr: ", body, "SBDF: " + sbdf);
+    return pci_raw_view_sample(sbdf).dump();
+}
+
+std::string WebBackEnd::PCIRawViewWrite(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    const std::string offset = string_of(request, "absoluteOffset");
+    const std::string value = string_of(request, "value");
+    print_viewer_request("PCIRawViewWrite: statusStr: ", body,
+                         "SBDF: " + sbdf + " absoluteOffset: " + offset + " value: " + value);
+    return "success";
+}
+
+std::string WebBackEnd::GetPCITableInfo(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    const std::string table = string_of(request, "tableName");
+    print_viewer_request("GetPCITableInfo: statusStr: ", body, "SBDF: " + sbdf + " tableName: " + table);
+    return pci_table_info_sample(sbdf, table).dump();
+}
+
+std::string WebBackEnd::PCITableWrite(std::string body) {
+    const json request = parse_request_body(body);
+    const std::string sbdf = string_of(request, "SBDF");
+    const std::string table = string_of(request, "tableName");
+    const std::string offset = string_of(request, "absoluteOffset");
+    print_viewer_request("PCITableWrite: statusStr: ", body,
+                         "SBDF: " + sbdf + " tableName: " + table + " absoluteOffset: " + offset);
+    return "success";
+}

@@ -1,0 +1,124 @@
+// The REST back end: turns HTTP requests into calls on the test queue, the
+// result archive and the four service panels, and owns the panels' threads.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "gui/gui_resource_store.h"
+#include "gui/test_storage.h"
+#include "panels/pcie_aspm_gui_interface.h"
+#include "panels/pcie_link_control_gui_interface.h"
+#include "panels/pcie_perf_counter_gui_interface.h"
+#include "panels/pcie_port_status_gui_interface.h"
+
+namespace PortHall {
+class WireApp;
+}
+
+extern const std::string tool_version;
+
+class WebBackEnd {
+public:
+    WebBackEnd(GUIResourceStore& store, TestStorage& storage);
+    // Stops the panels' runs and joins their threads.
+    ~WebBackEnd();
+
+    // Adds every API route to the web server's application; before Init.
+    int RegisterServices();
+    int RegisterServices(PortHall::WireApp& app);
+
+    // Route handlers. Each answers the body of the response.
+    std::string GetLANEWRIGHTVersion();
+    std::string GetAllPCIELCStates();
+    std::string GetPCIEDeviceListForMargin();
+    std::string GetCurrentPCIeResults();
+    std::string GetHVLDeviceListForMargin();
+    std::string GetCurrentHVLResults();
+    std::string GetDeviceListForEyeScan();
+    std::string GetAllCurrentResults();
+    std::string AddTestToQueue(const std::string& body);
+    std::string GetResultsDateRange();
+    std::string GetResultsByDate(const std::string& body);
+    std::string DownloadToCSV(const std::string& body);
+
+    std::string GetASPMInfo();
+    std::string SetL0Enabled(std::string body);
+    std::string SetL1Enabled(std::string body);
+    std::string SetL11Enabled(std::string body);
+    std::string SetL12Enabled(std::string body);
+    std::string SetL0Timer(std::string body);
+    std::string SetL1Timer(std::string body);
+
+    std::string GetPerfCounterInfo();
+    std::string GetPerfCounterSettings(std::string body);
+    std::string SetPerfCounterPort(std::string body);
+    std::string SetPerfCounterCounter(std::string body);
+    std::string SetEnableCounter(std::string body);
+    std::string SetInitCounters();
+    std::string SetReadCounters();
+    std::string StartPerfCounterMonitor();
+    std::string StopPerfCounterMonitor();
+    std::string SetCountersDecimalDisplay(std::string body);
+    std::string SetCountersLogging(std::string body);
+    std::string SetCountersChangesOnly(std::string body);
+
+    std::string GetPortSelectionInfo();
+    std::string GetPortStatusRegistersInfo();
+    std::string GetPortStatusInfo(std::string body);
+    std::string SetAdvErrorEnabled(std::string body);
+    std::string SetPortLinkDisabled(std::string body);
+    std::string SetSecBusReset(std::string body);
+    std::string ClearAdvErrorRegisters();
+    std::string StartPortStatusContinuousRun(std::string body);
+    std::string StopPortStatusContinuousRun();
+    std::string SetLogPortStatus(std::string body);
+
+    std::string GetLinkInfo();
+    std::string GetLinkPortInfo(std::string body);
+    std::string SetLinkWidth(std::string body);
+    std::string SetLinkSpeed(std::string body);
+    std::string StartContinuousRun(std::string body);
+    std::string StopContinuousRun();
+    std::string SetPortOption(std::string body);
+    std::string SetLogLinkStatus(std::string body);
+    std::string SetLogLinkErrors(std::string body);
+    std::string ClearLinkErrorReport();
+
+    std::string GetPCIDeviceList();
+    std::string GetPCICapStructList(std::string body);
+    std::string GetPCIExtCapStructList(std::string body);
+    std::string GetPCIRawView(std::string body);
+    std::string PCIRawViewWrite(std::string body);
+    std::string GetPCITableInfo(std::string body);
+    std::string PCITableWrite(std::string body);
+
+    nlohmann::json get_ltssm_states();
+    nlohmann::json GetFullPortStatusInfo();
+
+private:
+    void start_port_run(nlohmann::json settings);
+    nlohmann::json port_status_partial(const nlohmann::json& settings, bool running);
+    // Joins a finished thread of one of the four runs before a new one starts.
+    static void join_if_joinable(const std::shared_ptr<std::thread>& thread);
+
+    std::shared_ptr<PCIEASPMGUIInterface> _aspm;
+    std::shared_ptr<PCIELinkControlGUIInterface> _link_control;
+    std::shared_ptr<PCIEPerfCounterGUIInterface> _perf_counter;
+    std::shared_ptr<PCIEPortStatusGUIInterface> _port_status;
+    GUIResourceStore& _store;
+    TestStorage& _storage;
+    std::shared_ptr<std::thread> _download_thread;
+    std::shared_ptr<std::thread> _monitor_thread;
+    std::shared_ptr<std::thread> _link_run_thread;
+    std::shared_ptr<std::thread> _port_run_thread;
+    std::mutex _thread_mutex;  // guards the four thread members
+};
+
+// Parses a request body as a JSON object; a body that isn't one is refused
+// with a one-line reason.
+nlohmann::json parse_request_body(const std::string& body);

@@ -1,0 +1,614 @@
+#include "service/wire_server.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+#include <unordered_map>
+
+#include <restinio/all.hpp>
+#include <restinio/router/boost_regex_engine.hpp>
+#include <restinio/websocket/websocket.hpp>
+
+#include "hardware/file_logger.h"
+#include "hardware/os_specific.h"
+
+namespace PortHall {
+
+namespace rws = restinio::websocket::basic;
+namespace fs = std::filesystem;
+
+// The Boost.Regex engine: the standard library's regex costs half the
+// throughput once some sixty routes are tried in turn.
+using wire_router_t = restinio::router::express_router_t<restinio::router::boost_regex_engine_t>;
+struct wire_traits_t : public restinio::traits_t<restinio::asio_timer_manager_t,
+                                                 restinio::null_logger_t, wire_router_t> {};
+using wire_http_server_t = restinio::http_server_t<wire_traits_t>;
+using wire_request_handle_t = restinio::request_handle_t;
+
+std::mutex g_send_message_protection;
+const std::string stop_service_name = "/stop";
+
+namespace {
+
+constexpr std::size_t kWorkerCount = 10;
+constexpr auto kBroadcastPause = std::chrono::milliseconds(10);
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+std::string reason_phrase(int status) {
+    switch (status) {
+        case 200: return "OK";
+        case 400: return "Bad Request";
+        case 403: return "Forbidden";
+        case 404: return "Not Found";
+        case 405: return "Method Not Allowed";
+        case 500: return "Internal Server Error";
+        default: return "Status";
+    }
+}
+
+// One line, so a reason never breaks a log or a status bar.
+std::string one_line(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::replace(text.begin(), text.end(), '\r', ' ');
+    return text;
+}
+
+bool read_whole_file(const std::string& path, std::ios::openmode mode, std::string& out) {
+    std::ifstream in(path, mode);
+    if (!in) return false;
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    out = buffer.str();
+    return true;
+}
+
+void log_line(const std::string& message) {
+    Logger::get().log(message);
+}
+
+}  // namespace
+
+const char* method_name(HttpMethod method) {
+    return method == HttpMethod::Post ? "POST" : "GET";
+}
+
+std::string WireRequest::header(const std::string& lower_case_name) const {
+    auto found = headers.find(lower_case_name);
+    return found == headers.end() ? std::string{} : found->second;
+}
+
+WireResponse WireResponse::text(std::string body, int status) {
+    WireResponse response;
+    response.status = status;
+    response.body = std::move(body);
+    return response;
+}
+
+WireResponse WireResponse::json(const nlohmann::json& document) {
+    WireResponse response;
+    response.body = document.dump();
+    response.content_type = "application/json";
+    return response;
+}
+
+// ---------------------------------------------------------------------------
+// Request guard
+
+namespace {
+
+// "http://host:port" -> "host:port", with the scheme's default port added.
+std::string authority_with_port(const std::string& authority, const std::string& scheme) {
+    std::string result = lower(authority);
+    bool has_port = false;
+    if (!result.empty() && result.front() == '[') {  // IPv6 literal
+        has_port = result.find("]:") != std::string::npos;
+    } else {
+        has_port = result.find(':') != std::string::npos;
+    }
+    if (!has_port) result += scheme == "https" ? ":443" : ":80";
+    return result;
+}
+
+}  // namespace
+
+bool WireLogHandler::origin_is_own(const WireRequest& request) {
+    const std::string origin = request.header("origin");
+    if (origin.empty()) return true;  // curl, scripts, same-origin navigations
+    const auto scheme_end = origin.find("://");
+    if (scheme_end == std::string::npos) return false;  // "null" and other opaque origins
+    const std::string scheme = lower(origin.substr(0, scheme_end));
+    std::string authority = origin.substr(scheme_end + 3);
+    if (auto slash = authority.find('/'); slash != std::string::npos) authority.resize(slash);
+    const std::string host = request.header("host");
+    if (host.empty()) return false;
+    return authority_with_port(authority, scheme) == authority_with_port(host, "http");
+}
+
+std::optional<WireResponse> WireLogHandler::before_handle(const WireRequest& request,
+                                                          RouteEffect effect) const {
+    if (effect != RouteEffect::ChangesState) return std::nullopt;
+    // Browsers mark requests that a page of another site makes; an <img> or a
+    // form can reach a GET route without sending any Origin at all.
+    const bool cross_site = request.header("sec-fetch-site") == "cross-site";
+    if (!origin_is_own(request) || cross_site) {
+        log_line("Refused " + request.path + " from origin '" + request.header("origin") + "'");
+        return WireResponse::text("Forbidden: requests from pages of other sites are refused", 403);
+    }
+    return std::nullopt;
+}
+
+void WireLogHandler::after_handle(const WireRequest&, WireResponse&) const {}
+
+// ---------------------------------------------------------------------------
+// Route table
+
+void WireApp::route(std::string path, HttpMethod method, RouteHandler handler, RouteEffect effect) {
+    _routes.push_back(WireRoute{std::move(path), method, effect, std::move(handler)});
+}
+
+const WireRoute* WireApp::find(const std::string& path, HttpMethod method) const {
+    for (const auto& route : _routes) {
+        if (route.path == path && route.method == method) return &route;
+    }
+    return nullptr;
+}
+
+bool WireApp::has_path(const std::string& path) const {
+    return std::any_of(_routes.begin(), _routes.end(),
+                       [&](const WireRoute& route) { return route.path == path; });
+}
+
+WireResponse WireApp::dispatch(const WireRoute& route, const WireRequest& request) const {
+    if (auto refusal = _guard.before_handle(request, route.effect)) return *refusal;
+    WireResponse response;
+    try {
+        response = route.handler(request);
+    } catch (const BadRequest& error) {
+        response = WireResponse::text(one_line(error.what()), 400);
+    } catch (const nlohmann::json::exception& error) {
+        response = WireResponse::text("Malformed request: " + one_line(error.what()), 400);
+    } catch (const std::exception& error) {
+        log_line("Error in " + route.path + ": " + error.what());
+        response = WireResponse::text("Internal error: " + one_line(error.what()), 500);
+    } catch (...) {
+        log_line("Unknown error in " + route.path);
+        response = WireResponse::text("Internal error", 500);
+    }
+    _guard.after_handle(request, response);
+    return response;
+}
+
+// ---------------------------------------------------------------------------
+// Helpers for the front-end files
+
+std::string percent_decode(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
+            i += 2;
+        } else {
+            out.push_back(text[i]);
+        }
+    }
+    return out;
+}
+
+std::optional<std::string> resolve_inside(const std::string& root, const std::string& relative) {
+    const std::string decoded = percent_decode(relative);
+    if (decoded.empty() || decoded.find('\0') != std::string::npos) return std::nullopt;
+    fs::path rel(decoded);
+    if (rel.is_absolute()) return std::nullopt;
+    std::error_code ec;
+    const fs::path base = fs::weakly_canonical(fs::path(root), ec);
+    if (ec) return std::nullopt;
+    const fs::path target = fs::weakly_canonical(base / rel, ec);
+    if (ec) return std::nullopt;
+    auto [base_end, target_it] = std::mismatch(base.begin(), base.end(), target.begin(), target.end());
+    if (base_end != base.end() || target_it == target.end()) return std::nullopt;
+    return target.string();
+}
+
+std::string content_type_for(const std::string& file_name) {
+    static const std::unordered_map<std::string, std::string> types = {
+        {".html", "text/html; charset=utf-8"},
+        {".js", "text/javascript; charset=utf-8"},
+        {".mjs", "text/javascript; charset=utf-8"},
+        {".css", "text/css; charset=utf-8"},
+        {".json", "application/json"},
+        {".map", "application/json"},
+        {".svg", "image/svg+xml"},
+        {".png", "image/png"},
+        {".jpg", "image/jpeg"},
+        {".ico", "image/x-icon"},
+        {".woff", "font/woff"},
+        {".woff2", "font/woff2"},
+        {".txt", "text/plain; charset=utf-8"},
+        {".csv", "text/csv; charset=utf-8"},
+    };
+    const auto found = types.find(lower(fs::path(file_name).extension().string()));
+    return found == types.end() ? "application/octet-stream" : found->second;
+}
+
+// ---------------------------------------------------------------------------
+// The server
+
+struct WireServer::Impl {
+    unsigned long port;
+    std::string ui_folder;
+    WireApp app;
+    bool own_routes_added = false;
+
+    std::unique_ptr<wire_http_server_t> server;
+    std::thread server_thread;
+    std::mutex lifecycle_mutex;  // start, stop and wait
+    bool stopping = false;
+    std::string last_error;
+
+    mutable std::mutex connection_mutex;
+    std::unordered_map<std::uint64_t, rws::ws_handle_t> connections;
+    std::map<std::string, TopicHandler> topics;
+
+    explicit Impl(unsigned long p) : port(p) {}
+
+    static WireRequest convert(const wire_request_handle_t& req) {
+        WireRequest request;
+        request.method = req->header().method() == restinio::http_method_post() ? HttpMethod::Post
+                                                                                  : HttpMethod::Get;
+        request.path = std::string(req->header().path());
+        request.body = req->body();
+        req->header().for_each_field([&](const auto& field) {
+            request.headers[lower(std::string(field.name()))] = std::string(field.value());
+        });
+        return request;
+    }
+
+    static restinio::request_handling_status_t answer(const wire_request_handle_t& req,
+                                                      const WireResponse& response) {
+        // The body is complete before the response object exists: a throw
+        // between the two would leave the client without any answer.
+        auto builder = req->create_response(restinio::http_status_line_t{
+            restinio::http_status_code_t{static_cast<std::uint16_t>(response.status)},
+            reason_phrase(response.status)});
+        builder.append_header(restinio::http_field::content_type, response.content_type);
+        builder.append_header(restinio::http_field::cache_control, "no-store");
+        builder.set_body(response.body);
+        if (response.after_sent) {
+            auto after_sent = response.after_sent;
+            return builder.done([after_sent](const asio::error_code&) { after_sent(); });
+        }
+        return builder.done();
+    }
+
+    WireResponse serve_index() const {
+        std::string text;
+        const std::string path = OSSpecific().append_to_path(ui_folder, "index.html");
+        if (!read_whole_file(path, std::ios::in, text)) return WireResponse::text("File not found (404).");
+        WireResponse response = WireResponse::text(std::move(text));
+        response.content_type = "text/html; charset=utf-8";
+        return response;
+    }
+
+    WireResponse serve_static(const std::string& captured) const {
+        const std::string root = OSSpecific().append_to_path(ui_folder, "static");
+        const auto resolved = resolve_inside(root, captured);
+        if (!resolved) {
+            log_line("Refused static path outside the front-end folder: " + captured);
+            return WireResponse::text("403", 403);
+        }
+        std::string bytes;
+        std::error_code ec;
+        if (!fs::is_regular_file(*resolved, ec) || !read_whole_file(*resolved, std::ios::binary, bytes)) {
+            return WireResponse::text("404");
+        }
+        WireResponse response = WireResponse::text(std::move(bytes));
+        response.content_type = content_type_for(*resolved);
+        return response;
+    }
+
+    void on_ws_message(const rws::ws_handle_t& wsh, const rws::message_handle_t& message) {
+        switch (message->opcode()) {
+            case rws::opcode_t::ping_frame: {
+                std::lock_guard<std::mutex> lock(connection_mutex);
+                try {
+                    wsh->send_message(rws::final_frame, rws::opcode_t::pong_frame, message->payload());
+                } catch (const std::exception&) {
+                }
+                return;
+            }
+            case rws::opcode_t::connection_close_frame: {
+                std::string reason;
+                if (message->payload().size() >= 2) {
+                    reason = std::to_string(static_cast<unsigned>(
+                        rws::status_code_from_bin(message->payload())));
+                }
+                log_line("websocket connection closed: " + reason);
+                std::lock_guard<std::mutex> lock(connection_mutex);
+                connections.erase(wsh->connection_id());
+                try {
+                    wsh->send_message(rws::final_frame, rws::opcode_t::connection_close_frame,
+                                      rws::status_code_to_bin(rws::status_code_t::normal_closure));
+                } catch (const std::exception&) {
+                }
+                wsh->shutdown();
+                return;
+            }
+            case rws::opcode_t::text_frame:
+                handle_topic_message(message->payload());
+                return;
+            default:
+                return;
+        }
+    }
+
+    // Inbound messages name a topic; a handler registered for it gets the
+    // "Message" value. A malformed message is reported and the socket stays.
+    void handle_topic_message(const std::string& data) {
+        try {
+            const auto document = nlohmann::json::parse(data);
+            const std::string topic = document.at("Topic").get<std::string>();
+            const nlohmann::json& value = document.at("Message");
+            TopicHandler handler;
+            {
+                std::lock_guard<std::mutex> lock(connection_mutex);
+                auto found = topics.find(topic);
+                if (found == topics.end()) return;
+                handler = found->second;
+            }
+            handler(value);
+        } catch (const std::exception& error) {
+            std::cerr << "Exception: " << error.what() << std::endl;
+        }
+    }
+
+    restinio::request_handling_status_t upgrade(const wire_request_handle_t& req) {
+        const WireRequest request = convert(req);
+        if (auto refusal = WireLogHandler().before_handle(request, RouteEffect::ChangesState)) {
+            return answer(req, *refusal);
+        }
+        if (restinio::http_connection_header_t::upgrade != req->header().connection()) {
+            return answer(req, WireResponse::text("Expected a WebSocket upgrade", 400));
+        }
+        rws::ws_handle_t wsh;
+        try {
+            wsh = rws::upgrade<wire_traits_t>(
+                *req, rws::activation_t::delayed,
+                [this](rws::ws_handle_t handle, rws::message_handle_t message) {
+                    on_ws_message(handle, message);
+                });
+        } catch (const std::exception& error) {
+            log_line(std::string("WebSocket upgrade failed: ") + error.what());
+            return restinio::request_rejected();
+        }
+        log_line("new websocket connection");
+        {
+            std::lock_guard<std::mutex> lock(connection_mutex);
+            connections.emplace(wsh->connection_id(), wsh);
+            // Reading starts only once the socket is in the set, so a close
+            // that arrives at once cannot leave a stale entry behind.
+            activate(*wsh);
+        }
+        return restinio::request_accepted();
+    }
+
+    std::unique_ptr<wire_router_t> build_router() {
+        auto router = std::make_unique<wire_router_t>();
+        for (const auto& route : app.routes()) {
+            auto handler = [this, route](const wire_request_handle_t& req, auto) {
+                const WireRequest request = convert(req);
+                const WireResponse response = app.dispatch(route, request);
+                return answer(req, response);
+            };
+            if (route.method == HttpMethod::Post) {
+                router->http_post(route.path, handler);
+            } else {
+                router->http_get(route.path, handler);
+            }
+        }
+        router->http_get("/static/:path(.*)", [this](const wire_request_handle_t& req, auto params) {
+            return answer(req, serve_static(std::string(params["path"])));
+        });
+        router->http_get("/ws", [this](const wire_request_handle_t& req, auto) { return upgrade(req); });
+        router->non_matched_request_handler([this](const wire_request_handle_t& req) {
+            const std::string path(req->header().path());
+            if (app.has_path(path)) return answer(req, WireResponse::text("Method Not Allowed", 405));
+            return answer(req, WireResponse::text("Not Found", 404));
+        });
+        return router;
+    }
+
+    void close_all_sockets() {
+        std::lock_guard<std::mutex> lock(connection_mutex);
+        for (auto& [id, wsh] : connections) {
+            try {
+                wsh->kill();
+            } catch (const std::exception&) {
+            }
+        }
+        connections.clear();
+    }
+};
+
+WireServer WireServer::m_server(9970);
+
+WireServer::WireServer(unsigned long port) : _impl(std::make_unique<Impl>(port)) {
+    _impl->ui_folder = OSSpecific().append_to_path(OSSpecific().get_exe_folder(), "UI");
+}
+
+WireServer::~WireServer() {
+    StopServer();
+    Wait();
+}
+
+WireServer* WireServer::GetInstance() { return &m_server; }
+
+void WireServer::Init() { m_server.StartServer(); }
+
+WireApp& WireServer::App() { return _impl->app; }
+
+int WireServer::StartServer() {
+    std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+    if (_impl->server_thread.joinable()) return 1;
+    if (!_impl->own_routes_added) {
+        _impl->app.route("/", HttpMethod::Get, [this](const WireRequest&) { return _impl->serve_index(); });
+        _impl->app.route(
+            stop_service_name, HttpMethod::Get,
+            [](const WireRequest&) {
+                WireResponse response = WireResponse::text("");
+                response.after_sent = [] { GetInstance()->StopServer(); };
+                return response;
+            },
+            RouteEffect::ChangesState);
+        _impl->own_routes_added = true;
+    }
+    try {
+        _impl->server = std::make_unique<wire_http_server_t>(
+            restinio::own_io_context(), [this](auto& settings) {
+                settings.port(static_cast<std::uint16_t>(_impl->port))
+                    .address("0.0.0.0")
+                    .request_handler(_impl->build_router());
+            });
+        _impl->server->open_sync();
+    } catch (const std::exception& error) {
+        _impl->last_error = "Unable to listen on port " + std::to_string(_impl->port) + ": " + error.what();
+        _impl->server.reset();
+        return 0;
+    }
+    _impl->stopping = false;
+    _impl->last_error.clear();
+    _impl->server_thread = std::thread([this] {
+        std::vector<std::thread> workers;
+        for (std::size_t i = 0; i < kWorkerCount; ++i) {
+            workers.emplace_back([this] {
+                try {
+                    _impl->server->io_context().run();
+                } catch (const std::exception& error) {
+                    log_line(std::string("Server worker ended: ") + error.what());
+                }
+            });
+        }
+        for (auto& worker : workers) worker.join();
+    });
+    return 1;
+}
+
+int WireServer::StopServer() {
+    std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+    if (!_impl->server_thread.joinable() || _impl->stopping) return 1;
+    _impl->stopping = true;
+    _impl->close_all_sockets();
+    restinio::initiate_shutdown(*_impl->server);
+    return 1;
+}
+
+int WireServer::Wait() {
+    std::thread thread;
+    {
+        std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+        if (!_impl->server_thread.joinable()) return 0;
+        thread = std::move(_impl->server_thread);
+    }
+    thread.join();
+    std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+    _impl->close_all_sockets();
+    _impl->server.reset();
+    _impl->stopping = false;
+    return 1;
+}
+
+std::string WireServer::GetIP() {
+    static std::string cached;
+    static std::mutex cached_mutex;
+    std::lock_guard<std::mutex> lock(cached_mutex);
+    if (!cached.empty()) return cached;
+    // Connecting a UDP socket sends nothing; it only makes the kernel pick the
+    // interface that routes outwards. A literal documentation address avoids
+    // a name lookup, which on a machine without network can hang for seconds.
+    try {
+        asio::io_context context;
+        asio::ip::udp::socket socket(context);
+        const asio::ip::udp::endpoint outside(asio::ip::make_address_v4("192.0.2.1"), 9);
+        socket.open(asio::ip::udp::v4());
+        socket.connect(outside);
+        const std::string address = socket.local_endpoint().address().to_string();
+        if (address == "0.0.0.0") return "localhost";
+        cached = address;
+        return cached;
+    } catch (const std::exception&) {
+        return "localhost";
+    }
+}
+
+int WireServer::SendWSMessage(const std::string& message) {
+    std::lock_guard<std::mutex> send_lock(g_send_message_protection);
+    {
+        std::lock_guard<std::mutex> lock(_impl->connection_mutex);
+        for (auto& [id, wsh] : _impl->connections) {
+            try {
+                wsh->send_message(rws::final_frame, rws::opcode_t::text_frame,
+                                  restinio::writable_item_t{std::string(message)});
+            } catch (const std::exception&) {
+                // The socket closed under us; its close handler removes it.
+            }
+        }
+    }
+    // Paces bursts: every sender queues behind this pause.
+    std::this_thread::sleep_for(kBroadcastPause);
+    return 1;
+}
+
+std::string WireServer::FormatHTTPString(std::string text) {
+    // The front end sends JSON fragments in this private form; the table is
+    // not the URL standard's and its key order decides overlapping cases
+    // ("%2520" gives "%20" because "%20" was already passed).
+    static const std::map<std::string, std::string> table = {
+        {"%20", " "},  {"%21", "!"},  {"%22", "\""}, {"%23", "#"},  {"%24", "$"},
+        {"%25", "%"},  {"%26", "&"},  {"%27", "'"},  {"%28", "("},  {"%29", ")"},
+        {"%2A", "*"},  {"%2B", "+"},  {"%2C", "},"}, {"%2D", "-"},  {"%2E", "."},
+        {"%2F", "/"},  {"%3A", ":"},  {"%3B", "},"}, {"%3C", "<"},  {"%3D", ","},
+        {"%3E", ">"},  {"%3F", "?"},  {"%40", "@"},  {"%5B", "{"},  {"%5C", "\\"},
+        {"%5D", ""},   {"%5E", "^"},  {"%5F", "_"},  {"%60", "`"},  {"%7B", "{"},
+        {"%7C", "|"},  {"%7D", "}"},  {"%7E", "~"},  {"%E2%82%AC", "`"}, {"X|X", "\\"},
+    };
+    for (const auto& [code, replacement] : table) {
+        std::size_t position = 0;
+        while ((position = text.find(code, position)) != std::string::npos) {
+            text.replace(position, code.size(), replacement);
+            position += replacement.size();
+        }
+    }
+    return text;
+}
+
+void WireServer::set_port(unsigned long port) { _impl->port = port; }
+unsigned long WireServer::port() const { return _impl->port; }
+void WireServer::set_ui_folder(std::string folder) { _impl->ui_folder = std::move(folder); }
+std::string WireServer::ui_folder() const { return _impl->ui_folder; }
+
+void WireServer::set_topic_handler(const std::string& topic, TopicHandler handler) {
+    std::lock_guard<std::mutex> lock(_impl->connection_mutex);
+    _impl->topics[topic] = std::move(handler);
+}
+
+std::string WireServer::last_error() const { return _impl->last_error; }
+
+std::size_t WireServer::connection_count() const {
+    std::lock_guard<std::mutex> lock(_impl->connection_mutex);
+    return _impl->connections.size();
+}
+
+}  // namespace PortHall

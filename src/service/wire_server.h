@@ -1,0 +1,159 @@
+// The process's single HTTP and WebSocket endpoint.
+//
+// Everything else in the service talks to the network through this header
+// only: routes are plain functions from a WireRequest to a WireResponse, and
+// pushes go out through SendWSMessage. The HTTP library itself is confined to
+// wire_server.cpp so no other unit pays its compile time or depends on it.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace PortHall {
+
+enum class HttpMethod { Get, Post };
+
+const char* method_name(HttpMethod method);
+
+struct WireRequest {
+    HttpMethod method = HttpMethod::Get;
+    std::string path;
+    std::string body;
+    // Header names are stored in lower case.
+    std::map<std::string, std::string> headers;
+
+    std::string header(const std::string& lower_case_name) const;
+};
+
+struct WireResponse {
+    int status = 200;
+    std::string body;
+    std::string content_type = "text/plain; charset=utf-8";
+    // Runs once the answer has been written to the client (used by "/stop",
+    // which must answer before the listener goes away).
+    std::function<void()> after_sent;
+
+    static WireResponse text(std::string body, int status = 200);
+    static WireResponse json(const nlohmann::json& document);
+};
+
+using RouteHandler = std::function<WireResponse(const WireRequest&)>;
+
+// Whether a route may change the state of the service or the machine. Such
+// routes are refused to pages of other sites (see WireLogHandler).
+enum class RouteEffect { ReadOnly, ChangesState };
+
+struct WireRoute {
+    std::string path;
+    HttpMethod method;
+    RouteEffect effect;
+    RouteHandler handler;
+};
+
+// The guard every request passes before and after its handler. The service
+// has no login, so a page of another site that the operator happens to have
+// open must not be able to queue tests, reset links or stop the service.
+class WireLogHandler {
+public:
+    struct context {};
+    WireLogHandler() {}
+
+    // An answer that ends the request before its handler runs, or nothing.
+    std::optional<WireResponse> before_handle(const WireRequest& request, RouteEffect effect) const;
+    void after_handle(const WireRequest& request, WireResponse& response) const;
+
+    // True when the request's Origin header is absent or names the host and
+    // port the request was sent to.
+    static bool origin_is_own(const WireRequest& request);
+};
+
+// The route table. Handlers run on the server's worker threads; whatever a
+// handler throws is turned into an HTTP error answer, never into a dropped
+// connection.
+class WireApp {
+public:
+    void route(std::string path, HttpMethod method, RouteHandler handler,
+               RouteEffect effect = RouteEffect::ReadOnly);
+    const std::vector<WireRoute>& routes() const { return _routes; }
+    const WireRoute* find(const std::string& path, HttpMethod method) const;
+    bool has_path(const std::string& path) const;
+
+    // Runs the guard and the handler, turning exceptions into answers.
+    WireResponse dispatch(const WireRoute& route, const WireRequest& request) const;
+
+private:
+    std::vector<WireRoute> _routes;
+    WireLogHandler _guard;
+};
+
+using TopicHandler = std::function<void(const nlohmann::json&)>;
+
+// Thrown by handlers for a request the client got wrong; answered with 400
+// and the text as the one-line reason.
+class BadRequest : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class WireServer {
+public:
+    explicit WireServer(unsigned long port);
+    ~WireServer();
+    WireServer(const WireServer&) = delete;
+    WireServer& operator=(const WireServer&) = delete;
+
+    static WireServer* GetInstance();
+    static void Init();
+
+    WireApp& App();
+
+    // Adds the server's own routes, binds the port and starts the workers.
+    // Returns 1 when listening, 0 when the port could not be bound (the
+    // reason is in last_error()).
+    int StartServer();
+    int StopServer();
+    int Wait();
+
+    std::string GetIP();
+    int SendWSMessage(const std::string& message);
+    static std::string FormatHTTPString(std::string text);
+
+    // Configuration, only before StartServer.
+    void set_port(unsigned long port);
+    unsigned long port() const;
+    void set_ui_folder(std::string folder);
+    std::string ui_folder() const;
+    void set_topic_handler(const std::string& topic, TopicHandler handler);
+
+    std::string last_error() const;
+    std::size_t connection_count() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
+
+    static WireServer m_server;
+};
+
+extern std::mutex g_send_message_protection;
+extern const std::string stop_service_name;
+
+// Content type by file name extension, for the front-end files.
+std::string content_type_for(const std::string& file_name);
+
+// Resolves a path below a root folder; nothing when the path leaves the root
+// (through "..", a symbolic link or an absolute path). The path is taken
+// percent-decoded.
+std::optional<std::string> resolve_inside(const std::string& root, const std::string& relative);
+
+// Standard URL percent-decoding (not the private table of FormatHTTPString).
+std::string percent_decode(const std::string& text);
+
+}  // namespace PortHall

@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include "running_service.h"
+#include "service/web_back_end.h"
+#include "service/wire_server.h"
+#include "wire_client.h"
+
+using nlohmann::json;
+using PortHall::HttpMethod;
+using wire_test::request;
+using wire_test::running_service;
+
+namespace {
+
+// Every API route, in the order a front end and the router expect them.
+const std::vector<std::pair<std::string, HttpMethod>> kApiRoutes = {
+    {"/api/GetLANEWRIGHTVersion", HttpMethod::Get},          {"/api/1.0/GetAllPCIELCStates", HttpMethod::Get},
+    {"/api/1.0/GetPCIEDeviceListForMargin", HttpMethod::Get}, {"/api/1.0/GetCurrentPCIeResults", HttpMethod::Get},
+    {"/api/1.0/GetHVLDeviceListForMargin", HttpMethod::Get},  {"/api/1.0/GetCurrentHVLResults", HttpMethod::Get},
+    {"/api/1.0/GetDeviceListForEyeScan", HttpMethod::Get},    {"/api/1.0/GetAllCurrentResults", HttpMethod::Get},
+    {"/api/1.0/AddTestToQueue", HttpMethod::Post},           {"/api/1.0/GetResultsDateRange", HttpMethod::Get},
+    {"/api/1.0/GetResultsByDate", HttpMethod::Post},         {"/api/1.0/DownloadToCSV", HttpMethod::Post},
+    {"/api/1.0/GetASPMInfo", HttpMethod::Get},               {"/api/1.0/SetL0Enabled", HttpMethod::Post},
+    {"/api/1.0/SetL1Enabled", HttpMethod::Post},             {"/api/1.0/SetL11Enabled", HttpMethod::Post},
+    {"/api/1.0/SetL12Enabled", HttpMethod::Post},            {"/api/1.0/SetL0Timer", HttpMethod::Post},
+    {"/api/1.0/SetL1Timer", HttpMethod::Post},               {"/api/1.0/GetPerfCounterInfo", HttpMethod::Get},
+    {"/api/1.0/GetPerfCounterSettings", HttpMethod::Post},   {"/api/1.0/SetPerfCounterPort", HttpMethod::Post},
+    {"/api/1.0/SetPerfCounterCounter", HttpMethod::Post},    {"/api/1.0/SetEnableCounter", HttpMethod::Post},
+    {"/api/1.0/SetInitCounters", HttpMethod::Get},           {"/api/1.0/SetReadCounters", HttpMethod::Get},
+    {"/api/1.0/StartPerfCountersMonitor", HttpMethod::Get},  {"/api/1.0/StopPerfCountersMonitor", HttpMethod::Get},
+    {"/api/1.0/SetCountersDecimalDisplay", HttpMethod::Post}, {"/api/1.0/SetCountersLogging", HttpMethod::Post},
+    {"/api/1.0/SetCountersChangesOnly", HttpMethod::Post},   {"/api/1.0/GetPortSelectionInfo", HttpMethod::Get},
+    {"/api/1.0/GetPortStatusRegistersInfo", HttpMethod::Get}, {"/api/1.0/GetPortStatusInfo", HttpMethod::Post},
+    {"/api/1.0/SetAdvErrorEnabled", HttpMethod::Post},       {"/api/1.0/SetPortLinkDisabled", HttpMethod::Post},
+    {"/api/1.0/SetSecBusReset", HttpMethod::Post},           {"/api/1.0/ClearAdvErrorRegisters", HttpMethod::Get},
+    {"/api/1.0/StartPortStatusContinuousRun", HttpMethod::Post}, {"/api/1.0/StopPortStatusContinuousRun", HttpMethod::Get},
+    {"/api/1.0/SetLogPortStatus", HttpMethod::Post},         {"/api/1.0/GetLinkInfo", HttpMethod::Get},
+    {"/api/1.0/GetLinkPortInfo", HttpMethod::Post},          {"/api/1.0/SetLinkWidth", HttpMethod::Post},
+    {"/api/1.0/SetLinkSpeed", HttpMethod::Post},             {"/api/1.0/StartContinuousRun", HttpMethod::Post},
+    {"/api/1.0/StopContinuousRun", HttpMethod::Get},         {"/api/1.0/SetPortOption", HttpMethod::Post},
+    {"/api/1.0/SetLogLinkStatus", HttpMethod::Post},         {"/api/1.0/SetLogLinkErrors", HttpMethod::Post},
+    {"/api/1.0/ClearLinkErrorReport", HttpMethod::Get},      {"/api/1.0/GetPCIDeviceList", HttpMethod::Get},
+    {"/api/1.0/GetPCICapStructList", HttpMethod::Post},      {"/api/1.0/GetPCIExtCapStructList", HttpMethod::Post},
+    {"/api/1.0/GetPCIRawView", HttpMethod::Post},            {"/api/1.0/PCIRawViewWrite", HttpMethod::Post},
+    {"/api/1.0/GetPCITableInfo", HttpMethod::Post},          {"/api/1.0/PCITableWrite", HttpMethod::Post},
+};
+
+}  // namespace
+
+TEST(WebBackEndRoutes, AllRoutesRegisteredInOrderWithTheirMethods) {
+    GUIResourceStore store("/nonexistent");
+    TestStorage storage;
+    WebBackEnd backend(store, storage);
+    PortHall::WireApp app;
+    EXPECT_EQ(backend.RegisterServices(app), 1);
+    ASSERT_EQ(app.routes().size(), kApiRoutes.size());
+    for (std::size_t i = 0; i < kApiRoutes.size(); ++i) {
+        EXPECT_EQ(app.routes()[i].path, kApiRoutes[i].first) << "position " << i;
+        EXPECT_EQ(app.routes()[i].method, kApiRoutes[i].second) << kApiRoutes[i].first;
+    }
+}
+
+struct AnswerCase {
+    std::string method, path, body, expected;
+};
+
+class WebBackEndAnswers : public ::testing::TestWithParam<AnswerCase> {};
+
+TEST_P(WebBackEndAnswers, AnswerIsExact) {
+    const auto& c = GetParam();
+    const auto response = request(running_service().port, c.method, c.path, c.body);
+    EXPECT_EQ(response.status, 200) << response.body;
+    EXPECT_EQ(response.body, c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Words, WebBackEndAnswers,
+    ::testing::Values(
+        AnswerCase{"GET", "/api/GetLANEWRIGHTVersion", "", R"({"Tool_Version":"5.1.56"})"},
+        AnswerCase{"GET", "/api/1.0/GetAllPCIELCStates", "", "[]"},
+        AnswerCase{"GET", "/api/1.0/StopContinuousRun", "", "Continuos Run Stopped"},
+        AnswerCase{"POST", "/api/1.0/StartContinuousRun", R"({"loops":1})", "webbackend stopped"},
+        AnswerCase{"GET", "/api/1.0/SetInitCounters", "", "success"},
+        AnswerCase{"GET", "/api/1.0/StartPerfCountersMonitor", "", "success"},
+        AnswerCase{"POST", "/api/1.0/SetPerfCounterPort", R"({"index":2,"z":1})", R"({"index":2,"z":1})"},
+        AnswerCase{"POST", "/api/1.0/SetCountersLogging", R"({"status":true})", R"({"status":true})"},
+        AnswerCase{"POST", "/api/1.0/SetLogLinkErrors", R"({"checked":false})", R"({"checked":false})"},
+        // No port exists at index 5, so the panel refuses.
+        AnswerCase{"POST", "/api/1.0/SetL1Enabled", R"({"index":5,"value":true})", "Error"},
+        AnswerCase{"POST", "/api/1.0/SetL0Timer", R"({"index":0,"timerIndex":1,"value":"2us"})", "Error"},
+        AnswerCase{"POST", "/api/1.0/SetAdvErrorEnabled", R"({"checked":true})", "success"},
+        AnswerCase{"POST", "/api/1.0/PCIRawViewWrite", R"({"SBDF":"0:4:0.0","absoluteOffset":"0x4","value":"0x7"})",
+                   "success"},
+        AnswerCase{"POST", "/api/1.0/PCITableWrite", R"({"SBDF":"0:4:0.0","tableName":"PMI_CAP","absoluteOffset":"0x80"})",
+                   "success"},
+        AnswerCase{"GET", "/api/1.0/GetResultsDateRange", "", R"({"DateList":[],"key":"PastResultsDateRange"})"}));
+
+TEST(WebBackEndQueue, AddTestToQueueAnswersAndQueuesWithId) {
+    auto& service = running_service();
+    const std::size_t before = snapshot_test_lists(*service.storage).queued.size();
+    const auto response = request(service.port, "POST", "/api/1.0/AddTestToQueue",
+                                  R"({"Operation":"PCIe Margin","TestID":99,"key":"x"})");
+    EXPECT_EQ(response.body, R"({"ErrMsg":"","OperationStatus":true})");
+    const auto queued = snapshot_test_lists(*service.storage).queued;
+    ASSERT_EQ(queued.size(), before + 1);
+    EXPECT_NE(queued.back()["TestID"], 99);
+    EXPECT_EQ(queued.back()["Operation"], "PCIe Margin");
+}
+
+struct BadBodyCase {
+    std::string path, body;
+};
+
+class WebBackEndBadBodies : public ::testing::TestWithParam<BadBodyCase> {};
+
+TEST_P(WebBackEndBadBodies, AreRefusedWith400AndChangeNothing) {
+    auto& service = running_service();
+    const std::size_t before = snapshot_test_lists(*service.storage).queued.size();
+    const auto response = request(service.port, "POST", GetParam().path, GetParam().body);
+    EXPECT_EQ(response.status, 400);
+    EXPECT_FALSE(response.body.empty());
+    EXPECT_EQ(response.body.find('\n'), std::string::npos) << "reason is one line";
+    EXPECT_EQ(snapshot_test_lists(*service.storage).queued.size(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Malformed, WebBackEndBadBodies,
+                         ::testing::Values(BadBodyCase{"/api/1.0/AddTestToQueue", "{not json"},
+                                           BadBodyCase{"/api/1.0/AddTestToQueue", "[1,2]"},
+                                           BadBodyCase{"/api/1.0/SetL0Enabled", R"({"index":0})"},
+                                           BadBodyCase{"/api/1.0/SetL0Enabled", R"({"index":0,"value":"yes"})"},
+                                           BadBodyCase{"/api/1.0/GetPCIRawView", R"({"sbdf":"0:4:0.0"})"},
+                                           BadBodyCase{"/api/1.0/GetResultsByDate", ""}));
+
+TEST(WebBackEndViewer, RawViewAndTablesSelectBySbdfAndTableName) {
+    const unsigned port = running_service().port;
+    auto raw = [&](const std::string& sbdf) {
+        return json::parse(request(port, "POST", "/api/1.0/GetPCIRawView", json{{"SBDF", sbdf}}.dump()).body);
+    };
+    EXPECT_EQ(raw("0:4:0.0")["register"].size(), 274u);
+    EXPECT_EQ(raw("0:3:0.0")["register"].size(), 64u);
+    auto table = [&](const std::string& sbdf, const std::string& name) {
+        const std::string body = json{{"SBDF", sbdf}, {"tableName", name}}.dump();
+        return json::parse(request(port, "POST", "/api/1.0/GetPCITableInfo", body).body)["name"];
+    };
+    EXPECT_EQ(table("0:4:0.0", "PCIE_HEADER"), "PCIE_HEADER_TYPE1");
+    EXPECT_EQ(table("0:3:0.0", "PCIE_HEADER"), "PCIE_HEADER_TYPE0");
+    EXPECT_EQ(table("0:4:0.0", "ANY"), "PMI_CAP");
+    EXPECT_EQ(json::parse(request(port, "GET", "/api/1.0/GetPCIDeviceList").body).size(), 20u);
+}
+
+TEST(WebBackEndStatus, UnknownPathIs404AndWrongMethodIs405) {
+    const unsigned port = running_service().port;
+    EXPECT_EQ(request(port, "GET", "/api/1.0/NoSuchRoute").status, 404);
+    EXPECT_EQ(request(port, "POST", "/api/GetLANEWRIGHTVersion", "{}").status, 405);
+    EXPECT_EQ(request(port, "GET", "/api/1.0/AddTestToQueue").status, 405);
+}
