@@ -256,6 +256,9 @@ struct WireServer::Impl {
     std::unique_ptr<wire_http_server_t> server;
     std::thread server_thread;
     std::mutex lifecycle_mutex;  // start, stop and wait
+    // Separate from server_thread: Wait() takes the thread out to join it
+    // without the lock, and a stop must still reach a server being waited on.
+    bool running = false;
     bool stopping = false;
     std::string last_error;
 
@@ -462,7 +465,7 @@ WireApp& WireServer::App() { return _impl->app; }
 
 int WireServer::StartServer() {
     std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
-    if (_impl->server_thread.joinable()) return 1;
+    if (_impl->running) return 1;
     if (!_impl->own_routes_added) {
         _impl->app.route("/", HttpMethod::Get, [this](const WireRequest&) { return _impl->serve_index(); });
         _impl->app.route(
@@ -488,6 +491,7 @@ int WireServer::StartServer() {
         _impl->server.reset();
         return 0;
     }
+    _impl->running = true;
     _impl->stopping = false;
     _impl->last_error.clear();
     _impl->server_thread = std::thread([this] {
@@ -508,7 +512,7 @@ int WireServer::StartServer() {
 
 int WireServer::StopServer() {
     std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
-    if (!_impl->server_thread.joinable() || _impl->stopping) return 1;
+    if (!_impl->running || _impl->stopping) return 1;
     _impl->stopping = true;
     _impl->close_all_sockets();
     restinio::initiate_shutdown(*_impl->server);
@@ -526,6 +530,7 @@ int WireServer::Wait() {
     std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
     _impl->close_all_sockets();
     _impl->server.reset();
+    _impl->running = false;
     _impl->stopping = false;
     return 1;
 }

@@ -57,7 +57,7 @@ inline std::string receive_some(int fd, int timeout_ms) {
     pollfd p{fd, POLLIN, 0};
     if (::poll(&p, 1, timeout_ms) <= 0) return {};
     char buffer[65536];
-    const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    const ssize_t n = ::read(fd, buffer, sizeof(buffer));  // sockets and pipes alike
     return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string{};
 }
 
