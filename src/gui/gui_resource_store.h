@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "discovery/pci_device_details.h"
-#include "discovery/vex_die_info.h"
+#include "hardware/pci_device_details.h"
+#include "hardware/vex_die_info.h"
 
 class GUIResourceStore {
 public:
