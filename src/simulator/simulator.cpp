@@ -1,0 +1,1 @@
+// The platform model grows here: profiles, configuration space, on-chip registers.
