@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "gui/gui_resource_store.h"
+#include "gui/max_test_scheduler.h"
 #include "gui/test_storage.h"
 #include "hardware/file_logger.h"
 #include "service/service_loop.h"
@@ -46,6 +47,7 @@ int run_service(const ServiceOptions& options) {
     }
 
     TestStorage storage;
+    MaxTestScheduler scheduler(storage, store);
     std::unique_ptr<WebBackEnd> backend(new (std::nothrow) WebBackEnd(store, storage));
     if (!backend) {
         std::cout << "Web BackEnd allocation failed." << std::endl;
@@ -66,7 +68,7 @@ int run_service(const ServiceOptions& options) {
               << "http://" << server->GetIP() << ":" << port << std::endl;
 
     ShutdownSignals signals([server] { server->StopServer(); });
-    std::thread poller(poll_thread, nullptr, std::ref(storage), backend.get());
+    std::thread poller(poll_thread, &scheduler, std::ref(storage), backend.get());
     server->Wait();
 
     stop_requested = true;

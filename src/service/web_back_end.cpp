@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
 #include "service/pci_viewer_samples.h"
@@ -196,6 +197,10 @@ std::string WebBackEnd::AddTestToQueue(const std::string& body) {
         std::cout << "Added test to queue" << std::endl;
     }
     json record = parse_request_body(body);
+    if (const auto refusal = check_test_record(record, _store)) {
+        Logger::get().log("Test refused at the queue: " + *refusal);
+        return json{{"OperationStatus", false}, {"ErrMsg", *refusal}}.dump();
+    }
     UpdateTestStorage::add_test_to_queue_list(_storage, record);
     return json{{"OperationStatus", true}, {"ErrMsg", ""}}.dump();
 }

@@ -47,7 +47,8 @@ RunningService& running_service() {
     std::ofstream(g_state->info.ui_folder / "secret.txt") << "outside static";
 
     g_state->store = std::make_unique<GUIResourceStore>("/nonexistent_results");
-    std::vector<PCIDeviceDetails> devices;
+    // One function the queue tests can name: 0:3:0.0.
+    std::vector<PCIDeviceDetails> devices{PCIDeviceDetails(0, 3, 0, 0)};
     g_state->store->store_pcie_device_list(devices);
     g_state->storage = std::make_unique<TestStorage>();
     g_state->backend = std::make_unique<WebBackEnd>(*g_state->store, *g_state->storage);

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "gui/test_record_checks.h"
+#include "gui/test_runner.h"
+
 #include "running_service.h"
 #include "service/web_back_end.h"
 #include "service/wire_server.h"
@@ -95,17 +98,65 @@ INSTANTIATE_TEST_SUITE_P(
                    "success"},
         AnswerCase{"GET", "/api/1.0/GetResultsDateRange", "", R"({"DateList":[],"key":"PastResultsDateRange"})"}));
 
+// Accepts what the PCIe margin check accepts and runs nothing.
+class CheckOnlyRunner : public TestRunner {
+public:
+    std::optional<std::string> check_record(const json& test, GUIResourceStore& store) const override {
+        return check_pcie_margin_record(test, store);
+    }
+    void start(const json&, GUIResourceStore&, TestStorage&, Scheduler&) const override {}
+};
+
+json margin_record(const std::string& sbdf, const json& lanes) {
+    return {{"Operation", "PCIe Margin"},
+            {"PCIeInfo", {{"SBDF", sbdf}}},
+            {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 1}, {"Lanes", lanes}}},
+            {"TestID", 99},
+            {"key", "x"}};
+}
+
 TEST(WebBackEndQueue, AddTestToQueueAnswersAndQueuesWithId) {
     auto& service = running_service();
+    TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<CheckOnlyRunner>());
     const std::size_t before = snapshot_test_lists(*service.storage).queued.size();
     const auto response = request(service.port, "POST", "/api/1.0/AddTestToQueue",
-                                  R"({"Operation":"PCIe Margin","TestID":99,"key":"x"})");
+                                  margin_record("0:3:0.0", json::array({0, "1,2"})).dump());
+    TestRunnerRegistry::get().clear();
     EXPECT_EQ(response.body, R"({"ErrMsg":"","OperationStatus":true})");
     const auto queued = snapshot_test_lists(*service.storage).queued;
     ASSERT_EQ(queued.size(), before + 1);
     EXPECT_NE(queued.back()["TestID"], 99);
     EXPECT_EQ(queued.back()["Operation"], "PCIe Margin");
 }
+
+struct RefusalCase {
+    json record;
+    std::string reason_part;
+};
+
+class WebBackEndRefusals : public ::testing::TestWithParam<RefusalCase> {};
+
+TEST_P(WebBackEndRefusals, AnswerWhyAndLeaveTheQueueAlone) {
+    auto& service = running_service();
+    TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<CheckOnlyRunner>());
+    const std::size_t before = snapshot_test_lists(*service.storage).queued.size();
+    const auto response = request(service.port, "POST", "/api/1.0/AddTestToQueue", GetParam().record.dump());
+    TestRunnerRegistry::get().clear();
+    const json answer = json::parse(response.body);
+    EXPECT_EQ(answer["OperationStatus"], false);
+    EXPECT_NE(answer["ErrMsg"].get<std::string>().find(GetParam().reason_part), std::string::npos) << answer;
+    EXPECT_EQ(snapshot_test_lists(*service.storage).queued.size(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, WebBackEndRefusals,
+    ::testing::Values(RefusalCase{{{"Operation", "Destructive HVL Margin"}}, "unknown \"Operation\""},
+                      RefusalCase{{{"Operation", "EyeScan"}}, "can't run in this version"},
+                      RefusalCase{margin_record("0:3:0", json::array({0})), "is not of the form"},
+                      RefusalCase{margin_record("0:3:20.0", json::array({0})), "is not of the form"},
+                      RefusalCase{margin_record("0:4:0.0", json::array({0})), "no PCI function 0:4:0.0"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({"4,x"})), "\"x\" is not a lane number"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({-1})), "not a lane number"}));
 
 struct BadBodyCase {
     std::string path, body;

@@ -1,0 +1,131 @@
+#include "gui/max_test_scheduler.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "gui/pcie_conflict_check.h"
+#include "gui/test_runner.h"
+#include "hardware/file_logger.h"
+#include "hardware/os_specific.h"
+#include "hardware/resource_lock.h"
+
+using nlohmann::json;
+
+namespace {
+
+bool same_hvl_link(const json& running, const json& queued) {
+    const json& a = running.at("HVLCtrlInfo");
+    const json& b = queued.at("HVLCtrlInfo");
+    return a.value("DeviceName", "") == b.value("DeviceName", "") && a.value("SERDES", "") == b.value("SERDES", "");
+}
+
+std::string operation_of(const json& test) {
+    const auto it = test.find("Operation");
+    return it != test.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+}  // namespace
+
+MaxTestScheduler::MaxTestScheduler(TestStorage& storage, GUIResourceStore& store)
+    : _storage(storage), _store(store), _hvl_conflict(same_hvl_link) {}
+
+bool MaxTestScheduler::_conflicts(const json& running, const json& queued) const {
+    const bool has_pcie = queued.contains("PCIeInfo");
+    const bool has_hvl = queued.contains("HVLCtrlInfo");
+    if (has_pcie && !running.contains("PCIeInfo")) return false;
+    if (has_hvl && !running.contains("HVLCtrlInfo")) return false;
+    try {
+        if (has_pcie) return GUIPCIECheckConflict().check_conflict(running, queued);
+        if (has_hvl) return _hvl_conflict(running, queued);
+    } catch (const std::exception& error) {
+        // The queue checks records, so this means a record it let through is
+        // unreadable here; waiting is the safe answer, and it is logged.
+        Logger::get().log(std::string("Scheduler: cannot compare tests, holding the queued one: ") + error.what());
+        return true;
+    }
+    // A record naming neither resource can't be placed against a running test.
+    return true;
+}
+
+int MaxTestScheduler::poll_and_start_tests() {
+    const TestListsSnapshot lists = snapshot_test_lists(_storage);
+
+    std::vector<json> to_start;
+    for (const json& queued : lists.queued) {
+        bool conflict = false;
+        for (const json& running : lists.running) {
+            if (_conflicts(running, queued)) {
+                conflict = true;
+                break;
+            }
+        }
+        if (!conflict) to_start.push_back(queued);
+    }
+
+    for (json& test : to_start) {
+        UpdateTestStorage::remove_test_from_queue_list(_storage, test);
+        UpdateTestStorage::add_test_to_running_list(_storage, test);
+    }
+
+    int started = 0;
+    for (json& test : to_start) {
+        const auto runner = TestRunnerRegistry::get().find(operation_of(test));
+        if (!runner) {
+            // The queue refuses kinds without a runner; should one slip
+            // through, it must not stay "Running" for ever.
+            Logger::get().log("Scheduler: no runner for \"" + operation_of(test) + "\", test dropped");
+            UpdateTestStorage::remove_test_from_running_list(_storage, test);
+            continue;
+        }
+        runner->start(test, _store, _storage, *this);
+        ++started;
+    }
+
+    _join_completed_threads();
+    return started;
+}
+
+std::string MaxTestScheduler::create_dir_and_give_path(unsigned long test_id) {
+    const std::string path =
+        OSSpecific().append_to_path(_store.get_directory_for_this_instance(), "test_" + std::to_string(test_id));
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) Logger::get().log("Cannot create test folder " + path + ": " + error.message());
+    return path;
+}
+
+void MaxTestScheduler::add_test(unsigned long test_id, std::shared_ptr<std::thread> thread) {
+    NamedLockGuard lock(_storage.lock_name);
+    _storage.test_threads[test_id] = std::move(thread);
+}
+
+void MaxTestScheduler::remove_test(unsigned long test_id) {
+    NamedLockGuard lock(_storage.lock_name);
+    _storage._test_threads_to_be_joined.push_back(test_id);
+}
+
+void MaxTestScheduler::_join_completed_threads() {
+    std::vector<unsigned long> ended;
+    std::map<unsigned long, std::shared_ptr<std::thread>> threads;
+    {
+        NamedLockGuard lock(_storage.lock_name);
+        ended = _storage._test_threads_to_be_joined;
+        threads = _storage.test_threads;
+    }
+    // Joined without the lock: the ending thread may still need it on its way out.
+    std::vector<unsigned long> joined;
+    for (const unsigned long id : ended) {
+        const auto it = threads.find(id);
+        // A thread that ended before its runner registered it waits for the next pass.
+        if (it == threads.end() || !it->second) continue;
+        if (it->second->joinable()) it->second->join();
+        joined.push_back(id);
+    }
+    NamedLockGuard lock(_storage.lock_name);
+    for (const unsigned long id : joined) {
+        auto& pending = _storage._test_threads_to_be_joined;
+        const auto it = std::find(pending.begin(), pending.end(), id);
+        if (it != pending.end()) pending.erase(it);
+        _storage.test_threads.erase(id);
+    }
+}

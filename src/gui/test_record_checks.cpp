@@ -1,0 +1,129 @@
+#include "gui/test_record_checks.h"
+
+#include <algorithm>
+#include <cctype>
+#include <sstream>
+
+#include "gui/gui_resource_store.h"
+#include "gui/test_runner.h"
+
+using nlohmann::json;
+
+namespace {
+
+std::optional<unsigned long> parse_number(const std::string& text, int base, unsigned long limit) {
+    if (text.empty() || text.size() > 8) return std::nullopt;
+    for (const char c : text) {
+        if (!(base == 16 ? std::isxdigit(static_cast<unsigned char>(c)) : std::isdigit(static_cast<unsigned char>(c))))
+            return std::nullopt;
+    }
+    const unsigned long value = std::stoul(text, nullptr, base);
+    if (value > limit) return std::nullopt;
+    return value;
+}
+
+std::string trim(const std::string& text) {
+    const auto first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+bool is_unsigned(const json& value) { return value.is_number_unsigned() || (value.is_number_integer() && value.get<long long>() >= 0); }
+
+}  // namespace
+
+std::optional<PCIE::Device_ID> parse_sbdf(const std::string& text) {
+    const auto first = text.find(':');
+    if (first == std::string::npos) return std::nullopt;
+    const auto second = text.find(':', first + 1);
+    if (second == std::string::npos) return std::nullopt;
+    const auto point = text.find('.', second + 1);
+    if (point == std::string::npos) return std::nullopt;
+    const auto segment = parse_number(text.substr(0, first), 16, 0xFFFF);
+    const auto bus = parse_number(text.substr(first + 1, second - first - 1), 16, 0xFF);
+    const auto device = parse_number(text.substr(second + 1, point - second - 1), 16, 0x1F);
+    const auto function = parse_number(text.substr(point + 1), 16, 7);
+    if (!segment || !bus || !device || !function) return std::nullopt;
+    return PCIE::Device_ID(static_cast<unsigned>(*segment), static_cast<unsigned>(*bus),
+                           static_cast<unsigned>(*device), static_cast<unsigned>(*function));
+}
+
+std::optional<std::vector<unsigned int>> parse_lanes(const json& lanes, std::string& error) {
+    if (!lanes.is_array()) {
+        error = "\"Lanes\" must be an array";
+        return std::nullopt;
+    }
+    std::vector<unsigned int> result;
+    for (const auto& element : lanes) {
+        if (element.is_number()) {
+            if (!is_unsigned(element) || element.get<unsigned long long>() > 0xFFFF) {
+                error = "lane " + element.dump() + " is not a lane number";
+                return std::nullopt;
+            }
+            result.push_back(element.get<unsigned int>());
+        } else if (element.is_string()) {
+            std::stringstream parts(element.get<std::string>());
+            std::string part;
+            while (std::getline(parts, part, ',')) {
+                const auto lane = parse_number(trim(part), 10, 0xFFFF);
+                if (!lane) {
+                    error = "lanes \"" + element.get<std::string>() + "\": \"" + part + "\" is not a lane number";
+                    return std::nullopt;
+                }
+                result.push_back(static_cast<unsigned int>(*lane));
+            }
+        }
+    }
+    return result;
+}
+
+std::optional<std::string> check_margin_params(const json& test, bool with_receiver) {
+    const auto params = test.find("TestParams");
+    if (params == test.end() || !params->is_object()) return "the record has no \"TestParams\" object";
+    const auto ber = params->find("BER");
+    if (ber == params->end() || !ber->is_string()) return "\"TestParams\".\"BER\" must be a text such as \"12\"";
+    const std::string ber_text = ber->get<std::string>();
+    if (ber_text.empty() || !std::isdigit(static_cast<unsigned char>(ber_text.front())))
+        return "\"TestParams\".\"BER\" \"" + ber_text + "\" is not a decimal exponent such as \"12\"";
+    const auto count = params->find("ErrCnt");
+    if (count == params->end() || !is_unsigned(*count)) return "\"TestParams\".\"ErrCnt\" must be a whole number";
+    if (with_receiver) {
+        const auto receiver = params->find("Receiver");
+        if (receiver == params->end() || !is_unsigned(*receiver))
+            return "\"TestParams\".\"Receiver\" must be a whole number";
+    }
+    const auto lanes = params->find("Lanes");
+    if (lanes == params->end()) return "\"TestParams\" has no \"Lanes\"";
+    std::string error;
+    if (!parse_lanes(*lanes, error)) return error;
+    return std::nullopt;
+}
+
+std::optional<std::string> check_pcie_margin_record(const json& test, GUIResourceStore& store) {
+    const auto info = test.find("PCIeInfo");
+    if (info == test.end() || !info->is_object()) return "the record has no \"PCIeInfo\" object";
+    const auto sbdf = info->find("SBDF");
+    if (sbdf == info->end() || !sbdf->is_string()) return "\"PCIeInfo\" has no \"SBDF\"";
+    const auto address = parse_sbdf(sbdf->get<std::string>());
+    if (!address)
+        return "\"SBDF\" \"" + sbdf->get<std::string>() + "\" is not of the form segment:bus:device.function in hex";
+    const auto devices = store.get_pcie_device_list();
+    const bool found = std::any_of(devices.begin(), devices.end(), [&](const PCIDeviceDetails& device) {
+        return PCIE::Device_ID(device) == *address;
+    });
+    if (!found) return "no PCI function " + sbdf->get<std::string>() + " on this machine";
+    return check_margin_params(test, true);
+}
+
+std::optional<std::string> check_test_record(const json& test, GUIResourceStore& store) {
+    if (!test.is_object()) return "a test record must be a JSON object";
+    const auto operation = test.find("Operation");
+    if (operation == test.end() || !operation->is_string()) return "the record has no \"Operation\"";
+    const std::string name = operation->get<std::string>();
+    const auto& known = known_operations();
+    if (std::find(known.begin(), known.end(), name) == known.end())
+        return "unknown \"Operation\" \"" + name + "\" (expected \"PCIe Margin\", \"HVL Destructive Margin\" or \"EyeScan\")";
+    const auto runner = TestRunnerRegistry::get().find(name);
+    if (!runner) return "\"" + name + "\" tests can't run in this version of the service yet";
+    return runner->check_record(test, store);
+}

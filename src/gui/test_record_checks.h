@@ -1,0 +1,33 @@
+// Reading the parts of a test record that runners rely on, strictly, so that
+// a record that cannot run is refused at the queue instead of failing later.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "hardware/pci_device_details.h"
+
+class GUIResourceStore;
+
+// "seg:bus:dev.fn" in hexadecimal, e.g. "0:c1:0.0". Nothing when malformed.
+std::optional<PCIE::Device_ID> parse_sbdf(const std::string& text);
+
+// "Lanes": numbers, or strings of decimal numbers separated by commas, mixed
+// freely; other elements are skipped. A string part that isn't a number makes
+// the whole list invalid (error says which).
+std::optional<std::vector<unsigned int>> parse_lanes(const nlohmann::json& lanes, std::string& error);
+
+// The margin parameters every margin runner reads: "TestParams" with "BER"
+// (decimal text), "ErrCnt", and "Lanes"; with_receiver adds "Receiver".
+std::optional<std::string> check_margin_params(const nlohmann::json& test, bool with_receiver);
+
+// A PCIe margin record: "PCIeInfo"."SBDF" well formed and naming a function
+// found at start-up, and the margin parameters with "Receiver".
+std::optional<std::string> check_pcie_margin_record(const nlohmann::json& test, GUIResourceStore& store);
+
+// The whole check AddTestToQueue makes: a known "Operation" whose runner this
+// build has, then that runner's own check. Nothing when the record may queue.
+std::optional<std::string> check_test_record(const nlohmann::json& test, GUIResourceStore& store);

@@ -1,0 +1,155 @@
+// The scheduler's pass over real storage with runners that run a thread of
+// their own and end when the test says so.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "gui/max_test_scheduler.h"
+#include "gui/pcie_conflict_check.h"
+#include "gui/test_record_checks.h"
+#include "gui/test_runner.h"
+
+using nlohmann::json;
+
+namespace {
+
+// Starts a thread per test that waits until released, then reports its end
+// the way runners do: remove_test, then leave the running list.
+class GatedRunner : public TestRunner {
+public:
+    std::optional<std::string> check_record(const json&, GUIResourceStore&) const override { return std::nullopt; }
+    void start(const json& test, GUIResourceStore&, TestStorage& storage, Scheduler& scheduler) const override {
+        started.fetch_add(1);
+        json record = test;
+        auto thread = std::make_shared<std::thread>([this, test = record, &storage, &scheduler]() mutable {
+            std::unique_lock<std::mutex> lock(mutex);
+            released.wait(lock, [this] { return open; });
+            lock.unlock();
+            scheduler.remove_test(test["TestID"].get<unsigned long>());
+            UpdateTestStorage::remove_test_from_running_list(storage, test);
+            finished.fetch_add(1);
+        });
+        scheduler.add_test(test["TestID"].get<unsigned long>(), thread);
+    }
+    void release_all() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            open = true;
+        }
+        released.notify_all();
+    }
+    mutable std::atomic<int> started{0};
+    mutable std::atomic<int> finished{0};
+    mutable std::mutex mutex;
+    mutable std::condition_variable released;
+    bool open = false;
+};
+
+json pcie_test(const std::string& sbdf, bool bridge = false, unsigned secondary = 0, unsigned subordinate = 0) {
+    json test = {{"Operation", "PCIe Margin"}, {"PCIeInfo", {{"SBDF", sbdf}, {"DeviceType", bridge ? "Bridge" : "Endpoint"}}}};
+    if (bridge) test["PCIeInfo"]["BridgeInfo"] = {{"SecondaryBus", secondary}, {"SubordinateBus", subordinate}};
+    return test;
+}
+
+class SchedulerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        runner = std::make_shared<GatedRunner>();
+        TestRunnerRegistry::get().add("PCIe Margin", runner);
+    }
+    void TearDown() override {
+        // Drain: let every test start, end and be joined.
+        runner->release_all();
+        for (int i = 0; i < 400; ++i) {
+            scheduler.poll_and_start_tests();
+            const auto lists = snapshot_test_lists(storage);
+            if (lists.queued.empty() && lists.running.empty() && storage.test_threads.empty()) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        TestRunnerRegistry::get().clear();
+        std::filesystem::remove_all(root);
+    }
+    void queue(json test) { UpdateTestStorage::add_test_to_queue_list(storage, test); }
+
+    std::filesystem::path root = std::filesystem::temp_directory_path() / ("sched_" + std::to_string(::getpid()));
+    TestStorage storage;
+    GUIResourceStore store{root.string()};
+    MaxTestScheduler scheduler{storage, store};
+    std::shared_ptr<GatedRunner> runner;
+};
+
+TEST_F(SchedulerTest, StartsEveryQueuedTestThatConflictsWithNothingOnOnePass) {
+    queue(pcie_test("0:3:0.0"));
+    queue(pcie_test("0:4:0.0"));
+    queue(pcie_test("0:5:0.0"));
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 3);
+    const auto lists = snapshot_test_lists(storage);
+    EXPECT_TRUE(lists.queued.empty());
+    EXPECT_EQ(lists.running.size(), 3u);
+}
+
+TEST_F(SchedulerTest, ConflictingTestWaitsWhileAYoungerOneOvertakes) {
+    queue(pcie_test("0:2:1.0", true, 3, 5));
+    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
+    queue(pcie_test("0:4:0.0"));  // below the running bridge
+    queue(pcie_test("0:9:0.0"));  // elsewhere
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 1);
+    const auto lists = snapshot_test_lists(storage);
+    ASSERT_EQ(lists.queued.size(), 1u);
+    EXPECT_EQ(lists.queued[0]["PCIeInfo"]["SBDF"], "0:4:0.0");
+}
+
+TEST_F(SchedulerTest, CompletedThreadsAreJoinedOnTheNextPass) {
+    queue(pcie_test("0:3:0.0"));
+    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
+    runner->release_all();
+    for (int i = 0; i < 400 && runner->finished < 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(runner->finished, 1);
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 0);
+    EXPECT_TRUE(storage.test_threads.empty());
+    EXPECT_TRUE(storage._test_threads_to_be_joined.empty());
+}
+
+TEST_F(SchedulerTest, TestFolderIsMadeWithoutAShell) {
+    const std::string path = scheduler.create_dir_and_give_path(7);
+    EXPECT_TRUE(std::filesystem::is_directory(path));
+    EXPECT_EQ(std::filesystem::path(path).filename(), "test_7");
+}
+
+struct ConflictCase {
+    const char* name;
+    PCIEConflictCheck::PCIEDevicDetails a, b;
+    bool conflict;
+};
+
+class PCIEConflictTable : public ::testing::TestWithParam<ConflictCase> {};
+
+TEST_P(PCIEConflictTable, Answers) {
+    EXPECT_EQ(PCIEConflictCheck().check_if_conflict(GetParam().a, GetParam().b), GetParam().conflict);
+    EXPECT_EQ(PCIEConflictCheck().check_if_conflict(GetParam().b, GetParam().a), GetParam().conflict);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, PCIEConflictTable,
+    ::testing::Values(ConflictCase{"SameEndpoint", {0, 4, 0, 0}, {0, 4, 0, 0}, false},
+                      ConflictCase{"BridgeOverEndpoint", {0, 2, 1, 0, true, 3, 5}, {0, 4, 0, 0}, true},
+                      ConflictCase{"OtherSegment", {0, 2, 1, 0, true, 3, 5}, {1, 4, 0, 0}, false},
+                      ConflictCase{"EndpointPastRange", {0, 2, 1, 0, true, 3, 5}, {0, 6, 0, 0}, false},
+                      ConflictCase{"InvertedRangeAddsNothing", {0, 2, 1, 0, true, 5, 3}, {0, 4, 0, 0}, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(RecordParsing, SbdfAndLanes) {
+    const auto address = parse_sbdf("0:c1:0.0");
+    ASSERT_TRUE(address);
+    EXPECT_EQ(address->bus, 0xC1u);
+    EXPECT_FALSE(parse_sbdf("0:c1:0"));
+    EXPECT_FALSE(parse_sbdf("0:100:0.0"));
+    std::string error;
+    EXPECT_EQ(parse_lanes(json::array({3, "4,5", true}), error), (std::vector<unsigned>{3, 4, 5}));
+    EXPECT_FALSE(parse_lanes(json::array({"4,x"}), error));
+}
+
+}  // namespace
