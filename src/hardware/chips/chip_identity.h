@@ -16,6 +16,13 @@ constexpr unsigned int kCrnIndexOffset = 224;
 constexpr unsigned int kCrnDataOffset = 228;
 constexpr unsigned int kCrnExtensionOffset = 220;
 
+// Secure state of a KX900 die: bit 19 of this CRN register set means secure.
+constexpr unsigned int kSecureStatusRegister = 0x38101C0;
+constexpr unsigned int kSecureStatusBit = 19;
+// The three fuse words (low, middle, high) from which a KX900 die's 64-bit
+// chip ID is built.
+constexpr unsigned int kAsicIdFuseRegisters[3] = {0x5D6E4, 0x5D6E8, 0x5D6EC};
+
 // A field of the identity register: (value >> shift) & mask.
 struct IdentityField {
     unsigned int shift = 0;
@@ -85,15 +92,15 @@ constexpr IdentityLayout kIdentity{{8, 15}, {0, 3}, 4};
 }  // namespace kx900c
 
 // Families recognised but not otherwise served: enough identity to name
-// their dies. Family/model ranges are disjoint from every other row, so at
-// most one processor row can ever match.
+// their dies. Ferrow and Ferrow2 share a family/model range and are told
+// apart by their root function; all other ranges are disjoint.
 struct ClientFamily {
     unsigned int family;
     unsigned int model_first, model_last;
     unsigned int root_function_device_id;
 };
 namespace ferrow { constexpr ClientFamily kId{0x17, 0x00, 0x0F, 0x2B10}; }
-namespace ferrow2 { constexpr ClientFamily kId{0x17, 0x10, 0x1F, 0x2B20}; }
+namespace ferrow2 { constexpr ClientFamily kId{0x17, 0x00, 0x0F, 0x2B20}; }
 namespace sabrel1 { constexpr ClientFamily kId{0x17, 0x20, 0x2F, 0x2B30}; }
 namespace sabrel2 { constexpr ClientFamily kId{0x17, 0x30, 0x3F, 0x2B40}; }
 namespace sabrel_crown { constexpr ClientFamily kId{0x17, 0x40, 0x4F, 0x2B50}; }
