@@ -16,6 +16,8 @@ constexpr unsigned int kCrnIndexOffset = 224;
 constexpr unsigned int kCrnDataOffset = 228;
 constexpr unsigned int kCrnExtensionOffset = 220;
 
+// The silicon revision word every die answers, stamped into reports.
+constexpr unsigned int kSiliconRevisionRegister = 0x10134000;
 // Secure state of a KX900 die: bit 19 of this CRN register set means secure.
 constexpr unsigned int kSecureStatusRegister = 0x38101C0;
 constexpr unsigned int kSecureStatusBit = 19;
