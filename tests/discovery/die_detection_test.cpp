@@ -183,22 +183,6 @@ TEST_F(DieDetection, FourDieAcceleratorGivesFourDiesWithSocketFromItsRegister) {
     EXPECT_EQ(maker.calls[0].selector, 0u);
 }
 
-TEST(FilterDie, EachOverloadKeepsMatchingNamesInOrder) {
-    std::vector<VEX_DIE_INFO> dies(4);
-    const char* names[] = {"Corvane", "KX900X", "Corvane", "KX800"};
-    for (size_t i = 0; i < dies.size(); ++i) {
-        dies[i].is_gpu = true;
-        dies[i].gpu.name = names[i];
-        dies[i].gpu.die = static_cast<unsigned>(i);
-    }
-    EXPECT_EQ(DetectVEXDies::filter_die(dies, "Corvane").size(), 2u);
-    EXPECT_EQ(DetectVEXDies::filter_die(dies, std::string("KX800"))[0].die(), 3u);
-    const auto kept = DetectVEXDies::filter_die(dies, std::vector<std::string>{"KX800", "KX900X"});
-    ASSERT_EQ(kept.size(), 2u);
-    EXPECT_EQ(kept[0].die(), 1u);
-    EXPECT_EQ(DetectVEXDies::filter_die(dies, [](const std::string& n) { return n.rfind("KX", 0) == 0; }).size(), 2u);
-}
-
 namespace {
 VEX_DIE_INFO named_die(const std::string& name) {
     VEX_DIE_INFO die;
