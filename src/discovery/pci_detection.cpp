@@ -41,9 +41,8 @@ void scan_all_functions(const ReadPCI& read, Visit visit) {
                 }
 }
 
-template <typename Record>
-Record make_record(const Device_ID& address, unsigned int ids) {
-    Record record;
+PCIDeviceDetails make_record(const Device_ID& address, unsigned int ids) {
+    PCIDeviceDetails record;
     record.segment = address.segment;
     record.bus = address.bus;
     record.device = address.device;
@@ -68,7 +67,7 @@ std::vector<PCIDeviceDetails> DetectPCIDevices::operator()(std::shared_ptr<ReadP
     std::vector<PCIDeviceDetails> found;
     scan_all_functions(*read, [&](const Device_ID& address, bool present, unsigned int ids) {
         if (!present) return address.function == 0 ? Next::Device : Next::Function;
-        found.push_back(make_record<PCIDeviceDetails>(address, ids));
+        found.push_back(make_record(address, ids));
         return Next::Function;
     });
     return found;
@@ -83,7 +82,7 @@ std::vector<PCIDeviceDetails> DetectVEXPCIeDevices::operator()() const {
         if (!present) return address.function == 0 ? Next::Device : Next::Function;
         const unsigned int vendor = ids & 0xFFFF;
         if (std::find(_vendor_ids.begin(), _vendor_ids.end(), vendor) == _vendor_ids.end()) return Next::Function;
-        found.push_back(make_record<PCIDeviceDetails>(address, ids));
+        found.push_back(make_record(address, ids));
         if (address.function != 0) return Next::Function;
         unsigned int header = 0;
         read_config_dword(*_read, address, kHeaderTypeByteOffset, header);
@@ -100,7 +99,7 @@ std::vector<DetectEPPCIeDevices::DeviceDetails> DetectEPPCIeDevices::operator()(
         if (!present) return Next::Device;
         if (header_type(*_read, address) == 0 && address.function == 0 &&
             PCIE::GetPortType(address, unowned(_read)).detect() != PCIE::GetPortType::ROOT_COMPLEX_INTEGERATED_ENDPOINT)
-            found.push_back(make_record<DeviceDetails>(address, ids));
+            found.push_back(make_record(address, ids));
         return Next::Function;
     });
     return found;
@@ -113,7 +112,7 @@ std::vector<DetectRCPCIeDevices::DeviceDetails> DetectRCPCIeDevices::operator()(
     scan_all_functions(*_read, [&](const Device_ID& address, bool present, unsigned int ids) {
         if (!present) return Next::Device;
         if (PCIE::is_vex_vendor_id(ids & 0xFFFF) && header_type(*_read, address) == 1)
-            found.push_back(make_record<DeviceDetails>(address, ids));
+            found.push_back(make_record(address, ids));
         return Next::Function;
     });
     return found;

@@ -30,16 +30,6 @@ private:
     std::vector<unsigned int> _vendor_ids;
 };
 
-// The six fields of a detected function, as the two scans below return them.
-struct PCIScanRecord {
-    unsigned int segment = 0;
-    unsigned int bus = 0;
-    unsigned int device = 0;
-    unsigned int function = 0;
-    unsigned int vendor_id = 0;
-    unsigned int device_id = 0;
-};
-
 // Function-0 endpoints of any vendor, root complex integrated endpoints
 // excepted. Any missing function ends its device.
 //
@@ -47,7 +37,7 @@ struct PCIScanRecord {
 // through an accessor of its own), so the scan works over any ReadPCI.
 class DetectEPPCIeDevices {
 public:
-    using DeviceDetails = PCIScanRecord;
+    using DeviceDetails = PCIDeviceDetails;
     explicit DetectEPPCIeDevices(ReadPCI* read);
     std::vector<DeviceDetails> operator()() const;
 
@@ -58,7 +48,7 @@ private:
 // Bridges of the platform's vendor IDs. Any missing function ends its device.
 class DetectRCPCIeDevices {
 public:
-    using DeviceDetails = PCIScanRecord;
+    using DeviceDetails = PCIDeviceDetails;
     explicit DetectRCPCIeDevices(ReadPCI* read);
     std::vector<DeviceDetails> operator()() const;
 

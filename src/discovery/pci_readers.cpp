@@ -73,9 +73,6 @@ bool link_speed_to_string(LINK_SPEEDS speed, std::string& text, std::string& err
     return true;
 }
 
-GetCurrentLinkSpeed::GetCurrentLinkSpeed(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability)
-    : _device(device), _read(read), _capability(capability) {}
-
 bool GetCurrentLinkSpeed::get(SPEEDS& value, std::string& error) const {
     // The current speed is the low nibble of the link status word.
     return read_link_speed(_read, _device, _capability, kLinkControlStatusOffset, 16, value, error, false);
@@ -86,9 +83,6 @@ bool GetCurrentLinkSpeed::get(std::string& value, std::string& error) const {
     return get(speed, error) && link_speed_to_string(speed, value, error);
 }
 
-GetMaxLinkSpeed::GetMaxLinkSpeed(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability)
-    : _device(device), _read(read), _capability(capability) {}
-
 bool GetMaxLinkSpeed::get(SPEEDS& value, std::string& error) const {
     return read_link_speed(_read, _device, _capability, kLinkCapabilitiesOffset, 0, value, error, true);
 }
@@ -97,9 +91,6 @@ bool GetMaxLinkSpeed::get(std::string& value, std::string& error) const {
     SPEEDS speed{};
     return get(speed, error) && link_speed_to_string(speed, value, error);
 }
-
-GetCurrentLinkWidth::GetCurrentLinkWidth(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability)
-    : _device(device), _read(read), _capability(capability) {}
 
 bool GetCurrentLinkWidth::get(WIDTH& value, std::string& error) const {
     unsigned int dword = 0;
@@ -126,9 +117,6 @@ bool GetCurrentLinkWidth::get(std::string& value, std::string& error) const {
     error = "Unknown width value";
     return false;
 }
-
-GetPowerState::GetPowerState(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability)
-    : _device(device), _read(read), _capability(capability) {}
 
 bool GetPowerState::get_power_state(POWER_STATE& value, std::string& error) const {
     unsigned int base = 0;
@@ -162,7 +150,7 @@ bool GetPowerState::get_aspm_state(ASPM_STATE& value, std::string& error) const 
 
 PCIeRegAccessor::PCIeRegAccessor(Device_ID device, ReadPCI& read, WritePCI& write,
                                  DetectThisPCIECapability& capability, unsigned int offset)
-    : _device(device), _read(read), _write(write), _capability(capability), _offset(offset) {}
+    : PCIeCapabilityReader(device, read, capability), _write(write), _offset(offset) {}
 
 bool PCIeRegAccessor::get(unsigned int& value, std::string& error) const {
     unsigned int base = 0;

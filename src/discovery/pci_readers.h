@@ -25,71 +25,68 @@ enum LINK_SPEEDS : unsigned int {
 // "2.5 GT/s" ... "32 GT/s"; false with "Unknown speed value" outside the range.
 bool link_speed_to_string(LINK_SPEEDS speed, std::string& text, std::string& error);
 
-// The speed the link runs at, accepted only when the port also lists it as supported.
-class GetCurrentLinkSpeed {
+// What the capability readers share: the function, its reader and the
+// capability search they go through.
+class PCIeCapabilityReader {
 public:
-    using SPEEDS = LINK_SPEEDS;
-    GetCurrentLinkSpeed(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability);
-    bool get(SPEEDS& value, std::string& error) const;
-    bool get(std::string& value, std::string& error) const;
+    PCIeCapabilityReader(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability)
+        : _device(device), _read(read), _capability(capability) {}
 
-private:
+protected:
     Device_ID _device;
     ReadPCI& _read;
     DetectThisPCIECapability& _capability;
+};
+
+// The speed the link runs at, accepted only when the port also lists it as supported.
+class GetCurrentLinkSpeed : public PCIeCapabilityReader {
+public:
+    using PCIeCapabilityReader::PCIeCapabilityReader;
+    using SPEEDS = LINK_SPEEDS;
+    bool get(SPEEDS& value, std::string& error) const;
+    bool get(std::string& value, std::string& error) const;
+
 };
 
 // The highest speed of the port's link capabilities, checked against the supported vector.
-class GetMaxLinkSpeed {
+class GetMaxLinkSpeed : public PCIeCapabilityReader {
 public:
+    using PCIeCapabilityReader::PCIeCapabilityReader;
     using SPEEDS = LINK_SPEEDS;
-    GetMaxLinkSpeed(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability);
     bool get(SPEEDS& value, std::string& error) const;
     bool get(std::string& value, std::string& error) const;
 
-private:
-    Device_ID _device;
-    ReadPCI& _read;
-    DetectThisPCIECapability& _capability;
 };
 
 // The negotiated width: 1, 2, 4, 8, 16 or 32 lanes.
-class GetCurrentLinkWidth {
+class GetCurrentLinkWidth : public PCIeCapabilityReader {
 public:
+    using PCIeCapabilityReader::PCIeCapabilityReader;
     enum WIDTH : unsigned int { X1 = 1, X2 = 2, X4 = 4, X8 = 8, X16 = 16, X32 = 32 };
-    GetCurrentLinkWidth(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability);
     bool get(WIDTH& value, std::string& error) const;
     // "x1" ... "x32".
     bool get(std::string& value, std::string& error) const;
 
-private:
-    Device_ID _device;
-    ReadPCI& _read;
-    DetectThisPCIECapability& _capability;
 };
 
-class GetPowerState {
+class GetPowerState : public PCIeCapabilityReader {
 public:
+    using PCIeCapabilityReader::PCIeCapabilityReader;
     // Power management status, low two bits.
     enum POWER_STATE : unsigned int { D0 = 0, D1 = 1, D2 = 2, D3 = 3 };
     // Link control, low two bits.
     enum ASPM_STATE : unsigned int { ASPM_DISABLED = 0, ASPM_L0S = 1, ASPM_L1 = 2, ASPM_L0S_AND_L1 = 3 };
 
-    GetPowerState(Device_ID device, ReadPCI& read, DetectThisPCIECapability& capability);
     // On a missing capability the search's text is followed by a sentence of its own.
     bool get_power_state(POWER_STATE& value, std::string& error) const;
     bool get_aspm_state(ASPM_STATE& value, std::string& error) const;
 
-private:
-    Device_ID _device;
-    ReadPCI& _read;
-    DetectThisPCIECapability& _capability;
 };
 
 // A 16-bit register at a fixed offset in the PCI Express capability. set
 // writes the whole dword back with the upper half as read, so status bits
 // that clear on a written one are written back as they were.
-class PCIeRegAccessor {
+class PCIeRegAccessor : public PCIeCapabilityReader {
 public:
     PCIeRegAccessor(Device_ID device, ReadPCI& read, WritePCI& write, DetectThisPCIECapability& capability,
                     unsigned int offset);
@@ -97,10 +94,7 @@ public:
     bool set(const unsigned int& value, std::string& error) const;
 
 private:
-    Device_ID _device;
-    ReadPCI& _read;
     WritePCI& _write;
-    DetectThisPCIECapability& _capability;
     unsigned int _offset;
 };
 
