@@ -4,7 +4,7 @@
 #include "discovery/read_fuse.h"
 #include "discovery/secure_status.h"
 #include "discovery/fake_die_machine.h"
-#include "discovery/thrown_text.h"
+#include "discovery/die_test_helpers.h"
 #include "hardware/chips/chip_identity.h"
 #include "hardware/fake_system_facts.h"
 #include "hardware/gfx_accessor_maker.h"
@@ -182,15 +182,6 @@ TEST_F(DieDetection, FourDieAcceleratorGivesFourDiesWithSocketFromItsRegister) {
     EXPECT_FALSE(maker.calls[0].kx900_style);
     EXPECT_EQ(maker.calls[0].selector, 0u);
 }
-
-namespace {
-VEX_DIE_INFO named_die(const std::string& name) {
-    VEX_DIE_INFO die;
-    die.is_gpu = true;
-    die.gpu.name = name;
-    return die;
-}
-}  // namespace
 
 TEST(SecureStatus, OnlyKX900DiesReadBit19) {
     const struct {

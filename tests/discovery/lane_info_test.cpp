@@ -4,26 +4,16 @@
 #include <typeinfo>
 
 #include "discovery/lane_generic_information.h"
-#include "discovery/thrown_text.h"
+#include "discovery/die_test_helpers.h"
 #include "hardware/chips/corvane_lanes.h"
 #include "hardware/chips/kx900_lanes.h"
 #include "hardware/chips/other_chip_lanes.h"
 
+using die_test::named_die;
 using die_test::thrown_text;
 
-namespace {
-
-VEX_DIE_INFO die_named(const std::string& name) {
-    VEX_DIE_INFO die;
-    die.is_cpu = true;
-    die.cpu.name = name;
-    return die;
-}
-
-}  // namespace
-
 TEST(CorvaneLanes, LinksInOrderWithTheirLanesAndPhys) {
-    const auto info = get_lane_generic_info(die_named("Corvane"));
+    const auto info = get_lane_generic_info(named_die("Corvane"));
     const std::vector<std::string> expected = {"G0", "G1", "G2", "G3", "P0", "P1", "P2",
                                                "P3", "P4", "P5", "SSPUSB0CNTR0PORT0", "SSPUSB0CNTR0PORT1",
                                                "SSPUSB1CNTR0PORT0", "SSPUSB1CNTR0PORT1"};
@@ -79,10 +69,10 @@ TEST(LaneInfoChoice, EachDieNameGetsItsClass) {
     };
     for (const auto& [names, type] : rows)
         for (const char* name : names) {
-            const auto info = get_lane_generic_info(die_named(name));
+            const auto info = get_lane_generic_info(named_die(name));
             EXPECT_EQ(typeid(*info).name(), type) << name;
         }
-    EXPECT_EQ(thrown_text([] { get_lane_generic_info(die_named("Hesk32")); }),
+    EXPECT_EQ(thrown_text([] { get_lane_generic_info(named_die("Hesk32")); }),
               "Error in get_lane_generic_info. Did not handle Hesk32");
 }
 
@@ -93,7 +83,7 @@ TEST(LaneInfoChoice, FamiliesWithoutPcsBaseSayNotImplemented) {
         {"Ferrow2", "Ferrow2LaneGenericInformation::get_pcs_base_address Not implemented"},
     };
     for (const auto& [name, text] : rows) {
-        const auto info = get_lane_generic_info(die_named(name));
+        const auto info = get_lane_generic_info(named_die(name));
         EXPECT_EQ(thrown_text([&] { info->get_pcs_base_address(info->get_link_names().at(0)); }), text);
     }
 }
