@@ -79,6 +79,8 @@ PCIIdDatabase::PCIIdDatabase(const std::string& path) {
 }
 
 std::pair<std::string, std::string> PCIIdDatabase::vendor_names(unsigned int vendor_id) const {
+    // What an absent function reads; the database's rows for them name no maker.
+    if (vendor_id == 0x0000 || vendor_id == 0xFFFF) return {};
     const auto found = _vendors.find(vendor_id);
     if (found == _vendors.end()) return {};
     const std::string& name = found->second;

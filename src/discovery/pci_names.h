@@ -22,6 +22,7 @@ public:
     // Short and long name; two empty strings for an unknown vendor. The file
     // holds one name per vendor: a trailing "[...]" is the short name and the
     // text before it the long one; without it both are the whole name.
+    // 0x0000 and 0xFFFF, what absent functions read, have no name.
     std::pair<std::string, std::string> vendor_names(unsigned int vendor_id) const;
     // The sub-class name, followed by " (" programming interface name ")"
     // when the file lists that interface; nothing when the sub-class is unknown.

@@ -81,6 +81,7 @@ TEST(PCIIdDatabase, ReadsTheSystemDatabase) {
     EXPECT_EQ(database.class_text(0x06, 0x04, 0x00), "PCI bridge (Normal decode)");
     EXPECT_EQ(database.class_text(0x01, 0x08, 0x02), "Non-Volatile memory controller (NVM Express)");
     EXPECT_FALSE(database.vendor_names(0x1002).first.empty());
+    EXPECT_EQ(database.vendor_names(0xFFFF), std::make_pair(std::string(), std::string()));  // absent function
 }
 
 }  // namespace
