@@ -1,0 +1,60 @@
+#include "simulator/model_clock.h"
+
+#include <thread>
+#include <unordered_map>
+
+namespace sim {
+
+namespace {
+std::atomic<uint64_t> next_clock_id{1};
+std::atomic<uint64_t> next_thread_key{1};
+thread_local const uint64_t this_thread_key = next_thread_key++;
+}  // namespace
+
+struct ModelClock::ThreadState {
+    bool own = false;       // has slept: time moves only by its own sleeps
+    bool looked = false;
+    int64_t local = 0;      // own time, or the frontier when last looked
+};
+
+ModelClock::ModelClock(std::chrono::system_clock::time_point start, double time_scale)
+    : _id(next_clock_id++), _start(start), _time_scale(time_scale > 0 ? time_scale : 1.0) {}
+
+// Clocks are told apart by a number that is never reused, so a thread's
+// entry for a clock that is gone can never be taken for a new clock's.
+ModelClock::ThreadState& ModelClock::_state() {
+    thread_local std::unordered_map<uint64_t, ThreadState> states;
+    return states[_id];
+}
+
+void ModelClock::_advance_frontier(int64_t ns) {
+    int64_t seen = _frontier.load();
+    while (seen < ns && !_frontier.compare_exchange_weak(seen, ns)) {
+    }
+}
+
+ModelTime ModelClock::now() {
+    ThreadState& state = _state();
+    if (!state.own) {
+        state.local = _frontier.load();
+        state.looked = true;
+    }
+    return {this_thread_key, state.local};
+}
+
+void ModelClock::sleep_for(std::chrono::nanoseconds nominal) {
+    ThreadState& state = _state();
+    if (!state.own) {
+        if (!state.looked) state.local = _frontier.load();
+        state.own = true;
+    }
+    if (nominal.count() > 0) state.local += nominal.count();
+    _advance_frontier(state.local);
+    const auto real = std::chrono::duration<double, std::nano>(static_cast<double>(nominal.count()) / _time_scale);
+    if (real.count() >= 1.0)
+        std::this_thread::sleep_for(std::chrono::duration_cast<std::chrono::nanoseconds>(real));
+    else
+        std::this_thread::yield();
+}
+
+}  // namespace sim

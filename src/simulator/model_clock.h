@@ -1,0 +1,93 @@
+// Virtual time of the platform model.
+//
+// Every thread has its own model time, so that what one thread measures
+// between its own steps is exactly what it slept, whatever other threads do
+// and however loaded the machine is: a lane that dwells 1 s sees 1 s pass,
+// never more. This is what makes results repeatable.
+//
+// - A thread that has never slept follows the frontier: the latest model
+//   time any thread has reached. Service threads that only answer requests
+//   therefore see time move on.
+// - At its first sleep a thread takes its own time, starting where it last
+//   looked (so the wait around that first sleep is exact too), and from then
+//   on its time moves only by what it sleeps.
+// - sleep_for(nominal) advances the caller's time by nominal and really
+//   waits nominal / time scale.
+//
+// Something that one thread starts and another waits for (a retrain, say)
+// is timed with ModelDeadline, which lets each observer see the wait run out
+// after the nominal time on its own clock, so a thread whose clock lags far
+// behind is never stuck.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace sim {
+
+// A moment as one thread sees it: nanoseconds since the model started.
+struct ModelTime {
+    uint64_t thread = 0;
+    int64_t ns = 0;
+};
+
+class ModelClock {
+public:
+    // time_scale: how much faster than real time sleeps pass (1 = real time).
+    ModelClock(std::chrono::system_clock::time_point start, double time_scale);
+
+    ModelTime now();
+    void sleep_for(std::chrono::nanoseconds nominal);
+
+    std::chrono::system_clock::time_point start() const { return _start; }
+    std::chrono::system_clock::time_point to_system(int64_t ns) const {
+        return _start + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::nanoseconds(ns));
+    }
+    int64_t frontier() const { return _frontier.load(); }
+    double time_scale() const { return _time_scale; }
+
+private:
+    struct ThreadState;
+    ThreadState& _state();
+    void _advance_frontier(int64_t ns);
+
+    const uint64_t _id;
+    const std::chrono::system_clock::time_point _start;
+    const double _time_scale;
+    std::atomic<int64_t> _frontier{0};
+};
+
+// A wait that one thread starts and any thread may look at.
+class ModelDeadline {
+public:
+    void start(const ModelTime& now, int64_t duration_ns) {
+        _active = true;
+        _owner = now.thread;
+        _end = now.ns + duration_ns;
+        _duration = duration_ns;
+        _first_seen.clear();
+    }
+    void clear() { _active = false; }
+    bool active() const { return _active; }
+    // True when nothing runs, or when the wait is over for this observer:
+    // its clock passed the end, or it has itself seen the full duration pass.
+    bool expired(const ModelTime& now) {
+        if (!_active || now.ns >= _end) return true;
+        if (now.thread == _owner) return false;
+        for (const auto& [thread, seen] : _first_seen)
+            if (thread == now.thread) return now.ns >= seen + _duration;
+        _first_seen.emplace_back(now.thread, now.ns);
+        return false;
+    }
+
+private:
+    bool _active = false;
+    uint64_t _owner = 0;
+    int64_t _end = 0, _duration = 0;
+    std::vector<std::pair<uint64_t, int64_t>> _first_seen;
+};
+
+}  // namespace sim

@@ -1,1 +1,0 @@
-// The platform model grows here: profiles, configuration space, on-chip registers.

@@ -1,0 +1,59 @@
+// The product's own discovery over the default machine.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "discovery/die_detection.h"
+#include "discovery/pci_detection.h"
+#include "hardware/chips/chip_identity.h"
+#include "sim_fixture.h"
+
+namespace {
+
+class Discovery : public SimPlatformTest {
+protected:
+    void SetUp() override { platform.install(); }
+    void TearDown() override {
+        set_system_facts(nullptr);
+        set_gfx_accessor_maker(nullptr);
+    }
+};
+
+TEST_F(Discovery, ScanFindsEveryModelledFunction) {
+    const auto found = DetectPCIDevices()(read);
+    std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned>> got;
+    for (const auto& f : found) got.emplace_back(f.bus, f.device, f.function, f.vendor_id, f.device_id);
+    const std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned>> expected = {
+        {0x00, 0, 0, 0x1F7E, 0x14A4}, {0x00, 1, 0, 0x1F7E, 0x14AB}, {0x00, 1, 1, 0x1F7E, 0x14AB},
+        {0x00, 24, 0, 0x1F7E, 0x14AD}, {0x00, 25, 0, 0x1F7E, 0x14AD}, {0x01, 0, 0, 0x1000, 0xC010},
+        {0x02, 0, 0, 0x1000, 0xC010}, {0x02, 1, 0, 0x1000, 0xC010}, {0x02, 2, 0, 0x1000, 0xC010},
+        {0x03, 0, 0, 0x144D, 0xA80A}, {0x04, 0, 0, 0x8086, 0x1572}, {0x04, 0, 1, 0x8086, 0x1572},
+        {0x40, 0, 0, 0x1F7E, 0x14A4}, {0x40, 1, 0, 0x1F7E, 0x14AB}, {0x41, 0, 0, 0x15B3, 0x1021},
+        {0x41, 0, 1, 0x15B3, 0x1021}, {0x80, 0, 0, 0x1F7E, 0x14A4}, {0x80, 1, 0, 0x1F7E, 0x14AB},
+        {0x81, 0, 0, 0x1F7D, 0x7408}, {0xC0, 0, 0, 0x1F7E, 0x14A4}, {0xC0, 1, 0, 0x1F7E, 0x14AB},
+        {0xC0, 2, 0, 0x1F7E, 0x14AB}, {0xC1, 0, 0, 0x144D, 0xA80A}, {0xC2, 0, 0, 0x1000, 0x0014},
+    };
+    EXPECT_EQ(got, expected);
+    EXPECT_EQ(found, platform.model().present_functions());
+}
+
+// The accelerator's device ID lies outside every graphics range, so this
+// release sees two processor dies and no graphics die.
+TEST_F(Discovery, DiesAreTheTwoCorvaneSocketsWithTheirRootFunctions) {
+    auto devices = DetectPCIDevices()(read);
+    const auto dies = DetectVEXDies(write)(devices, read);
+    ASSERT_EQ(dies.size(), 2u);
+    for (unsigned socket = 0; socket < 2; ++socket) {
+        const VEX_DIE_INFO& die = dies[socket];
+        EXPECT_TRUE(die.is_cpu);
+        EXPECT_EQ(die.name(), "Corvane");
+        EXPECT_EQ(die.socket(), socket);
+        EXPECT_EQ(die.die(), 0u);
+        EXPECT_EQ(die.cpu.device.device, 24 + socket);
+        ASSERT_EQ(die.cpu.iohc_devices.size(), 2u);
+        EXPECT_EQ(die.cpu.iohc_devices[0].bus, socket == 0 ? 0x00u : 0x80u);
+        EXPECT_EQ(die.cpu.iohc_devices[1].bus, socket == 0 ? 0x40u : 0xC0u);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "sim_fixture.h"
+#include "hardware/chips/chip_identity.h"
+#include "simulator/model_clock.h"
+#include "simulator/noise.h"
+
+namespace {
+
+using namespace std::chrono;
+
+// Time the caller sees moves by exactly what it slept, however long the real
+// wait was (here a millionth of it).
+TEST_F(SimPlatformTest, SleepAdvancesModelTimeByTheNominalAmount) {
+    auto facts = platform.facts();
+    const auto before = facts->now();
+    facts->sleep_for(seconds(10));
+    facts->sleep_for(microseconds(1500));
+    EXPECT_EQ(duration_cast<microseconds>(facts->now() - before), microseconds(10'001'500));
+}
+
+TEST(ModelClock, ThreadsKeepTheirOwnTimeAndNewThreadsStartAtTheFrontier) {
+    sim::ModelClock clock(system_clock::time_point(seconds(1'700'000'000)), 1e9);
+    clock.sleep_for(seconds(5));
+    int64_t other_start = -1, other_after = -1;
+    std::thread other([&] {
+        other_start = clock.now().ns;
+        clock.sleep_for(seconds(60));
+        other_after = clock.now().ns;
+    });
+    other.join();
+    EXPECT_EQ(other_start, 5'000'000'000);
+    EXPECT_EQ(other_after, 65'000'000'000);
+    EXPECT_EQ(clock.now().ns, 5'000'000'000);  // the other thread's sleep isn't ours
+    EXPECT_EQ(clock.frontier(), 65'000'000'000);
+    EXPECT_EQ(clock.to_system(clock.now().ns), system_clock::time_point(seconds(1'700'000'005)));
+}
+
+// The thread that starts a wait sees it end after the nominal time on its
+// own clock; another thread far behind sees it end after the same nominal
+// time from when it first looked, not when its clock catches up.
+TEST(ModelDeadline, EachObserverWaitsTheNominalTime) {
+    sim::ModelDeadline deadline;
+    deadline.start({1, 1000}, 100);
+    EXPECT_FALSE(deadline.expired({1, 1099}));
+    EXPECT_TRUE(deadline.expired({1, 1100}));
+    EXPECT_FALSE(deadline.expired({2, 10}));
+    EXPECT_FALSE(deadline.expired({2, 109}));
+    EXPECT_TRUE(deadline.expired({2, 110}));
+    deadline.clear();
+    EXPECT_TRUE(deadline.expired({3, 0}));
+}
+
+TEST(Noise, SameSeedSameValuesAnotherSeedOthers) {
+    const sim::Noise a(42), b(42), c(43);
+    double spread = 0;
+    for (uint64_t lane = 0; lane < 64; ++lane) {
+        EXPECT_EQ(a.normal({7, lane}), b.normal({7, lane}));
+        EXPECT_EQ(a.uniform({7, lane}), b.uniform({7, lane}));
+        EXPECT_NE(a.normal({7, lane}), c.normal({7, lane}));
+        const double u = a.uniform({7, lane});
+        EXPECT_TRUE(u >= 0 && u < 1);
+        spread += std::abs(a.normal({7, lane}));
+    }
+    EXPECT_GT(spread / 64, 0.4);  // a real spread, not a constant
+    EXPECT_LT(spread / 64, 1.3);
+}
+
+// Fuse words left out of a profile come from the seed.
+TEST(Noise, UnspecifiedFuseWordsFollowTheSeed) {
+    sim::Profile profile = sim::parse_profile_text(sim::default_profile_text());
+    profile.sockets[0].fuses.clear();
+    auto fuse = [&](uint64_t seed) {
+        sim::Platform p = sim::make_platform(profile, seed);
+        return p.model().die_accessor(0, 0)->read32(chips::kAsicIdFuseRegisters[1]);
+    };
+    EXPECT_EQ(fuse(9), fuse(9));
+    EXPECT_NE(fuse(9), fuse(10));
+}
+
+TEST_F(SimPlatformTest, FactsComeFromTheProfile) {
+    auto facts = platform.facts();
+    EXPECT_EQ(facts->host_name(), "lw-sim-2s");
+    EXPECT_EQ(facts->numa_mode(), "2");
+    EXPECT_EQ(facts->kernel_version(), "6.1.0-21-amd64");
+    const ProcessorIdentity id = facts->processor_identity();
+    EXPECT_EQ(id.family, 0x1Au);
+    EXPECT_EQ(id.model, 2u);
+}
+
+}  // namespace
