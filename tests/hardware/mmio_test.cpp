@@ -117,16 +117,6 @@ TEST_F(MMIOTest, AccessFailsWhenTheMappingFails) {
     EXPECT_EQ(word_at(mem(), 0), 0x77u);
 }
 
-TEST_F(MMIOTest, BoundAccessRestoresTheThreadsAffinity) {
-    make_memory(mem(), 4096, {{8, 0x42}});
-    const CPUMask before = getAffinity();
-    MMIO_lin mmio(CPU(0), fmem(), mem());
-    unsigned int value = 0;
-    EXPECT_TRUE(mmio.read(0, 8, value, false));
-    EXPECT_EQ(value, 0x42u);
-    EXPECT_EQ(getAffinity(), before);
-}
-
 TEST_F(MMIOTest, ConfigurationAccessWrapsTheLowHalfInsideItsBlock) {
     // 4 GiB + 8 KiB, sparse: a read that carried into the high half would find the second word.
     make_memory(mem(), 0x100002000, {{0x10, 0xAAAA0010}, {0x100000010, 0xBBBB0010}});

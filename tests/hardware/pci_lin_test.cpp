@@ -82,24 +82,6 @@ TEST_F(PCILinTest, PlainOperationsUseSegmentZeroAndAnEightBitOffset) {
     EXPECT_EQ(dword, 0x13121110u);  // segment 1's file is too short to give this
 }
 
-TEST_F(PCILinTest, WritesTouchOnlyTheirWidth) {
-    sysfs.add_function(0, 0, 4, 0, 64);
-    PCI_lin pci(sysfs.root());
-    EXPECT_TRUE(pci.writeWordEx(0, 0, 4, 0, 0x10, 0xCAFE));
-    EXPECT_TRUE(pci.writeDWord(0, 4, 0, 0x20, 0x01020304));
-    EXPECT_TRUE(pci.writeByte(0, 4, 0, 0x30, 0x99));
-    const auto bytes = sysfs.read_config(0, 0, 4, 0);
-    EXPECT_EQ(bytes[0x0F], 0x0F);
-    EXPECT_EQ(bytes[0x10], 0xFE);
-    EXPECT_EQ(bytes[0x11], 0xCA);
-    EXPECT_EQ(bytes[0x12], 0x12);
-    EXPECT_EQ(bytes[0x20], 0x04);
-    EXPECT_EQ(bytes[0x23], 0x01);
-    EXPECT_EQ(bytes[0x30], 0x99);
-    EXPECT_EQ(bytes[0x31], 0x31);
-    EXPECT_FALSE(pci.writeDWordEx(0, 9, 9, 0, 0, 1));
-}
-
 // Fails the byte read at one offset, as a device that stops answering would.
 class FailingByte : public PCI_lin {
 public:
