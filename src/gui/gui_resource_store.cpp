@@ -4,7 +4,9 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "discovery/die_detection.h"
 #include "hardware/file_logger.h"
+#include "hardware/pci_std.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
 #include "hardware/time_format.h"
@@ -15,10 +17,13 @@ constexpr const char* kNotInitialised = "Error: PCIE device list is not initaliz
 
 GUIResourceStore::GUIResourceStore(std::string root_folder) : _root_folder(std::move(root_folder)) {}
 
-void GUIResourceStore::store_pcie_device_list(std::vector<PCIDeviceDetails>& devices) {
+void GUIResourceStore::store_pcie_device_list(std::vector<PCIDeviceDetails>& devices, std::shared_ptr<ReadPCI> read,
+                                              std::shared_ptr<WritePCI> write) {
     NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
     _device_list = devices;
     _list_valid = true;
+    if (!read) read = std::make_shared<ReadPCIStd>();
+    _die_list = DetectVEXDies(std::move(write))(_device_list, read);
 }
 
 void GUIResourceStore::store_die_list(const std::vector<VEX_DIE_INFO>& dies) {

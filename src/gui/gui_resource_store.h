@@ -2,9 +2,11 @@
 // folders results are written to.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "hardware/pci_access.h"
 #include "hardware/pci_device_details.h"
 #include "hardware/vex_die_info.h"
 
@@ -13,7 +15,10 @@ public:
     // The root of the result archive; "/lanewright_gui" on real hardware.
     explicit GUIResourceStore(std::string root_folder = "/lanewright_gui");
 
-    void store_pcie_device_list(std::vector<PCIDeviceDetails>& devices);
+    // Keeps the list and detects the dies among it. The accessors are the
+    // machine's (the real ones when none are given).
+    void store_pcie_device_list(std::vector<PCIDeviceDetails>& devices, std::shared_ptr<ReadPCI> read = nullptr,
+                                std::shared_ptr<WritePCI> write = nullptr);
     void store_die_list(const std::vector<VEX_DIE_INFO>& dies);
     std::vector<PCIDeviceDetails> get_pcie_device_list();
     std::vector<VEX_DIE_INFO> get_die_list();

@@ -8,7 +8,11 @@
 #include "gui/gui_resource_store.h"
 #include "gui/max_test_scheduler.h"
 #include "gui/test_storage.h"
+#include "discovery/pci_detection.h"
+#include "hardware/crn_factory.h"
 #include "hardware/file_logger.h"
+#include "hardware/pci_std.h"
+#include "service/startup_inventory.h"
 #include "service/service_loop.h"
 #include "service/shutdown_signals.h"
 #include "service/web_back_end.h"
@@ -37,10 +41,21 @@ void log_dropped_queue(TestStorage& storage) {
 int run_service(const ServiceOptions& options) {
     ShutdownSignals::block_in_this_process();
 
-    std::vector<PCIDeviceDetails> devices;
+    std::shared_ptr<ReadPCI> read = options.read ? options.read : std::make_shared<ReadPCIStd>();
+    std::shared_ptr<WritePCI> write = options.write ? options.write : std::make_shared<WritePCIStd>();
+    CRNFactory::initalize(read, write);
+
+    std::vector<PCIDeviceDetails> devices = DetectPCIDevices()(read);
     GUIResourceStore store(options.results_root);
-    store.store_pcie_device_list(devices);
+    try {
+        store.store_pcie_device_list(devices, read, write);
+    } catch (const std::exception& error) {
+        // A machine the die tables can't describe; say so rather than abort.
+        std::cerr << "Error: die detection failed: " << error.what() << std::endl;
+        return 1;
+    }
     const std::vector<VEX_DIE_INFO> dies = store.get_die_list();
+    print_inventory(inventory_lines(devices, dies, read));
     if (platform_refuses_gui(dies)) {
         std::cout << "Graphical User Interface is not supported on this platform" << std::endl;
         return 0;

@@ -1,7 +1,10 @@
 // Start-up, serving and shutdown of the service, shared by both executables.
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include "hardware/pci_access.h"
 
 struct ServiceOptions {
     unsigned long port = 9970;
@@ -9,6 +12,9 @@ struct ServiceOptions {
     std::string results_root = "/lanewright_gui";
     // Front-end files; empty means the "UI" folder beside the executable.
     std::string ui_folder;
+    // The machine's configuration space; the real sysfs accessors when empty.
+    std::shared_ptr<ReadPCI> read;
+    std::shared_ptr<WritePCI> write;
 };
 
 // Runs the service until "/stop", SIGINT or SIGTERM. Returns the exit code.
