@@ -64,6 +64,10 @@ constexpr unsigned kCapPowerManagement = 0x01, kCapPciExpress = 0x10;
 constexpr unsigned kExtCapAer = 0x0001, kExtCapSerialNumber = 0x0003, kExtCapAcs = 0x000D;
 constexpr unsigned kExtCapSecondaryPcie = 0x0019, kExtCapLaneMargining = 0x0027;
 
+// Where the model puts its standard capabilities. The PCI Express one sits
+// where the chip's own port registers mirror it (link capabilities at 0x64).
+constexpr unsigned kPowerManagementAt = 0x50, kPciExpressAt = 0x58;
+
 // Inside the PCI Express capability.
 constexpr unsigned kPcieCapabilities = 0x02, kDeviceCapabilities = 0x04, kDeviceControl = 0x08, kDeviceStatus = 0x0A;
 constexpr unsigned kLinkCapabilities = 0x0C, kLinkControl = 0x10, kLinkStatus = 0x12;

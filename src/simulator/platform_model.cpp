@@ -123,13 +123,13 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
         link_at = at + 1;
     };
     if (s.power_management) {
-        f.pm = 0x40;
+        f.pm = cfg::kPowerManagementAt;
         add_cap(f.pm, cfg::kCapPowerManagement);
         c.define(f.pm + 2, 2, 0xC803);                       // version 3, PME from D0, D3hot, D3cold
         c.define(f.pm + 4, 2, 0x0008, 0x0103, 0x8000);       // D0, no soft reset; PME status RW1C
     }
     if (s.pcie) {
-        const unsigned p = f.pcie = 0x50;
+        const unsigned p = f.pcie = cfg::kPciExpressAt;
         add_cap(p, cfg::kCapPciExpress);
         c.define(p + cfg::kPcieCapabilities, 2, 0x0002 | s.port_type << 4);
         const uint32_t devcap = s.port_type == cfg::kPortEndpoint ? 0x10008FE2u : 0x00008022u;
@@ -436,6 +436,7 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
     const auto& layout = chips::corvane::kIdentity;
     r.define(chips::kDieIdentityRegister, layout.socket.place(die.socket) | layout.die.place(die.die), 0);
     r.define(chips::kSecureStatusRegister, socket.secure ? 1u << chips::kSecureStatusBit : 0, 0);
+    r.define(chips::kSiliconRevisionRegister, socket.revision, 0);
     for (unsigned i = 0; i < 3; ++i) {
         const uint32_t word = socket.fuses.size() == 3 ? socket.fuses[i]
                                                        : static_cast<uint32_t>(_noise.bits({0xF05E, die.socket, i}));

@@ -130,7 +130,7 @@ struct RootComplexProfile {
 // holds one, described by the socket's own fields.
 struct SocketProfile {
     std::string die_type;
-    unsigned revision = 0;
+    unsigned revision = 0;  // the dies' revision ID in configuration space and their silicon revision register
     bool secure = false;
     std::vector<uint32_t> fuses;  // the three fuse words, from 0x5D6E4 up
     std::vector<RootComplexProfile> root_complexes;

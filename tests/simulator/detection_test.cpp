@@ -56,4 +56,15 @@ TEST_F(Discovery, DiesAreTheTwoCorvaneSocketsWithTheirRootFunctions) {
     }
 }
 
+// Graphics accessors come from the model once it is installed: nothing maps
+// physical memory.
+TEST_F(Discovery, InstalledGraphicsMakerReachesTheModel) {
+    PCIDeviceDetails accelerator(0, 0x81, 0, 0);
+    auto accessor = gfx_accessor_maker()(accelerator, true, 2);
+    ASSERT_TRUE(accessor);
+    accessor->write32(0x1000, 0x5A5A0001);
+    EXPECT_EQ(gfx_accessor_maker()(accelerator, true, 2)->read32(0x1000), 0x5A5A0001u);
+    EXPECT_EQ(gfx_accessor_maker()(accelerator, true, 1)->read32(0x1000), 0u);
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "hardware/chips/chip_identity.h"
 #include "hardware/crn_accessor_corvane.h"
+#include "hardware/register_storage.h"
 #include "sim_fixture.h"
 #include "simulator/config_space.h"
 #include "simulator/model_access.h"
@@ -81,7 +82,7 @@ TEST(RegisterNetworkMirrors, CoreRegistersShowTheRootPortsState) {
     platform.read_pci()->read32(0, 0x48, 0, 0, 0, value);
     EXPECT_EQ(value, 0x102115B3u);
 
-    platform.write_pci()->write16(0, 0x40, 1, 0, 0x50 + sim::cfg::kLinkControl, sim::cfg::kLinkControlDisable);
+    platform.write_pci()->write16(0, 0x40, 1, 0, sim::cfg::kPciExpressAt + sim::cfg::kLinkControl, sim::cfg::kLinkControlDisable);
     const unsigned states = die->read32(at("PCIE_LC_STATE0", "PCIE0_nbio1", 0));
     EXPECT_EQ(states & 0x3F, 0x27u);           // Disabled
     EXPECT_EQ((states >> 8) & 0x3F, 0x10u);    // from L0
@@ -93,6 +94,20 @@ TEST(RegisterNetworkMirrors, RootPortTheTablesDontKnowIsRefused) {
         return std::nullopt;
     };
     EXPECT_THROW(sim::PlatformModel(profile, 1.0, std::nullopt, none), sim::ProfileError);
+}
+
+// The product's register store finds the port registers where the model
+// put them, with the values the root ports hold.
+TEST_F(RegisterNetwork, ChipTablesFindTheRootPortRegisters) {
+    auto store = make_register_store("Corvane", std::make_shared<PhyAccessor>(platform.model().die_accessor(0, 0)));
+    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio1", 0)->read(),
+              r32(0x40, 1, 0, sim::cfg::kBusNumbers));
+    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio0", 1)->read() & 0xFFFFFF,
+              0x060600u);
+    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE3_nbio0", 0)->read(), 0u);  // no port
+    EXPECT_EQ(store->get_pcie_core_func_register("LINK_CAP", "PCIE0_nbio0", 1)->read() >> 24, 1u);
+    EXPECT_EQ(store->get_pcie_core_func_register("PCIE_LC_STATE0", "PCIE0_nbio0", 0)->read() & 0x3F, 0x10u);
+    EXPECT_EQ(store->get_pcie_core_register("NB_BUS_NUM_CNTL", "PCIE0_nbio1")->read(), 0x40u);
 }
 
 }  // namespace
