@@ -6,6 +6,7 @@
 #include "discovery/pci_detection.h"
 #include "discovery/pci_names.h"
 #include "discovery/pci_readers.h"
+#include "hardware/chips/chip_identity.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
 
@@ -29,8 +30,9 @@ std::string link_text(const PCIDeviceDetails& device, ReadPCI& read) {
     PCIE::DetectThisPCIECapability capability(id, read);
     std::string speed, max_speed, width, error;
     if (!PCIE::GetCurrentLinkSpeed(id, read, capability).get(speed, error)) return "";
-    PCIE::GetCurrentLinkWidth(id, read, capability).get(width, error);
-    std::string text = speed + " " + width;
+    std::string text = speed;
+    // A link that is down has no width to show.
+    if (PCIE::GetCurrentLinkWidth(id, read, capability).get(width, error)) text += " " + width;
     if (PCIE::GetMaxLinkSpeed(id, read, capability).get(max_speed, error) && max_speed != speed)
         text += " (max " + max_speed + ")";
     return text;
@@ -38,10 +40,13 @@ std::string link_text(const PCIDeviceDetails& device, ReadPCI& read) {
 
 std::string function_line(const PCIDeviceDetails& device, const std::shared_ptr<ReadPCI>& read) {
     const PCIE::Device_ID id(device);
-    const auto vendor = PCIE::GetVendorName(id, *read)();
+    std::string vendor = PCIE::GetVendorName(id, *read)().first;
+    // The platform's own IDs aren't in the public database.
+    if (device.vendor_id == chips::kProcessorVendorId) vendor = "platform processor";
+    if (device.vendor_id == chips::kGraphicsVendorId) vendor = "platform graphics";
+    if (vendor.empty()) vendor = "[Unknown vendor]";
     std::string line = "  " + sbdf_text(device) + "  " + hex4(device.vendor_id) + ":" + hex4(device.device_id) + "  " +
-                       (vendor.first.empty() ? std::string("[Unknown vendor]") : vendor.first) + "  " +
-                       PCIE::GetClassName(id, *read)();
+                       vendor + "  " + PCIE::GetClassName(id, *read)();
     const std::string port_type = PCIE::GetPortType(id, read).get_as_str();
     if (port_type != " ") line += "  [" + port_type + "]";
     const std::string link = link_text(device, *read);
@@ -52,8 +57,11 @@ std::string function_line(const PCIDeviceDetails& device, const std::shared_ptr<
 std::string die_line(const VEX_DIE_INFO& die) {
     std::string line = "  " + die.name() + "  socket " + std::to_string(die.socket()) + " die " +
                        std::to_string(die.die()) + "  (" + die.full_name() + ")";
-    if (die.is_cpu) line += "  root functions: " + std::to_string(die.cpu.iohc_devices.size());
-    if (die.is_apu) line += "  root functions: " + std::to_string(die.apu.iohc_devices.size());
+    const std::vector<PCIDeviceDetails>* roots = die.is_cpu ? &die.cpu.iohc_devices : die.is_apu ? &die.apu.iohc_devices : nullptr;
+    if (roots) {
+        line += "  root functions:";
+        for (const auto& root : *roots) line += " " + sbdf_text(root);
+    }
     return line;
 }
 

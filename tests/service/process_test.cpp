@@ -77,6 +77,12 @@ TEST(ServiceProcessTest, AnnouncesItselfAndEndsWithZeroOnStop) {
     const std::string printed = service.read_until("(chrome recommended):  http://");
     EXPECT_NE(printed.find("Started server at "), std::string::npos) << printed;
     EXPECT_NE(printed.find(":" + std::to_string(service.port) + "\n"), std::string::npos) << printed;
+    // The inventory of the embedded machine comes first: both sockets' dies and the PCIe tree.
+    for (const char* expected : {"PCI functions found: 24", "Dies found: 2\n", "Corvane  socket 0 die 0",
+                                 "Corvane  socket 1 die 0", "PCIe ports found: 10", "0000:00:01.0  VEX RootPort  buses 01..05"}) {
+        EXPECT_NE(printed.find(expected), std::string::npos) << expected << " missing in:\n" << printed;
+    }
+    EXPECT_LT(printed.find("PCIe ports found"), printed.find("Started server at "));
     const auto answer = wire_test::request(service.port, "GET", "/stop");
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(service.wait_for_exit(), 0);

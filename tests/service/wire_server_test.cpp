@@ -14,6 +14,8 @@ using wire_test::WsClient;
 
 struct DecodeCase {
     std::string in, out;
+    // Readable case names in the test list.
+    friend void PrintTo(const DecodeCase& c, std::ostream* os) { *os << '"' << c.in << "\" -> \"" << c.out << '"'; }
 };
 class FormatHTTPStringTest : public ::testing::TestWithParam<DecodeCase> {};
 
