@@ -3,8 +3,10 @@
 #include <filesystem>
 #include <system_error>
 
+#include "gui/hvl_conflict_check.h"
 #include "gui/pcie_conflict_check.h"
 #include "gui/test_runner.h"
+#include "discovery/port_mapping.h"
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
@@ -12,12 +14,6 @@
 using nlohmann::json;
 
 namespace {
-
-bool same_hvl_link(const json& running, const json& queued) {
-    const json& a = running.at("HVLCtrlInfo");
-    const json& b = queued.at("HVLCtrlInfo");
-    return a.value("DeviceName", "") == b.value("DeviceName", "") && a.value("SERDES", "") == b.value("SERDES", "");
-}
 
 std::string operation_of(const json& test) {
     const auto it = test.find("Operation");
@@ -27,7 +23,11 @@ std::string operation_of(const json& test) {
 }  // namespace
 
 MaxTestScheduler::MaxTestScheduler(TestStorage& storage, GUIResourceStore& store)
-    : _storage(storage), _store(store), _hvl_conflict(same_hvl_link) {}
+    : _storage(storage), _store(store) {
+    // Build the port map now, not in the first test that needs it.
+    if (const auto read = _store.get_read_accessor())
+        get_all_port_data(_store.get_die_list(), _store.get_pcie_device_list(), read);
+}
 
 bool MaxTestScheduler::_conflicts(const json& running, const json& queued) const {
     const bool has_pcie = queued.contains("PCIeInfo");
@@ -36,7 +36,7 @@ bool MaxTestScheduler::_conflicts(const json& running, const json& queued) const
     if (has_hvl && !running.contains("HVLCtrlInfo")) return false;
     try {
         if (has_pcie) return GUIPCIECheckConflict().check_conflict(running, queued);
-        if (has_hvl) return _hvl_conflict(running, queued);
+        if (has_hvl) return GUIHVLCheckConflict().check_conflict(_store.get_die_list(), running, queued);
     } catch (const std::exception& error) {
         // The queue checks records, so this means a record it let through is
         // unreadable here; waiting is the safe answer, and it is logged.

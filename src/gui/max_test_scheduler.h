@@ -3,21 +3,17 @@
 // each on a thread of its own. All state lives in TestStorage.
 #pragma once
 
-#include <functional>
-
 #include <nlohmann/json.hpp>
 
 #include "gui/gui_resource_store.h"
 #include "gui/scheduler.h"
 #include "gui/test_storage.h"
 
+// A queued test waits whenever it cannot be compared with a running one
+// (a record naming a die this machine hasn't got, for instance): the reason
+// goes to the log and the test is looked at again on the next pass.
 class MaxTestScheduler : public Scheduler {
 public:
-    // Whether a queued hVL test must wait for a running one. The link-partner
-    // rule joins with hVL link discovery; until then two tests conflict when
-    // they name the same link of the same die.
-    using HVLConflictRule = std::function<bool(const nlohmann::json& running, const nlohmann::json& queued)>;
-
     MaxTestScheduler(TestStorage& storage, GUIResourceStore& store);
 
     int poll_and_start_tests() override;
@@ -25,13 +21,10 @@ public:
     void add_test(unsigned long test_id, std::shared_ptr<std::thread> thread) override;
     void remove_test(unsigned long test_id) override;
 
-    void set_hvl_conflict_rule(HVLConflictRule rule) { _hvl_conflict = std::move(rule); }
-
 private:
     bool _conflicts(const nlohmann::json& running, const nlohmann::json& queued) const;
     void _join_completed_threads();
 
     TestStorage& _storage;
     GUIResourceStore& _store;
-    HVLConflictRule _hvl_conflict;
 };

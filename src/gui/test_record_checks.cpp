@@ -6,6 +6,7 @@
 
 #include "gui/gui_resource_store.h"
 #include "gui/test_runner.h"
+#include "discovery/lane_generic_information.h"
 
 using nlohmann::json;
 
@@ -29,6 +30,19 @@ std::string trim(const std::string& text) {
 }
 
 bool is_unsigned(const json& value) { return value.is_number_unsigned() || (value.is_number_integer() && value.get<long long>() >= 0); }
+
+// A link the die's lane information says carries hVL. Dies without lane
+// information, and links whose protocol the lanes decide, aren't.
+bool is_hvl_link(const VEX_DIE_INFO& die, const std::string& link) {
+    try {
+        const auto info = get_lane_generic_info(die);
+        const auto names = info->get_link_names();
+        return std::find(names.begin(), names.end(), link) != names.end() &&
+               info->which_protocol(link) == chips::kProtocolHVL;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
 
 }  // namespace
 
@@ -113,6 +127,22 @@ std::optional<std::string> check_pcie_margin_record(const json& test, GUIResourc
     });
     if (!found) return "no PCI function " + sbdf->get<std::string>() + " on this machine";
     return check_margin_params(test, true);
+}
+
+std::optional<std::string> check_hvl_record(const json& test, GUIResourceStore& store) {
+    const auto info = test.find("HVLCtrlInfo");
+    if (info == test.end() || !info->is_object()) return "the record has no \"HVLCtrlInfo\" object";
+    const auto name = info->find("DeviceName");
+    if (name == info->end() || !name->is_string()) return "\"HVLCtrlInfo\" has no \"DeviceName\"";
+    const auto link = info->find("SERDES");
+    if (link == info->end() || !link->is_string()) return "\"HVLCtrlInfo\" has no \"SERDES\"";
+    const auto dies = store.get_die_list();
+    const auto die = std::find_if(dies.begin(), dies.end(),
+                                  [&](const VEX_DIE_INFO& candidate) { return candidate.full_name() == *name; });
+    if (die == dies.end()) return "no die \"" + name->get<std::string>() + "\" on this machine";
+    if (!is_hvl_link(*die, link->get<std::string>()))
+        return "\"" + link->get<std::string>() + "\" is not an hVL link of " + die->full_name();
+    return check_margin_params(test, false);
 }
 
 std::optional<std::string> check_test_record(const json& test, GUIResourceStore& store) {

@@ -28,6 +28,11 @@ std::optional<std::string> check_margin_params(const nlohmann::json& test, bool 
 // found at start-up, and the margin parameters with "Receiver".
 std::optional<std::string> check_pcie_margin_record(const nlohmann::json& test, GUIResourceStore& store);
 
+// An hVL record (margin or eye scan on an hVL link): "HVLCtrlInfo" with
+// "DeviceName" the full name of a die found at start-up and "SERDES" one of
+// that die's hVL links, and the margin parameters without "Receiver".
+std::optional<std::string> check_hvl_record(const nlohmann::json& test, GUIResourceStore& store);
+
 // The whole check AddTestToQueue makes: a known "Operation" whose runner this
 // build has, then that runner's own check. Nothing when the record may queue.
 std::optional<std::string> check_test_record(const nlohmann::json& test, GUIResourceStore& store);

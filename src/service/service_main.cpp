@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "gui/gui_resource_store.h"
+#include "gui/hvl_conflict_check.h"
 #include "gui/max_test_scheduler.h"
 #include "gui/test_storage.h"
 #include "discovery/pci_detection.h"
@@ -55,6 +56,7 @@ int run_service(const ServiceOptions& options) {
         return 1;
     }
     const std::vector<VEX_DIE_INFO> dies = store.get_die_list();
+    HVLConflictCheck::initalize(dies);
     print_inventory(inventory_lines(devices, dies, read));
     if (platform_refuses_gui(dies)) {
         std::cout << "Graphical User Interface is not supported on this platform" << std::endl;

@@ -9,6 +9,7 @@
 #include "hardware/chips/chip_identity.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
+#include "service/hvl_inventory.h"
 
 namespace {
 
@@ -91,6 +92,8 @@ std::vector<std::string> inventory_lines(const std::vector<PCIDeviceDetails>& de
     }
     lines.push_back("PCIe ports found: " + std::to_string(ports.size()));
     lines.insert(lines.end(), ports.begin(), ports.end());
+    const auto hvl = hvl_inventory_lines(dies);
+    lines.insert(lines.end(), hvl.begin(), hvl.end());
     return lines;
 }
 

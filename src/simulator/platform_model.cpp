@@ -4,6 +4,7 @@
 #include <set>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/hvl_link_model.h"
 
 namespace sim {
 
@@ -308,6 +309,12 @@ PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::opt
         const SocketProfile& socket = _profile.sockets[s];
         _build_socket(socket, static_cast<unsigned>(s), locator ? locator : chip_register_locator(socket.die_type));
     }
+    place_hvl_links(parse_hvl_links(_profile.hvl_links, _profile.sockets), _profile.sockets,
+                    [this](unsigned socket, unsigned die) -> RegisterSpace* {
+                        for (auto& d : _dies)
+                            if (d->socket == socket && d->die == die) return &d->registers;
+                        return nullptr;
+                    });
     // Every function of a device with several announces it in its header type.
     std::map<std::tuple<unsigned, unsigned, unsigned>, std::vector<Function*>> devices;
     for (const auto& [address, f] : _fixed) {

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/hvl_link_model.h"
 
 namespace sim {
 
@@ -505,6 +506,7 @@ Profile parse_profile(const json& document) {
     if (top.has("hvl_links")) {
         top.child("hvl_links").array();
         profile.hvl_links = document.at("hvl_links");
+        parse_hvl_links(profile.hvl_links, profile.sockets);
     }
     if (top.has("faults")) {
         top.child("faults").array();

@@ -27,4 +27,16 @@ inline VEX_DIE_INFO named_die(const std::string& name) {
     return die;
 }
 
+// A processor die named, placed and given a full name: enough for code that
+// matches dies by socket, die number or full name.
+inline VEX_DIE_INFO cpu_die(const std::string& name, unsigned int socket, unsigned int die = 0) {
+    VEX_DIE_INFO result;
+    result.is_cpu = true;
+    result.cpu.name = name;
+    result.cpu.socket = socket;
+    result.cpu.die = die;
+    result.cpu.full_name = name + " Socket:" + std::to_string(socket) + " Die:" + std::to_string(die);
+    return result;
+}
+
 }  // namespace die_test

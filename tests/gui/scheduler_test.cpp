@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <mutex>
 
+#include "discovery/die_test_helpers.h"
+#include "gui/hvl_conflict_check.h"
 #include "gui/max_test_scheduler.h"
 #include "gui/pcie_conflict_check.h"
 #include "gui/test_record_checks.h"
@@ -117,6 +119,31 @@ TEST_F(SchedulerTest, TestFolderIsMadeWithoutAShell) {
     const std::string path = scheduler.create_dir_and_give_path(7);
     EXPECT_TRUE(std::filesystem::is_directory(path));
     EXPECT_EQ(std::filesystem::path(path).filename(), "test_7");
+}
+
+// Socket 0's G1 and socket 1's G3 are the two ends of one link: a test on
+// the second end waits; one on another link, or naming a die the machine
+// hasn't got, is held (the latter logged) rather than ending the service.
+TEST_F(SchedulerTest, HvlTestOnTheOtherEndOfARunningLinkWaits) {
+    const std::vector<VEX_DIE_INFO> dies = {die_test::cpu_die("Corvane", 0), die_test::cpu_die("Corvane", 1)};
+    std::vector<PCIDeviceDetails> none;
+    store.store_pcie_device_list(none);
+    store.store_die_list(dies);
+    HVLConflictCheck::initalize(dies);
+    TestRunnerRegistry::get().add("HVL Destructive Margin", runner);
+    auto hvl_test = [](const std::string& die, const char* link) {
+        return json{{"Operation", "HVL Destructive Margin"}, {"HVLCtrlInfo", {{"DeviceName", die}, {"SERDES", link}}}};
+    };
+    queue(hvl_test(dies[0].full_name(), "G1"));
+    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
+    queue(hvl_test(dies[1].full_name(), "G3"));
+    queue(hvl_test("Corvane Socket:5 Die:0", "G1"));
+    queue(hvl_test(dies[1].full_name(), "G2"));
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 1);
+    const auto lists = snapshot_test_lists(storage);
+    ASSERT_EQ(lists.queued.size(), 2u);
+    EXPECT_EQ(lists.queued[0]["HVLCtrlInfo"]["SERDES"], "G3");
+    EXPECT_EQ(lists.queued[1]["HVLCtrlInfo"]["DeviceName"], "Corvane Socket:5 Die:0");
 }
 
 struct ConflictCase {

@@ -27,6 +27,12 @@ json base_profile() {
 
 json& port0(json& p) { return p["sockets"][0]["root_complexes"][0]["root_ports"][0]; }
 
+json hvl_link(unsigned socket, const char* link, unsigned partner_socket, const char* partner_link,
+              double rate = 32) {
+    return json::array({{{"socket", socket}, {"link", link}, {"rate", rate},
+                         {"partner", {{"socket", partner_socket}, {"link", partner_link}}}}});
+}
+
 struct BadProfile {
     const char* what;
     std::function<void(json&)> change;
@@ -67,6 +73,19 @@ const BadProfile kBadProfiles[] = {
     {"eye margin out of range",
      [](json& p) { port0(p)["child"]["margining"] = json::parse(R"({"eye": {"timing_left": 70}})"); },
      "profile: sockets[0].root_complexes[0].root_ports[0].child.margining.eye.timing_left: value 70 is outside 0 to 50"},
+    {"hVL link the die hasn't got", [](json& p) { p["hvl_links"] = hvl_link(0, "P4", 1, "G3"); },
+     "profile: hvl_links[0].link: 'P4' is not an hVL link of Corvane"},
+    {"hVL on a link a root port uses", [](json& p) { p["hvl_links"] = hvl_link(1, "G3", 0, "P0"); },
+     "profile: hvl_links[0].partner.link: link P0 of socket 0 carries PCIe for root port PCIE0_nbio0"},
+    {"hVL partner socket missing", [](json& p) { p["hvl_links"] = hvl_link(0, "G1", 2, "G3"); },
+     "profile: hvl_links[0].partner.socket: there is no socket 2"},
+    {"hVL link joined twice",
+     [](json& p) { p["hvl_links"] = {hvl_link(0, "G1", 1, "G3")[0], hvl_link(1, "P3", 0, "G1")[0]}; },
+     "profile: hvl_links[1].partner.link: link G1 of socket 0 is already joined by hvl_links[0]"},
+    {"hVL link joined to itself", [](json& p) { p["hvl_links"] = hvl_link(0, "G1", 0, "G1"); },
+     "profile: hvl_links[0].partner.link: link G1 of socket 0 cannot be joined to itself"},
+    {"hVL rate the PCS cannot run", [](json& p) { p["hvl_links"] = hvl_link(0, "G1", 1, "G3", 33.5); },
+     "profile: hvl_links[0].rate: no PCS word size and clock run at 33.5 Gb/s"},
 };
 
 class ProfileErrors : public ::testing::TestWithParam<BadProfile> {};
