@@ -1,5 +1,6 @@
 #include "hardware/pci_lin.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -15,7 +16,32 @@ std::uint32_t handle_key(unsigned char segment, unsigned char bus, unsigned char
 
 }  // namespace
 
-PCI_lin::PCI_lin(std::string sysfs_root) : _root(std::move(sysfs_root)) {}
+PCI_lin::PCI_lin(std::string sysfs_root, std::chrono::milliseconds listing_ttl)
+    : _root(std::move(sysfs_root)), _listing_ttl(listing_ttl) {}
+
+bool PCI_lin::_listed_absent(std::uint32_t key) const {
+    std::lock_guard<std::mutex> lock(_listing_mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (!_listing_valid || _listing_ttl.count() == 0 || now - _listed_at >= _listing_ttl) {
+        _listing.clear();
+        _listing_valid = false;
+        DIR* folder = ::opendir(_root.c_str());
+        // Without a listing every access goes to the file itself.
+        if (!folder) return false;
+        while (const dirent* entry = ::readdir(folder)) {
+            unsigned segment = 0, bus = 0, device = 0, function = 0;
+            if (std::sscanf(entry->d_name, "%4x:%2x:%2x.%1u", &segment, &bus, &device, &function) == 4 &&
+                segment <= 0xFF && bus <= 0xFF && device <= 0xFF && function <= 0xFF) {
+                _listing.insert(handle_key(static_cast<unsigned char>(segment), static_cast<unsigned char>(bus),
+                                           static_cast<unsigned char>(device), static_cast<unsigned char>(function)));
+            }
+        }
+        ::closedir(folder);
+        _listing_valid = true;
+        _listed_at = now;
+    }
+    return _listing.count(key) == 0;
+}
 
 PCI_lin::~PCI_lin() { closeAll(); }
 
@@ -33,6 +59,8 @@ int PCI_lin::openSysFile(unsigned char segment, unsigned char bus, unsigned char
         const auto found = _handles.find(key);
         if (found != _handles.end()) return found->second;
     }
+
+    if (_listed_absent(key)) return -1;
 
     char path[1024];
     const int length = std::snprintf(path, sizeof(path), "%s/%04x:%02x:%02x.%d/%s", _root.c_str(),

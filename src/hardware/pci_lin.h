@@ -2,7 +2,10 @@
 // ReadPCIStd and WritePCIStd.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <mutex>
+#include <unordered_set>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -61,7 +64,13 @@ public:
 // that appears later, or a transient failure, is picked up).
 class PCI_lin : public PCI {
 public:
-    explicit PCI_lin(std::string sysfs_root = "/sys/bus/pci/devices");
+    // A brute-force scan asks for tens of thousands of absent functions; each
+    // would cost a failing open. Functions missing from a listing of the root
+    // no older than listing_ttl are answered absent at once, so a scan costs
+    // a few directory reads, and a function that appears is seen within the
+    // TTL. A TTL of zero lists the folder again at every miss.
+    explicit PCI_lin(std::string sysfs_root = "/sys/bus/pci/devices",
+                     std::chrono::milliseconds listing_ttl = std::chrono::milliseconds(250));
     ~PCI_lin() override;
     PCI_lin(const PCI_lin&) = delete;
     PCI_lin& operator=(const PCI_lin&) = delete;
@@ -113,7 +122,14 @@ private:
     bool _write(unsigned char segment, unsigned char bus, unsigned char device, unsigned char function,
                 unsigned short offset, const void* value, unsigned size) const;
 
+    bool _listed_absent(std::uint32_t key) const;
+
     std::string _root;
+    std::chrono::milliseconds _listing_ttl;
+    mutable std::mutex _listing_mutex;
+    mutable std::unordered_set<std::uint32_t> _listing;
+    mutable bool _listing_valid = false;
+    mutable std::chrono::steady_clock::time_point _listed_at;
     mutable std::shared_mutex _handles_mutex;
     mutable std::unordered_map<std::uint32_t, int> _handles;
 };

@@ -24,7 +24,7 @@ TEST_F(PCILinTest, FormsTheSysfsPathFromTheAddress) {
 }
 
 TEST_F(PCILinTest, KeepsAnOpenedHandleAndRetriesAFailedOpen) {
-    PCI_lin pci(sysfs.root());
+    PCI_lin pci(sysfs.root(), std::chrono::milliseconds(0));
     unsigned int value = kUntouched;
     EXPECT_FALSE(pci.readDWordEx(0, 1, 0, 0, 0, value));
     EXPECT_FALSE(pci.readPCIExStatus(0, 1, 0, 0));
