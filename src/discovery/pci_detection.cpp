@@ -162,6 +162,27 @@ bool FilterPCIVEXExternalBridge::operator()(PCIDeviceDetails const& device) cons
     return false;
 }
 
+PCIeBridgeInfo read_bridge_info(const PCIDeviceDetails& bridge, ReadPCI& read) {
+    const PCIE::Device_ID address(bridge);
+    unsigned int buses = 0;
+    PCIE::read_config_dword(read, address, kBusNumbersOffset, buses);
+    PCIeBridgeInfo info;
+    info.segment = bridge.segment;
+    info.bus = bridge.bus;
+    info.device = bridge.device;
+    info.function = bridge.function;
+    info.primary_bus = buses & 0xFF;
+    info.secondary_bus = (buses >> 8) & 0xFF;
+    info.subordinate_bus = (buses >> 16) & 0xFF;
+    info.latency_timer = buses >> 24;
+    PCIE::DetectThisPCIECapability capability(address, read);
+    std::string error;
+    std::string text;
+    if (PCIE::GetCurrentLinkSpeed(address, read, capability).get(text, error)) info.speed = text;
+    if (PCIE::GetCurrentLinkWidth(address, read, capability).get(text, error)) info.width = text;
+    return info;
+}
+
 namespace PCIE {
 
 FindParentDevice::FindParentDevice(std::vector<PCIDeviceDetails> devices, std::shared_ptr<ReadPCI> read)
@@ -174,24 +195,8 @@ FindParentDevice::Output FindParentDevice::find_parent(PCIDeviceDetails device, 
     std::vector<PCIeBridgeInfo> parents;
     for (const auto& bridge : _bridges) {
         if (bridge.segment != device.segment) continue;
-        const Device_ID address(bridge);
-        unsigned int buses = 0;
-        read_config_dword(*_read, address, kBusNumbersOffset, buses);
-        PCIeBridgeInfo info;
-        info.primary_bus = buses & 0xFF;
-        info.secondary_bus = (buses >> 8) & 0xFF;
-        info.subordinate_bus = (buses >> 16) & 0xFF;
-        info.latency_timer = buses >> 24;
+        const PCIeBridgeInfo info = read_bridge_info(bridge, *_read);
         if (device.bus < info.secondary_bus || device.bus > info.subordinate_bus) continue;
-        info.segment = bridge.segment;
-        info.bus = bridge.bus;
-        info.device = bridge.device;
-        info.function = bridge.function;
-        DetectThisPCIECapability capability(address, *_read);
-        std::string error;
-        std::string text;
-        if (GetCurrentLinkSpeed(address, *_read, capability).get(text, error)) info.speed = text;
-        if (GetCurrentLinkWidth(address, *_read, capability).get(text, error)) info.width = text;
         parents.push_back(info);
     }
 

@@ -87,6 +87,10 @@ private:
     std::shared_ptr<ReadPCI> _read;
 };
 
+// A bridge's address, the four bytes of its bus number dword and its link
+// speed and width texts (empty where they can't be read).
+PCIeBridgeInfo read_bridge_info(const PCIDeviceDetails& bridge, ReadPCI& read);
+
 namespace PCIE {
 
 // The bridges above a function, nearest first.

@@ -23,7 +23,13 @@ void GUIResourceStore::store_pcie_device_list(std::vector<PCIDeviceDetails>& dev
     _device_list = devices;
     _list_valid = true;
     if (!read) read = std::make_shared<ReadPCIStd>();
+    _read = read;
     _die_list = DetectVEXDies(std::move(write))(_device_list, read);
+}
+
+std::shared_ptr<ReadPCI> GUIResourceStore::get_read_accessor() {
+    NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
+    return _read;
 }
 
 void GUIResourceStore::store_die_list(const std::vector<VEX_DIE_INFO>& dies) {

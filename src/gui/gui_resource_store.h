@@ -22,6 +22,9 @@ public:
     void store_die_list(const std::vector<VEX_DIE_INFO>& dies);
     std::vector<PCIDeviceDetails> get_pcie_device_list();
     std::vector<VEX_DIE_INFO> get_die_list();
+    // The machine's configuration reader given to store_pcie_device_list;
+    // null before the list is stored.
+    std::shared_ptr<ReadPCI> get_read_accessor();
 
     std::string get_directory_for_lanewright() const;
     // The folder of this run, named after the moment it was first asked for
@@ -32,6 +35,7 @@ private:
     std::vector<PCIDeviceDetails> _device_list;
     std::vector<VEX_DIE_INFO> _die_list;
     bool _list_valid = false;
+    std::shared_ptr<ReadPCI> _read;
     std::string _root_folder;
     std::string _instance_folder;
     bool _instance_folder_made = false;

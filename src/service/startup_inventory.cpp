@@ -6,6 +6,7 @@
 #include "discovery/pci_detection.h"
 #include "discovery/pci_names.h"
 #include "discovery/pci_readers.h"
+#include "discovery/port_mapping.h"
 #include "hardware/chips/chip_identity.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
@@ -92,6 +93,12 @@ std::vector<std::string> inventory_lines(const std::vector<PCIDeviceDetails>& de
     }
     lines.push_back("PCIe ports found: " + std::to_string(ports.size()));
     lines.insert(lines.end(), ports.begin(), ports.end());
+    lines.push_back("Port map:");
+    std::vector<PortMap> mapped;
+    for (const auto& [die, rows] : get_all_port_data(dies, devices, read))
+        mapped.insert(mapped.end(), rows.begin(), rows.end());
+    const auto block = port_mapping_lines(mapped);
+    lines.insert(lines.end(), block.begin(), block.end());
     const auto hvl = hvl_inventory_lines(dies);
     lines.insert(lines.end(), hvl.begin(), hvl.end());
     return lines;

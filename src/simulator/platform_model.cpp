@@ -4,6 +4,7 @@
 #include <set>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/port_mapping_model.h"
 #include "simulator/hvl_link_model.h"
 
 namespace sim {
@@ -494,6 +495,9 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
             if (const auto control = locator("NB_BUS_NUM_CNTL", port.core, std::nullopt))
                 r.define(*control, placed.segment << 16 | placed.root_bus, 0);
     }
+    std::vector<const PortProfile*> root_ports;
+    for (const PlacedPort& placed : ports) root_ports.push_back(placed.profile);
+    place_lane_map_registers(r, die.type, root_ports, locator);
 }
 
 PlatformModel::Function* PlatformModel::_route(unsigned segment, unsigned bus, unsigned device, unsigned function,

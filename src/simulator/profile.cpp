@@ -223,8 +223,8 @@ void read_link_ends(const Field& field, unsigned& max_speed, unsigned& max_width
 PortProfile read_port(const Field& field, bool root_port) {
     if (root_port)
         field.expect_object({"name", "device", "function", "vendor_id", "device_id", "max_speed", "max_width", "core",
-                             "function_index", "port_number", "secondary_bus", "subordinate_bus", "capabilities",
-                             "margining", "child"});
+                             "function_index", "port_number", "lane_reversal", "serdes_lane_reversal",
+                             "secondary_bus", "subordinate_bus", "capabilities", "margining", "child"});
     else
         field.expect_object({"name", "device", "device_id", "max_speed", "max_width", "secondary_bus",
                              "subordinate_bus", "capabilities", "margining", "child"});
@@ -240,6 +240,9 @@ PortProfile read_port(const Field& field, bool root_port) {
         if (port.core.empty()) fail(field.child("core").path(), "empty core name");
         port.function_index = field.at("function_index").as_uint(8);
         if (field.has("port_number")) port.port_number = field.child("port_number").as_uint(255);
+        if (field.has("lane_reversal")) port.lane_reversal = field.child("lane_reversal").as_bool();
+        if (field.has("serdes_lane_reversal"))
+            port.serdes_lane_reversal = field.child("serdes_lane_reversal").as_bool();
     } else {
         if (field.has("device")) port.device = field.child("device").as_uint(31);
         if (field.has("device_id")) port.device_id = field.child("device_id").as_uint(0xFFFF);

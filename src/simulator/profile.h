@@ -113,6 +113,10 @@ struct PortProfile {
     std::string core;
     unsigned function_index = 0;
     std::optional<unsigned> port_number;
+    // Root ports only: the port's lanes run reversed on its core, and its
+    // core lanes reach the SerDes in reverse order.
+    bool lane_reversal = false;
+    bool serdes_lane_reversal = false;
     // Optional in the profile; the loader assigns what is left open, as
     // firmware would, depth first.
     std::optional<unsigned> secondary_bus, subordinate_bus;

@@ -74,7 +74,7 @@ TEST(RegisterNetworkMirrors, CoreRegistersShowTheRootPortsState) {
     EXPECT_EQ(die->read32(at("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio1", 0)), value);
     EXPECT_EQ(die->read32(at("LINK_CAP", "PCIE0_nbio1", 0)) & 0x3FF, 5u | 16u << 4);
     EXPECT_EQ(die->read32(at("PCIE_LC_STATE0", "PCIE0_nbio1", 0)) & 0x3F, 0x10u);   // L0
-    EXPECT_EQ(die->read32(at("PCIE_LC_STATE0", "PCIE0_nbio0", 1)) & 0x3F, 0x01u);   // slot2: nothing attached
+    EXPECT_EQ(die->read32(at("PCIE_LC_STATE0", "PCIE4_nbio0", 1)) & 0x3F, 0x01u);   // slot2: nothing attached
     EXPECT_EQ(die->read32(*test_locator("NB_BUS_NUM_CNTL", "PCIE0_nbio1", std::nullopt)), 0x40u);
 
     // Writing the bus numbers from the chip side moves the device.
@@ -102,10 +102,10 @@ TEST_F(RegisterNetwork, ChipTablesFindTheRootPortRegisters) {
     auto store = make_register_store("Corvane", std::make_shared<PhyAccessor>(platform.model().die_accessor(0, 0)));
     EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio1", 0)->read(),
               r32(0x40, 1, 0, sim::cfg::kBusNumbers));
-    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio0", 1)->read() & 0xFFFFFF,
+    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE4_nbio0", 1)->read() & 0xFFFFFF,
               0x060600u);
     EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE3_nbio0", 0)->read(), 0u);  // no port
-    EXPECT_EQ(store->get_pcie_core_func_register("LINK_CAP", "PCIE0_nbio0", 1)->read() >> 24, 1u);
+    EXPECT_EQ(store->get_pcie_core_func_register("LINK_CAP", "PCIE4_nbio0", 1)->read() >> 24, 1u);
     EXPECT_EQ(store->get_pcie_core_func_register("PCIE_LC_STATE0", "PCIE0_nbio0", 0)->read() & 0x3F, 0x10u);
     EXPECT_EQ(store->get_pcie_core_register("NB_BUS_NUM_CNTL", "PCIE0_nbio1")->read(), 0x40u);
 }

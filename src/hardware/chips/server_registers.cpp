@@ -59,6 +59,8 @@ RegisterRows link_rows(const ChipLanes& lanes) {
         const unsigned int firmware = link.chiplet_base.at(0) & ~0x1FFFFu;
         for (const NamedOffset& reg : kPhyFirmwareRegisters)
             add(rows, RegisterTable::link, reg, link.name, 0, firmware + reg.offset);
+        add(rows, RegisterTable::link, NamedOffset{kLaneMap.control_register, 0, 4}, link.name, 0,
+            link.chiplet_base.at(0) + kLaneMapControlOffset);
         if (link.pcs_base && link.protocol == kProtocolHVL)
             for (const NamedOffset& reg : kHvlPcsRegisters)
                 add(rows, RegisterTable::link, reg, link.name, 0, *link.pcs_base + reg.offset);
@@ -83,6 +85,8 @@ RegisterRows lane_rows(const ChipLanes& lanes) {
                     chiplet_base + kPhyLaneBlock + in_chiplet * kPhyLaneStride + reg.offset);
             add(rows, RegisterTable::lane, NamedOffset{kLaneControllerRegister, 0, 4}, link.name, lane,
                 chiplet_base + kLaneControllerBlock + in_chiplet * 4);
+            add(rows, RegisterTable::lane, NamedOffset{kLaneMap.lane_register, 0, 4}, link.name, lane,
+                chiplet_base + kLaneMapBlock + in_chiplet * 4);
             if (!link.pcs_base) continue;
             for (const NamedOffset& reg : kPcsLaneRegisters)
                 add(rows, RegisterTable::lane, reg, link.name, lane,

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "hardware/chips/chip_identity.h"
 #include "hardware/chips/lane_layout.h"
 #include "hardware/chips/pcie_cores.h"
 #include "hardware/chips/register_rows.h"
@@ -20,6 +21,9 @@ struct NamedOffset {
     unsigned int offset;
     unsigned int size;
 };
+
+// The run of the core's controller lanes a port owns (see LaneMapLayout).
+constexpr const char* kPortLaneMapRegister = "PCIE_PORT_LANE_MAP";
 
 // In a port's block (PcieCore::port_address(port) + offset): the port's
 // configuration registers, its ESM capability and its link controller.
@@ -34,6 +38,7 @@ inline constexpr NamedOffset kPortRegisters[] = {
     {"PCIE_LC_STATE6", 0xC58, 4},           {"PCIE_LC_STATE7", 0xC5C, 4},
     {"PCIE_LC_STATE8", 0xC60, 4},           {"PCIE_LC_STATE9", 0xC64, 4},
     {"PCIE_LC_STATE10", 0xC68, 4},          {"PCIE_LC_STATE11", 0xC6C, 4},
+    {kPortLaneMapRegister, 0xC30, 4},
 };
 // Link controller registers of the transmitter equalisation reads, in the
 // port's block.
@@ -77,6 +82,32 @@ inline constexpr NamedOffset kPhyLaneRegisters[] = {
 // The lane's controller selection (bit 0 enabled, bits 1-3 the protocol).
 constexpr unsigned int kLaneControllerBlock = 0x6000;
 constexpr const char* kLaneControllerRegister = "KPMX_SERDES_LANE_LN_Controller";
+// How a PCIe port's lanes reach the SerDes, in three registers:
+// - "PCIE_PORT_LANE_MAP" (port block, above): the run of the core's
+//   controller lanes the port owns: first lane, width (0: none) and whether
+//   the port's lanes run reversed (logical lane 0 on the last of the run).
+// - "KPMX_SERDES_LANE_LN_ControllerLane" (per SerDes lane, in the chiplet's
+//   controller block after the controller selections): the controller lane
+//   of the link's core that drives this SerDes lane, when valid.
+// - "KPMX_SERDES_LANE_MAP_CNTL" (per link, chiplet 0's controller block):
+//   bit 0 deasserts the lanes' TX power-down; the PHY answers the lane
+//   registers only while it is set and reads 0 otherwise.
+struct LaneMapLayout {
+    const char* port_register;     // pcie core function table
+    IdentityField first_lane, width, reversed;
+    const char* lane_register;     // lane table
+    IdentityField controller_lane, valid;
+    const char* control_register;  // link table
+    IdentityField deassert_tx_pdnb;
+};
+inline constexpr LaneMapLayout kLaneMap{
+    kPortLaneMapRegister,        {0, 0x1F}, {8, 0x3F}, {16, 1},
+    "KPMX_SERDES_LANE_LN_ControllerLane", {0, 0x1F}, {7, 1},
+    "KPMX_SERDES_LANE_MAP_CNTL", {0, 1},
+};
+constexpr unsigned int kLaneMapBlock = kLaneControllerBlock + 0x10;        // + 4 per lane of the chiplet
+constexpr unsigned int kLaneMapControlOffset = kLaneControllerBlock + 0x20;  // in chiplet 0's block
+
 // Firmware version words read by the PHY version check.
 inline constexpr NamedOffset kPhyFirmwareRegisters[] = {
     {"PHY_FW_VERSION0", 0x0, 4},
