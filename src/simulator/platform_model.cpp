@@ -5,6 +5,7 @@
 
 #include "hardware/chips/chip_identity.h"
 #include "simulator/port_mapping_model.h"
+#include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
 
 namespace sim {
@@ -302,7 +303,8 @@ private:
 
 PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::optional<uint64_t> seed,
                              RegisterLocator locator)
-    : _profile(profile), _noise(seed.value_or(profile.seed)) {
+    : _profile(profile), _noise(seed.value_or(profile.seed)),
+      _margining(std::make_unique<LaneMarginingModel>(_profile, _noise)) {
     const auto start = _profile.start_time ? std::chrono::system_clock::time_point(std::chrono::seconds(*_profile.start_time))
                                            : std::chrono::system_clock::now();
     _clock = std::make_unique<ModelClock>(start, time_scale);
@@ -590,8 +592,15 @@ void PlatformModel::_sync(Function& f, const ModelTime& now) {
         f.space.set(f.margining + cfg::kMarginPortStatus, 2, up && !training && link.speed >= kSpeed16GT ? 1 : 0);
 }
 
+namespace {
+MarginingPort margining_port(PlatformModel::Function& f) {
+    return {f.space, f.margining, f.margining_lanes, f.pcie, f.downstream_facing(), f.receiver};
+}
+}  // namespace
+
 uint32_t PlatformModel::_read(Function& f, unsigned offset, unsigned width, const ModelTime& now) {
     _sync(f, now);
+    if (f.margining) _margining->before_read(margining_port(f), offset, width, now);
     uint32_t result = 0;
     for (unsigned i = 0; i < width;) {
         const unsigned at = offset + i, dword = at & ~3u, lane = at & 3u;
@@ -661,12 +670,8 @@ void PlatformModel::_after_write(Function& f, unsigned dword, uint32_t old_value
         _on_margin_control(f, (dword - f.margining - cfg::kMarginLaneControl) / 4, now);
 }
 
-// Only "no command" is answered here, by echoing it as every receiver does;
-// the margining commands themselves are answered by the margining model.
-void PlatformModel::_on_margin_control(Function& f, unsigned lane, const ModelTime&) {
-    const unsigned control_at = f.margining + cfg::kMarginLaneControl + 4 * lane;
-    const uint32_t control = f.space.get(control_at, 2);
-    if (((control >> 3) & 7) == 7) f.space.set(control_at + 2, 2, control);
+void PlatformModel::_on_margin_control(Function& f, unsigned lane, const ModelTime& now) {
+    _margining->on_control_write(margining_port(f), lane, now);
 }
 
 void PlatformModel::config_read(unsigned segment, unsigned bus, unsigned device, unsigned function, unsigned offset,

@@ -41,6 +41,8 @@ using RegisterLocator = std::function<std::optional<uint32_t>(const std::string&
 // The locator for a die type, made from the chip tables in src/hardware/chips.
 RegisterLocator chip_register_locator(const std::string& die_type);
 
+class LaneMarginingModel;
+
 class PlatformModel : public std::enable_shared_from_this<PlatformModel> {
 public:
     enum class Role { root_function, data_fabric, root_port, switch_upstream, switch_downstream, endpoint };
@@ -107,6 +109,7 @@ private:
 
     Profile _profile;
     Noise _noise;
+    std::unique_ptr<LaneMarginingModel> _margining;
     std::unique_ptr<ModelClock> _clock;
     std::mutex _mutex;
     std::vector<std::unique_ptr<Function>> _functions;

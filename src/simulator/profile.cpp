@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
 
 namespace sim {
@@ -147,7 +148,7 @@ MarginingProfile read_margining(const Field& field, unsigned max_width) {
     field.expect_object({"voltage_supported", "ind_up_down_voltage", "ind_left_right_timing",
                          "sample_reporting_method", "ind_error_sampler", "num_voltage_steps", "num_timing_steps",
                          "max_timing_offset", "max_voltage_offset", "sampling_rate_voltage", "sampling_rate_timing",
-                         "max_lanes", "eye", "lanes"});
+                         "max_lanes", "setup_time_ms", "eye", "lanes"});
     MarginingProfile m;
     auto flag = [&](const char* key, bool& target) {
         if (field.has(key)) target = field.child(key).as_bool();
@@ -167,6 +168,7 @@ MarginingProfile read_margining(const Field& field, unsigned max_width) {
     bits("sampling_rate_voltage", m.sampling_rate_voltage, 63);
     bits("sampling_rate_timing", m.sampling_rate_timing, 63);
     bits("max_lanes", m.max_lanes, 31);
+    if (field.has("setup_time_ms")) m.setup_time_ms = field.child("setup_time_ms").as_number(0, 1000);
     if (field.has("eye")) {
         const Field eye = field.child("eye");
         eye.expect_object({"timing_left", "timing_right", "voltage_up", "voltage_down", "noise"});
@@ -512,8 +514,14 @@ Profile parse_profile(const json& document) {
         parse_hvl_links(profile.hvl_links, profile.sockets);
     }
     if (top.has("faults")) {
-        top.child("faults").array();
+        for (const Field& fault : top.child("faults").array()) {
+            if (!fault.value().is_object()) fail(fault.path(), "expected an object");
+            const Field type = fault.at("type");
+            if (!is_margining_fault(type.as_string()))
+                fail(type.path(), "unknown fault type '" + type.as_string() + "'");
+        }
         profile.faults = document.at("faults");
+        read_margining_faults(profile);
     }
     return profile;
 }

@@ -61,6 +61,7 @@ struct MarginingProfile {
     unsigned sampling_rate_voltage = 63;
     unsigned sampling_rate_timing = 63;
     unsigned max_lanes = 31;           // 5 bits: lanes that can be margined at once, less one
+    double setup_time_ms = 15;         // model time a step reports "set up in progress"
     EyeMargins eye{30, 30, 120, 120, 0.05};
     std::map<unsigned, EyeMargins> lane_eyes;
 
