@@ -166,15 +166,8 @@ PCIeBridgeInfo read_bridge_info(const PCIDeviceDetails& bridge, ReadPCI& read) {
     const PCIE::Device_ID address(bridge);
     unsigned int buses = 0;
     PCIE::read_config_dword(read, address, kBusNumbersOffset, buses);
-    PCIeBridgeInfo info;
-    info.segment = bridge.segment;
-    info.bus = bridge.bus;
-    info.device = bridge.device;
-    info.function = bridge.function;
-    info.primary_bus = buses & 0xFF;
-    info.secondary_bus = (buses >> 8) & 0xFF;
-    info.subordinate_bus = (buses >> 16) & 0xFF;
-    info.latency_timer = buses >> 24;
+    PCIeBridgeInfo info{bridge.segment, bridge.bus, bridge.device, bridge.function, "", "", buses & 0xFF,
+                        (buses >> 8) & 0xFF, (buses >> 16) & 0xFF, buses >> 24};
     PCIE::DetectThisPCIECapability capability(address, read);
     std::string error;
     std::string text;
