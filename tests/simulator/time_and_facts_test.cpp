@@ -84,7 +84,7 @@ TEST_F(SimPlatformTest, FactsComeFromTheProfile) {
     auto facts = platform.facts();
     EXPECT_EQ(facts->host_name(), "lw-sim-2s");
     EXPECT_EQ(facts->numa_mode(), "2");
-    EXPECT_EQ(facts->kernel_version(), "6.1.0-21-amd64");
+    EXPECT_EQ(facts->kernel_version(), "6.1.0-21-generic");
     const ProcessorIdentity id = facts->processor_identity();
     EXPECT_EQ(id.family, 0x1Au);
     EXPECT_EQ(id.model, 2u);
