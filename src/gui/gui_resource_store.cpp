@@ -24,12 +24,19 @@ void GUIResourceStore::store_pcie_device_list(std::vector<PCIDeviceDetails>& dev
     _list_valid = true;
     if (!read) read = std::make_shared<ReadPCIStd>();
     _read = read;
-    _die_list = DetectVEXDies(std::move(write))(_device_list, read);
+    if (!write) write = std::make_shared<WritePCIStd>();
+    _write = write;
+    _die_list = DetectVEXDies(write)(_device_list, read);
 }
 
 std::shared_ptr<ReadPCI> GUIResourceStore::get_read_accessor() {
     NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
     return _read;
+}
+
+std::shared_ptr<WritePCI> GUIResourceStore::get_write_accessor() {
+    NamedLockGuard guard("GUIResourceStore_PCIE_DEV_LIST");
+    return _write;
 }
 
 void GUIResourceStore::store_die_list(const std::vector<VEX_DIE_INFO>& dies) {

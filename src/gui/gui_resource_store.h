@@ -25,6 +25,9 @@ public:
     // The machine's configuration reader given to store_pcie_device_list;
     // null before the list is stored.
     std::shared_ptr<ReadPCI> get_read_accessor();
+    // The writer given with it (the real one when none was given); null
+    // before the list is stored.
+    std::shared_ptr<WritePCI> get_write_accessor();
 
     std::string get_directory_for_lanewright() const;
     // The folder of this run, named after the moment it was first asked for
@@ -36,6 +39,7 @@ private:
     std::vector<VEX_DIE_INFO> _die_list;
     bool _list_valid = false;
     std::shared_ptr<ReadPCI> _read;
+    std::shared_ptr<WritePCI> _write;
     std::string _root_folder;
     std::string _instance_folder;
     bool _instance_folder_made = false;
