@@ -10,8 +10,6 @@
 #include "service/service_loop.h"
 #include "service/wire_server.h"
 
-const std::string tool_version = "5.1.56";
-
 using nlohmann::json;
 using PortHall::HttpMethod;
 using PortHall::RouteEffect;

@@ -11,6 +11,7 @@
 
 #include "gui/gui_resource_store.h"
 #include "gui/test_storage.h"
+#include "hardware/tool_version.h"
 #include "panels/pcie_aspm_gui_interface.h"
 #include "panels/pcie_link_control_gui_interface.h"
 #include "panels/pcie_perf_counter_gui_interface.h"
@@ -19,8 +20,6 @@
 namespace PortHall {
 class WireApp;
 }
-
-extern const std::string tool_version;
 
 class WebBackEnd {
 public:

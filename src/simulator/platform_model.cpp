@@ -4,6 +4,7 @@
 #include <set>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/equalisation_model.h"
 #include "simulator/port_mapping_model.h"
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
@@ -500,6 +501,7 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
     std::vector<const PortProfile*> root_ports;
     for (const PlacedPort& placed : ports) root_ports.push_back(placed.profile);
     place_lane_map_registers(r, die.type, root_ports, locator);
+    place_equalisation_registers(r, die.type, die.socket, root_ports, locator, _noise);
 }
 
 PlatformModel::Function* PlatformModel::_route(unsigned segment, unsigned bus, unsigned device, unsigned function,

@@ -1,0 +1,3 @@
+#include "hardware/tool_version.h"
+
+const std::string tool_version = "5.1.56";

@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include "model_fixture.h"
+#include "result_data/static_data.h"
+
+namespace {
+
+using StaticData = ResultDataOnModel;
+
+// The default machine: two Corvane sockets of revision 1, not secure, two
+// NUMA nodes, no graphics dies.
+TEST_F(StaticData, FieldsOfTheDefaultMachine) {
+    StaticDataUtility(dies).update_static_data();
+    const auto fields = StaticDataHandler::get().get_static_fields_map();
+    const std::map<std::string, std::string> expected = {
+        {"NPS", "NPS2"},
+        {"SystemName", "lw-sim-2s"},
+        {"CPU SiliconRev", "0x00000001_0x00000001"},
+        {"GPU SiliconRev", "Not Available"},
+        {"CPU SecureStatus", "Unsecure"},
+        {"GPU SecureStatus", "Not Available"},
+        {"CPUName", "Corvane"},
+        {"CPUSocketCount", "2"},
+    };
+    for (const auto& [name, value] : expected) EXPECT_EQ(fields.at(name), value) << name;
+    EXPECT_EQ(fields.count("GPUName"), 0u);
+    EXPECT_EQ(fields.count("GPUSocketCount"), 0u);
+}
+
+struct SocketCase {
+    unsigned revision0, revision1;
+    bool secure0, secure1;
+    const char* revisions;
+    const char* secure;
+};
+
+class StaticDataSockets : public ResultDataOnModel, public ::testing::WithParamInterface<SocketCase> {};
+
+// Words follow (socket, die) whatever order the die list has; one unsecure
+// socket makes the machine unsecure.
+TEST_P(StaticDataSockets, RevisionAndSecureState) {
+    const SocketCase& c = GetParam();
+    auto profile = default_profile();
+    profile["sockets"][0]["revision"] = c.revision0;
+    profile["sockets"][1]["revision"] = c.revision1;
+    profile["sockets"][0]["secure"] = c.secure0;
+    profile["sockets"][1]["secure"] = c.secure1;
+    boot(profile);
+    StaticDataUtility(std::vector<VEX_DIE_INFO>(dies.rbegin(), dies.rend())).update_static_data();
+    const auto fields = StaticDataHandler::get().get_static_fields_map();
+    EXPECT_EQ(fields.at("CPU SiliconRev"), c.revisions);
+    EXPECT_EQ(fields.at("CPU SecureStatus"), c.secure);
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, StaticDataSockets,
+                         ::testing::Values(SocketCase{1, 2, false, false, "0x00000001_0x00000002", "Unsecure"},
+                                           SocketCase{0x12, 0x11, true, false, "0x00000012_0x00000011", "Unsecure"},
+                                           SocketCase{1, 1, true, true, "0x00000001_0x00000001", "Secure"}));
+
+TEST_F(StaticData, NoDiesGiveNotAvailable) {
+    StaticDataUtility(std::vector<VEX_DIE_INFO>{}).update_static_data();
+    const auto fields = StaticDataHandler::get().get_static_fields_map();
+    EXPECT_EQ(fields.at("CPU SiliconRev"), "Not Available");
+    EXPECT_EQ(fields.at("CPU SecureStatus"), "Not Available");
+}
+
+TEST_F(StaticData, SpareKeyReplacesAStaticField) {
+    StaticDataUtility utility(dies);
+    utility.update_static_data();
+    utility.update_spare_data({{"SystemName", "bench-7"}, {"Board", "rev B"}});
+    const auto fields = StaticDataHandler::get().get_static_fields_map();
+    EXPECT_EQ(fields.at("SystemName"), "bench-7");
+    EXPECT_EQ(fields.at("Board"), "rev B");
+}
+
+}  // namespace
