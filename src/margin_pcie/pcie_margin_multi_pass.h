@@ -1,0 +1,182 @@
+// The margin of one PCIe function: for every chosen lane of its receiver,
+// how far timing can be pushed left and right and voltage up and down before
+// the error count passes the threshold. One JSON object per lane comes back
+// (keys: margin_report_json.h).
+//
+// Each side of each lane is walked more than once. "walkback" first runs a
+// quick pass at 50 ms per offset from offset 0, then measures at the full
+// dwell only from the last offset that pass found clean, walking the start
+// back while even that fails. "stepthrough" runs the full dwell over every
+// offset from 0. Lanes run in batches of MaxLanes + 1 threads when the
+// receiver has an independent error sampler and the lane mode is parallel,
+// else one at a time; each batch is joined before the next starts.
+//
+// Choices of our own:
+// - The engine is given its configuration accessors, a stop flag and a
+//   progress callback (MarginEngineAccess). When the flag is raised, every
+//   walk ends at its next offset with its lane back at normal settings, no
+//   further side or batch starts, and margin returns false with what it has:
+//   the first object gets "ErrorPresent" true, "ErrorMsg" "Margin stopped:
+//   the service is shutting down" and the same words in "Information", so a
+//   stopped run never reads as a complete one. Lanes that never ran carry
+//   only their lane keys.
+// - Progress is reported after each side of each lane: lanes fully done,
+//   sides done, and the side just finished ("Voltage Down", "Timing Left",
+//   "Timing Both"...).
+// - Lane results live in a map keyed by the lane's position in the lane
+//   list, with every position created before a thread starts, so a lane
+//   thread only ever changes the contents of its own entry.
+// - A receiver that reports 0 steps gives margins of 0 rather than a
+//   division by zero.
+// - In an error map, a (offset, dwell) measured twice keeps the later count.
+// - An exception inside a lane thread is kept and raised from margin once
+//   the batch has been joined, so a fault never ends the process.
+// - Equalisation (TX and RX) and the silicon details of mapped lanes are not
+//   read yet: every lane object goes out as the lane threads left it, with
+//   "VEXDevicePresent" false.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "discovery/port_map_types.h"
+#include "hardware/pci_access.h"
+#include "hardware/pci_device_details.h"
+#include "hardware/vex_die_info.h"
+#include "margin_pcie/execute_lane_margin_command.h"
+#include "margin_pcie/margin_console.h"
+#include "margin_pcie/margin_pcie_lane.h"
+#include "margin_pcie/margin_report_json.h"
+#include "margin_pcie/margin_stop_flag.h"
+
+namespace PCIE {
+
+struct MarginProgress {
+    unsigned int lanes_done = 0;
+    unsigned int lanes_total = 0;
+    std::string direction;  // e.g. "Voltage Down", "Timing Left" of the lane(s) being walked
+    unsigned int walks_done = 0;   // sides finished, over all lanes
+    unsigned int walks_total = 0;  // sides a full run walks
+};
+
+struct MarginEngineAccess {
+    std::shared_ptr<ReadPCI> read;
+    std::shared_ptr<WritePCI> write;
+    MarginStopFlag stop;
+    // May be empty; called from lane threads, must be thread-safe on the caller's side.
+    std::function<void(const MarginProgress&)> progress;
+};
+
+class PCIEMarginMultiPass {
+public:
+    enum LaneMode : unsigned int { PARALLEL = 0, SEQUENTIAL = 1 };
+    enum MarginMethod : unsigned int { WALKBACK = 0, STEPTHROUGH = 1 };
+
+    struct InitParams {
+        unsigned int segment = 0;
+        unsigned int bus = 0;
+        unsigned int device = 0;
+        unsigned int function = 0;
+        unsigned int receiver = 0;
+        unsigned int BER = 0;          // exponent: 9 is 1 in 10^9; 0 when a dwell is given
+        unsigned int error_count = 0;  // errors allowed at an offset
+        unsigned int dwell_time = 0;   // ms; 0: from BER, error count and link speed
+        LaneMode lane_mode = PARALLEL;
+        MarginMethod margin_method = WALKBACK;
+        std::vector<unsigned int> lanes;  // empty: found from the port map or the receiver
+    };
+
+    // What one walk of one side gets.
+    struct MarginLaneInput {
+        unsigned int lane = 0;
+        DirectionOfMargin direction = DIRECTION_BOTH;
+        bool timing = false;
+        bool voltage = false;  // true walks voltage, false timing
+        unsigned int dwell = 0;
+        unsigned int start_offset = 0;
+        unsigned int end_offset = 0;  // the number of steps the receiver reports
+        unsigned int step = 1;
+        unsigned int error_threshold = 0;
+    };
+
+    // One measurement.
+    struct OffsetData {
+        unsigned int offset = 0;
+        unsigned int error_count = 0;
+        unsigned int dwell = 0;
+    };
+
+    // All that is known of one lane. Without independent sides, timing right
+    // and voltage up take the both-sides walk.
+    struct MarginDataLane {
+        unsigned int lane = 0;
+        unsigned int spare = 0;
+        std::string text;
+        std::vector<OffsetData> timing_left;
+        std::vector<OffsetData> timing_right;
+        std::vector<OffsetData> voltage_down;
+        std::vector<OffsetData> voltage_up;
+    };
+
+    struct MarginRunTimeData {
+        std::vector<MarginDataLane> lanes;  // in the order of the lane list
+    };
+
+    PCIEMarginMultiPass(std::vector<PCIDeviceDetails> devices, std::vector<VEX_DIE_INFO> dies, InitParams params,
+                        DumpPCIEMarginDataToConsole& console, MarginEngineAccess access);
+
+    // Appends one object per lane to results (an array), or one object with
+    // "ErrorPresent" true on an early failure. True when the lanes were
+    // margined. Throws runtime_error "Neither GEN4 or GEN5." when the dwell
+    // must come from a link speed other than 16 or 32 GT/s, and the report
+    // errors of margin_report_json.h.
+    bool margin(nlohmann::json& results, int loop) const;
+
+    // Where the next pass of a side starts: the largest offset measured
+    // within the threshold with no measurement above it at or below it; 0
+    // when there is none.
+    static unsigned int start_offset_of(const std::vector<OffsetData>& list, unsigned int error_threshold);
+    // A side's margin offset from its full-dwell measurements: the largest
+    // offset within the threshold that never failed; the smallest good one
+    // when every good one also failed; 0 without a good one.
+    static unsigned int margin_offset_of(const std::vector<OffsetData>& list, unsigned int full_dwell,
+                                         unsigned int error_threshold);
+
+private:
+    struct RunContext;
+
+    bool _run_prechecks_for_margin(MarginCapabilities& capabilities, nlohmann::json& data) const;
+    double _get_dwell_time(const PortMap* port) const;
+    void _populate_pcie_device_details(unsigned int lane, unsigned int stage, nlohmann::json& data) const;
+    void _populate_margin_params(unsigned int lane, unsigned int dwell, nlohmann::json& data) const;
+    bool _check_lanes(std::vector<unsigned int>& lanes, nlohmann::json& data) const;
+    int _is_lane_reversed(int width, std::vector<unsigned int>& lanes) const;
+    bool _get_margin_params(unsigned int lane, ExecuteLaneMarginCmd& cmd,
+                            ExecuteLaneMarginCmd::MarginCtrlCapability& capability,
+                            MarginCapabilities& capabilities, std::string& err, nlohmann::json& data) const;
+    void _checks_on_the_values(const MarginCapabilities& capabilities,
+                               const ExecuteLaneMarginCmd::MarginCtrlCapability& capability,
+                               nlohmann::json& data) const;
+    void _set_error_threshold(const std::vector<unsigned int>& lanes, nlohmann::json& data) const;
+    bool _margin_one_lane(const MarginLaneInput& in, std::vector<OffsetData>& list, std::string& err) const;
+
+    void _lane_body(RunContext& run, std::size_t position) const;
+    void _run_side(RunContext& run, bool voltage, unsigned int lane, DirectionOfMargin direction,
+                   unsigned int end_offset, std::vector<OffsetData>& list) const;
+    void _side_done(RunContext& run, const std::string& direction, bool lane_done) const;
+
+    Device_ID _id() const { return Device_ID(_params.segment, _params.bus, _params.device, _params.function); }
+
+    std::vector<PCIDeviceDetails> _devices;
+    std::vector<VEX_DIE_INFO> _dies;
+    InitParams _params;
+    DumpPCIEMarginDataToConsole* _console;
+    MarginEngineAccess _access;
+    DumpPCIEMarginDataToJSON _json;
+};
+
+}  // namespace PCIE
