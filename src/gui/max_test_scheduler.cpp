@@ -129,3 +129,18 @@ void MaxTestScheduler::_join_completed_threads() {
         _storage.test_threads.erase(id);
     }
 }
+
+void MaxTestScheduler::join_all_tests() {
+    std::map<unsigned long, std::shared_ptr<std::thread>> threads;
+    {
+        NamedLockGuard lock(_storage.lock_name);
+        threads = _storage.test_threads;
+    }
+    // Without the lock, as above: the threads take it on their way out.
+    for (auto& [id, thread] : threads) {
+        if (thread && thread->joinable()) thread->join();
+    }
+    NamedLockGuard lock(_storage.lock_name);
+    for (const auto& entry : threads) _storage.test_threads.erase(entry.first);
+    _storage._test_threads_to_be_joined.clear();
+}

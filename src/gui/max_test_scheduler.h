@@ -20,6 +20,9 @@ public:
     std::string create_dir_and_give_path(unsigned long test_id) override;
     void add_test(unsigned long test_id, std::shared_ptr<std::thread> thread) override;
     void remove_test(unsigned long test_id) override;
+    // At shutdown, after running tests were asked to stop: joins every test
+    // thread, so each has restored its hardware and written its result.
+    void join_all_tests();
 
 private:
     bool _conflicts(const nlohmann::json& running, const nlohmann::json& queued) const;

@@ -46,6 +46,17 @@ void UpdateTestStorage::remove_test_from_running_list(TestStorage& storage, nloh
                  "Error: UpdateTestStorage::remove_test_from_running_list");
 }
 
+bool UpdateTestStorage::set_test_progress(TestStorage& storage, uint64_t test_id, const nlohmann::json& progress) {
+    NamedLockGuard guard(storage.lock_name);
+    for (auto& entry : storage.running_list) {
+        if (entry.contains("TestID") && entry["TestID"] == test_id) {
+            entry["Progress"] = progress;
+            return true;
+        }
+    }
+    return false;
+}
+
 TestListsSnapshot snapshot_test_lists(TestStorage& storage) {
     NamedLockGuard guard(storage.lock_name);
     return TestListsSnapshot{storage.queued_list, storage.running_list};

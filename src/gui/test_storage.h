@@ -29,6 +29,9 @@ public:
     static void remove_test_from_queue_list(TestStorage& storage, nlohmann::json& test);
     static void add_test_to_running_list(TestStorage& storage, nlohmann::json& test);
     static void remove_test_from_running_list(TestStorage& storage, nlohmann::json& test);
+    // Sets "Progress" of the running record with this "TestID"; false when
+    // the test isn't running (it may just have ended), which is no error.
+    static bool set_test_progress(TestStorage& storage, uint64_t test_id, const nlohmann::json& progress);
 };
 
 // Both lists, copied under the lock.
