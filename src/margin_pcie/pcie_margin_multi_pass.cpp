@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -13,11 +14,13 @@
 #include "discovery/pci_capability.h"
 #include "discovery/pci_readers.h"
 #include "discovery/port_mapping.h"
+#include "discovery/read_fuse.h"
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
 #include "margin_pcie/margin_device_checks.h"
 #include "margin_pcie/margin_pcie_utils.h"
+#include "result_data/eq_data.h"
 
 using nlohmann::json;
 
@@ -50,6 +53,37 @@ MarginErrorMap error_map(const std::vector<PCIEMarginMultiPass::OffsetData>& lis
     MarginErrorMap map;
     for (const auto& entry : list) map[{entry.offset, entry.dwell}] = entry.error_count;
     return map;
+}
+
+// The key of the port's lane map entry that holds lane: the lane's place
+// on the SerDes link.
+std::optional<unsigned int> serdes_key_of(const PortMap& port, unsigned int lane) {
+    for (const auto& [key, value] : port.logical_to_serdes_lane)
+        if (value == lane) return key;
+    return std::nullopt;
+}
+
+VEXDeviceDetails vex_device_details(const VEX_DIE_INFO& die, const PortMap& port) {
+    VEXDeviceDetails details;
+    details.DeviceName = die.name();
+    details.Socket = die.socket();
+    details.Die = die.die();
+    if (ReadFuse::supports_asic_id_extraction(die)) {
+        try {
+            std::ostringstream id;
+            id << "0x" << std::hex << ReadFuse::get_asic_id(die);
+            details.ASICID = id.str();
+        } catch (const std::exception&) {
+            // The die's registers can't be reached: the ID stays "Not Available".
+        }
+    }
+    details.PCIeController = port.core;
+    details.PCIeFunctionIndex = port.function_index;
+    details.PortNo = port.port;
+    details.SERDES = port.serdes;
+    details.PhyFwVersion = port.phy_version;
+    details.PhyName = port.phy;
+    return details;
 }
 
 bool is_kx900_device_die(const std::string& name) { return name == "KX900X" || name == "KX900A" || name == "KX900C"; }
@@ -234,8 +268,60 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
         _json.dump_information_msg(0, kStoppedText, head);
         _json.dump_err_msg(0, kStoppedText, head);
     }
+    // Equalisation and silicon details, for a mapped port whose lanes all
+    // reach its SerDes link. A stopped run skips them to end sooner.
+    bool lanes_on_serdes = mapped && !stopped;
+    for (const unsigned int lane : lanes) lanes_on_serdes = lanes_on_serdes && serdes_key_of(port, lane).has_value();
+    if (lanes_on_serdes) {
+        const std::map<unsigned int, json> tx = _get_pcie_txeq(lanes, port_map);
+        const std::map<unsigned int, json> rx = _get_rxxeq(lanes, die, port);
+        VEXDeviceDetails details = vex_device_details(die, port);
+        for (std::size_t position = 0; position < lanes.size(); ++position) {
+            const auto at = static_cast<unsigned int>(position);
+            const unsigned int lane = lanes[position];
+            json entry = run.lane_json.at(at);
+            details.LanePhysicalID = *serdes_key_of(port, lane);
+            _json.dump_vex_device_details(at, details, entry);
+            entry.update(tx.count(lane) ? tx.at(lane) : PCIETxEqCorvane::Output{}.lane_json(lane));
+            entry.update(rx.count(lane) ? rx.at(lane) : RxEq{}.to_json());
+            results.push_back(std::move(entry));
+        }
+        return true;
+    }
     for (auto& [position, entry] : run.lane_json) results.push_back(std::move(entry));
     return !stopped;
+}
+
+std::map<unsigned int, json> PCIEMarginMultiPass::_get_pcie_txeq(const std::vector<unsigned int>& lanes,
+                                                                const PortMapData& port_map) const {
+    std::map<unsigned int, json> tx;
+    if (_params.receiver != 1 && _params.receiver != 6) return tx;
+    try {
+        PCIETxEqCorvane::Input input;
+        input.device = _id();
+        input.lanes = lanes;
+        const PCIETxEqCorvane::Output output = PCIETxEqCorvane()(input, port_map);
+        for (const unsigned int lane : lanes) tx[lane] = output.lane_json(lane);
+    } catch (const std::exception& error) {
+        Logger::get().log(std::string("TX equalisation not read: ") + error.what());
+    }
+    return tx;
+}
+
+std::map<unsigned int, json> PCIEMarginMultiPass::_get_rxxeq(const std::vector<unsigned int>& lanes,
+                                                            const VEX_DIE_INFO& die, const PortMap& port) const {
+    std::map<unsigned int, json> rx;
+    if (_params.receiver != 1 && _params.receiver != 6) return rx;
+    try {
+        const std::shared_ptr<EQData> eq = get_eq_data(port.serdes, die);
+        for (const unsigned int lane : lanes) {
+            const auto key = serdes_key_of(port, lane);
+            if (key) rx[lane] = eq->get_rx_eq(*key).to_json();
+        }
+    } catch (const std::exception& error) {
+        Logger::get().log(std::string("RX equalisation not read: ") + error.what());
+    }
+    return rx;
 }
 
 void PCIEMarginMultiPass::_lane_body(RunContext& run, std::size_t position) const {

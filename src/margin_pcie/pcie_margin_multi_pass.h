@@ -31,12 +31,14 @@
 // - In an error map, a (offset, dwell) measured twice keeps the later count.
 // - An exception inside a lane thread is kept and raised from margin once
 //   the batch has been joined, so a fault never ends the process.
-// - Equalisation (TX and RX) and the silicon details of mapped lanes are not
-//   read yet: every lane object goes out as the lane threads left it, with
-//   "VEXDevicePresent" false.
+// - Equalisation and silicon details are added only for a mapped port all
+//   of whose lanes are in its SerDes lane map, and not after a stop. A lane
+//   whose equalisation couldn't be read gets "RxEqValid" false and every TX
+//   field without "Got", so the report's columns always have their keys.
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,6 +46,7 @@
 #include <nlohmann/json.hpp>
 
 #include "discovery/port_map_types.h"
+#include "discovery/port_mapping.h"
 #include "hardware/pci_access.h"
 #include "hardware/pci_device_details.h"
 #include "hardware/vex_die_info.h"
@@ -163,6 +166,13 @@ private:
                                nlohmann::json& data) const;
     void _set_error_threshold(const std::vector<unsigned int>& lanes, nlohmann::json& data) const;
     bool _margin_one_lane(const MarginLaneInput& in, std::vector<OffsetData>& list, std::string& err) const;
+    // By lane: the report keys of the lane's TX presets and cursors, and of
+    // its receiver's settings. Empty unless the receiver is 1 or 6; an
+    // exception ends the reading with what was read.
+    std::map<unsigned int, nlohmann::json> _get_pcie_txeq(const std::vector<unsigned int>& lanes,
+                                                          const PortMapData& port_map) const;
+    std::map<unsigned int, nlohmann::json> _get_rxxeq(const std::vector<unsigned int>& lanes, const VEX_DIE_INFO& die,
+                                                      const PortMap& port) const;
 
     void _lane_body(RunContext& run, std::size_t position) const;
     void _run_side(RunContext& run, bool voltage, unsigned int lane, DirectionOfMargin direction,

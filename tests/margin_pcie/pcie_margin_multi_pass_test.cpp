@@ -8,8 +8,11 @@
 #include <mutex>
 #include <set>
 
+#include "discovery/die_detection.h"
 #include "discovery/pci_capability.h"
+#include "discovery/pci_detection.h"
 #include "discovery/port_mapping.h"
+#include "hardware/crn_factory.h"
 #include "hardware/gfx_accessor_maker.h"
 #include "hardware/system_facts.h"
 #include "margin_pcie/pcie_margin_multi_pass.h"
@@ -159,6 +162,7 @@ protected:
     }
     void TearDown() override {
         reset_all_port_data();
+        CRNFactory::reset();
         set_system_facts(nullptr);
         set_gfx_accessor_maker(nullptr);
     }
@@ -304,6 +308,42 @@ TEST_F(OverModel, PreCheckFailuresEndTheRunWithTheirReason) {
         const std::string message = results[0]["ErrorMsg"];
         EXPECT_EQ(message.rfind("  Device support for margin capability failed. Reason: ", 0), 0u) << message;
         EXPECT_NE(message.find(c.reason), std::string::npos) << message;
+    }
+}
+
+TEST_F(OverModel, MappedPortTakesItsLanesFromThePortMapAndCarriesItsSilicon) {
+    // slot3: the 32 GT/s x16 root port of socket 0 on SerDes link P2, whose
+    // core lanes reach the link reversed.
+    json profile = nic_profile(31, true);
+    json& slot3 = profile["sockets"][0]["root_complexes"][1]["root_ports"][0];
+    slot3["margining"]["eye"]["noise"] = 0;
+    load(profile);
+    CRNFactory::reset();
+    CRNFactory::initalize(access.read, access.write);
+    auto devices = DetectPCIDevices()(access.read);
+    const auto dies = DetectVEXDies(access.write)(devices, access.read);
+
+    PCIEMarginMultiPass::InitParams p;
+    p.bus = 0x40;
+    p.device = 1;
+    p.receiver = 1;
+    p.dwell_time = 200;
+    PCIE::DumpPCIEMarginDataToConsole console(false);
+    json results = json::array();
+    ASSERT_TRUE(PCIEMarginMultiPass(devices, dies, p, console, access).margin(results, 1)) << results.dump(2);
+    ASSERT_EQ(results.size(), kLanes);
+    for (unsigned position = 0; position < kLanes; ++position) {
+        const json& lane = results[position];
+        SCOPED_TRACE(position);
+        EXPECT_EQ(lane["LanePCIeNo"], position);
+        EXPECT_EQ(lane["VEXDevicePresent"], true);
+        EXPECT_EQ(lane["SERDES"], "P2");
+        EXPECT_EQ(lane["PCIeController"], "PCIE0_nbio1");
+        EXPECT_EQ(lane["Socket"], 0);
+        EXPECT_EQ(lane["LanePhysicalID"], kLanes - 1 - position);
+        EXPECT_TRUE(lane.contains("RxEqValid") && lane.contains("TxPresetGot"));
+        EXPECT_NEAR(lane["PhaseLeftMargin"].get<double>(), 0.20, kTimingStepUI);
+        EXPECT_NEAR(lane["VoltBotomMargin"].get<double>(), 0.028, kVoltageStepV);
     }
 }
 
