@@ -1,0 +1,131 @@
+// The page: header with version and connection, four screens chosen by the
+// address's hash, and the live queue fed by the WebSocket.
+import { useEffect, useRef, useState } from 'preact/hooks';
+import { get_pcie_devices, get_version } from './api';
+import { parse_push } from './push';
+import { LiveSocket, socket_url, type SocketState } from './socket';
+import type { PCIeDevice, QueuedTest } from './types';
+import { Header, type Screen } from './views/Header';
+import { DevicesView } from './views/DevicesView';
+import { NewTestView } from './views/NewTestView';
+import { QueueView, type FinishedTest } from './views/QueueView';
+import { ResultsView } from './views/ResultsView';
+
+const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
+
+function screen_from_hash(): Screen {
+  const name = location.hash.replace(/^#\/?/, '').split('?')[0];
+  return (SCREENS as string[]).includes(name) ? (name as Screen) : 'devices';
+}
+
+export function App() {
+  const [screen, setScreen] = useState<Screen>(screen_from_hash());
+  const [version, setVersion] = useState<string | null>(null);
+  const [versionError, setVersionError] = useState<string | null>(null);
+  const [socket, setSocket] = useState<SocketState>({ kind: 'connecting' });
+  const [devices, setDevices] = useState<PCIeDevice[] | null>(null);
+  const [devicesError, setDevicesError] = useState<string | null>(null);
+  // null until the first queue push: the service pushes nothing while idle.
+  const [queue, setQueue] = useState<QueuedTest[] | null>(null);
+  const [finished, setFinished] = useState<FinishedTest[]>([]);
+  const [pushNote, setPushNote] = useState<string | null>(null);
+  const [chosenSbdf, setChosenSbdf] = useState('');
+  const [resultsGeneration, setResultsGeneration] = useState(0);
+  const previousQueue = useRef<QueuedTest[]>([]);
+
+  useEffect(() => {
+    const onHash = () => setScreen(screen_from_hash());
+    window.addEventListener('hashchange', onHash);
+    return () => window.removeEventListener('hashchange', onHash);
+  }, []);
+
+  const loadDevices = () => {
+    setDevicesError(null);
+    get_pcie_devices()
+      .then(setDevices)
+      .catch((e: Error) => setDevicesError(e.message));
+  };
+
+  useEffect(() => {
+    get_version()
+      .then(setVersion)
+      .catch((e: Error) => setVersionError(e.message));
+    loadDevices();
+  }, []);
+
+  useEffect(() => {
+    const live = new LiveSocket(
+      socket_url(location),
+      (text) => {
+        const push = parse_push(text);
+        if (push.kind === 'tests') {
+          const now = push.tests;
+          const ids = new Set(now.map((t) => t.TestID));
+          const gone = previousQueue.current.filter((t) => t.TestID !== null && !ids.has(t.TestID));
+          if (gone.length > 0) {
+            const stamp = new Date().toLocaleTimeString();
+            setFinished((old) => [...gone.map((t) => ({ test: t, at: stamp })), ...old].slice(0, 5));
+            setResultsGeneration((g) => g + 1);
+          }
+          previousQueue.current = now;
+          setQueue(now);
+        } else if (push.kind === 'download') {
+          setPushNote(push.msg);
+        } else if (push.kind === 'invalid') {
+          setPushNote(`A message from the service could not be read: ${push.reason}.`);
+        }
+      },
+      (state) => {
+        setSocket(state);
+        // A queue seen before the drop may be stale; the service pushes it again
+        // on its next pass if anything is still queued or running.
+        if (state.kind === 'down') {
+          previousQueue.current = [];
+          setQueue(null);
+        }
+      },
+    );
+    live.open();
+    return () => live.close();
+  }, []);
+
+  const go = (next: Screen) => {
+    location.hash = next;
+  };
+
+  return (
+    <div class="page">
+      <Header
+        version={version}
+        versionError={versionError}
+        socket={socket}
+        screen={screen}
+        queueCount={queue?.length ?? 0}
+      />
+      <main class="content">
+        {/* Every screen stays mounted so a form or a chosen result survives a
+            look at another screen. */}
+        <section hidden={screen !== 'devices'}>
+          <DevicesView
+            devices={devices}
+            error={devicesError}
+            onReload={loadDevices}
+            onNewTest={(sbdf) => {
+              setChosenSbdf(sbdf);
+              go('new');
+            }}
+          />
+        </section>
+        <section hidden={screen !== 'new'}>
+          <NewTestView devices={devices} error={devicesError} chosenSbdf={chosenSbdf} />
+        </section>
+        <section hidden={screen !== 'queue'}>
+          <QueueView queue={queue} finished={finished} note={pushNote} />
+        </section>
+        <section hidden={screen !== 'results'}>
+          <ResultsView generation={resultsGeneration} visible={screen === 'results'} />
+        </section>
+      </main>
+    </div>
+  );
+}

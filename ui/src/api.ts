@@ -1,0 +1,69 @@
+// Requests to the service. Every failure becomes an Error whose message can
+// be shown as it stands, next to the control that caused it.
+import type { MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
+
+async function request(path: string, init?: RequestInit): Promise<string> {
+  let response: Response;
+  try {
+    response = await fetch(path, init);
+  } catch {
+    throw new Error('The service cannot be reached. Check that it is running.');
+  }
+  const body = await response.text();
+  if (!response.ok) {
+    const reason = body.trim() || response.statusText;
+    throw new Error(`The service refused the request (${response.status}): ${reason}`);
+  }
+  return body;
+}
+
+async function request_json(path: string, init?: RequestInit): Promise<unknown> {
+  const body = await request(path, init);
+  try {
+    return JSON.parse(body);
+  } catch {
+    throw new Error(`The service sent an answer that is not JSON (${path}).`);
+  }
+}
+
+function post(body: unknown): RequestInit {
+  // Same-origin fetch: the browser adds the page's own Origin, which the
+  // service accepts.
+  return { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) };
+}
+
+export async function get_version(): Promise<string> {
+  const answer = await request_json('/api/GetLANEWRIGHTVersion');
+  const version = (answer as { Tool_Version?: unknown })?.Tool_Version;
+  if (typeof version !== 'string') throw new Error('The service did not say its version.');
+  return version;
+}
+
+export async function get_pcie_devices(): Promise<PCIeDevice[]> {
+  const answer = await request_json('/api/1.0/GetPCIEDeviceListForMargin');
+  // A machine without devices may answer null.
+  if (answer === null) return [];
+  if (!Array.isArray(answer)) throw new Error('The device list from the service is not a list.');
+  return answer.filter(
+    (d): d is PCIeDevice =>
+      typeof d === 'object' && d !== null && typeof (d as PCIeDevice).PCIeInfo?.SBDF === 'string',
+  );
+}
+
+export async function add_test(record: MarginRecord): Promise<QueueAnswer> {
+  const answer = (await request_json('/api/1.0/AddTestToQueue', post(record))) as Partial<QueueAnswer> | null;
+  if (typeof answer?.OperationStatus !== 'boolean') throw new Error('The service gave no queue status.');
+  return { OperationStatus: answer.OperationStatus, ErrMsg: typeof answer.ErrMsg === 'string' ? answer.ErrMsg : '' };
+}
+
+export async function get_date_list(): Promise<string[]> {
+  const answer = (await request_json('/api/1.0/GetResultsDateRange')) as { DateList?: unknown } | null;
+  if (!Array.isArray(answer?.DateList)) throw new Error('The service sent no date list.');
+  return answer.DateList.filter((d): d is string => typeof d === 'string');
+}
+
+export async function get_results(start: string, end: string): Promise<ResultRecord[]> {
+  const answer = await request_json('/api/1.0/GetResultsByDate', post({ start, end }));
+  if (!Array.isArray(answer)) throw new Error('The results from the service are not a list.');
+  return answer.filter((r): r is ResultRecord => typeof r === 'object' && r !== null);
+}

@@ -1,0 +1,100 @@
+// Reads the messages the service pushes over the WebSocket. A message that
+// can't be read is reported as such and never ends the page.
+import type { JsonObject, Progress, QueuedTest } from './types';
+import { ber_label, lanes_label, text_of } from './format';
+
+export type Push =
+  | { kind: 'tests'; tests: QueuedTest[] }
+  | { kind: 'download'; msg: string }
+  | { kind: 'other'; key: string }
+  | { kind: 'invalid'; reason: string };
+
+function is_object(value: unknown): value is JsonObject {
+  return typeof value === 'object' && value !== null && !Array.isArray(value);
+}
+
+function finite(value: unknown): number | undefined {
+  return typeof value === 'number' && Number.isFinite(value) ? value : undefined;
+}
+
+/**
+ * The "Progress" object of a running test, or null when it is absent or
+ * unusable (then no progress is known). A missing "Percent" is derived from
+ * the lane counts; every number is held within its sensible range so a
+ * confused runner can't draw a bar beyond its track.
+ */
+export function parse_progress(value: unknown): Progress | null {
+  if (!is_object(value)) return null;
+  const done = finite(value.LanesDone);
+  const total = finite(value.LanesTotal);
+  if (done === undefined || total === undefined || total < 0) return null;
+  let percent = finite(value.Percent);
+  if (percent === undefined) percent = total > 0 ? (100 * done) / total : 0;
+  const remaining = finite(value.RemainingSeconds);
+  return {
+    LanesDone: Math.max(0, Math.min(done, total)),
+    LanesTotal: total,
+    Direction: typeof value.Direction === 'string' ? value.Direction : '',
+    ElapsedSeconds: Math.max(0, finite(value.ElapsedSeconds) ?? 0),
+    RemainingSeconds: remaining === undefined ? null : Math.max(0, remaining),
+    Percent: Math.max(0, Math.min(100, percent)),
+  };
+}
+
+/** "Lanes" elements are numbers or comma-separated texts; anything else is skipped. */
+export function lanes_of(value: unknown): number[] {
+  if (!Array.isArray(value)) return [];
+  const lanes: number[] = [];
+  for (const element of value) {
+    if (typeof element === 'number' && Number.isInteger(element) && element >= 0) {
+      lanes.push(element);
+    } else if (typeof element === 'string') {
+      for (const part of element.split(',')) {
+        if (/^\s*\d+\s*$/.test(part)) lanes.push(Number(part));
+      }
+    }
+  }
+  return lanes;
+}
+
+function queued_test(value: unknown): QueuedTest | null {
+  if (!is_object(value)) return null;
+  const params = is_object(value.TestParams) ? value.TestParams : {};
+  const pcie = is_object(value.PCIeInfo) ? value.PCIeInfo : undefined;
+  const hvl = is_object(value.HVLCtrlInfo) ? value.HVLCtrlInfo : undefined;
+  const target = pcie ? text_of(pcie.SBDF) : hvl ? `${text_of(hvl.DeviceName)} ${text_of(hvl.SERDES)}`.trim() : '';
+  const status = value.Status === 'Running' ? 'Running' : 'Queued';
+  return {
+    TestID: finite(value.TestID) ?? null,
+    Status: status,
+    Operation: text_of(value.Operation),
+    SBDF: target,
+    Receiver: text_of(params.Receiver),
+    Lanes: lanes_label(lanes_of(params.Lanes)),
+    BER: typeof params.BER === 'string' ? ber_label(params.BER) : text_of(params.BER),
+    Progress: status === 'Running' ? parse_progress(value.Progress) : null,
+  };
+}
+
+export function parse_push(text: string): Push {
+  let message: unknown;
+  try {
+    message = JSON.parse(text);
+  } catch {
+    return { kind: 'invalid', reason: 'the message is not JSON' };
+  }
+  if (!is_object(message) || typeof message.key !== 'string') {
+    return { kind: 'invalid', reason: 'the message has no "key"' };
+  }
+  switch (message.key) {
+    case 'RunningTestsUpdate': {
+      if (!Array.isArray(message.TestList)) return { kind: 'invalid', reason: '"TestList" is not an array' };
+      const tests = message.TestList.map(queued_test).filter((t): t is QueuedTest => t !== null);
+      return { kind: 'tests', tests };
+    }
+    case 'DownloadUpdate':
+      return { kind: 'download', msg: text_of(message.msg) };
+    default:
+      return { kind: 'other', key: message.key };
+  }
+}

@@ -1,0 +1,123 @@
+// Shapes of the documents the service sends and accepts. Only the keys the
+// front end reads are typed; everything else is carried through untouched.
+
+export type JsonObject = { [key: string]: unknown };
+
+export interface PCIeInfo {
+  SBDF: string;
+  VendorName?: string;
+  Speed?: string;
+  Width?: string;
+  DeviceType?: string;
+  BridgeInfo?: { SecondaryBus?: number; SubordinateBus?: number };
+  [key: string]: unknown;
+}
+
+export interface PCIeMarginData {
+  BER?: string[];
+  ErrCnt?: { Max?: number; Min?: number };
+  Lanes?: number[];
+  Receivers?: number[];
+}
+
+/** One element of "/api/1.0/GetPCIEDeviceListForMargin". */
+export interface PCIeDevice {
+  PCIeInfo: PCIeInfo;
+  PCIeMarginSupported?: boolean;
+  PCIeMarginData?: PCIeMarginData;
+  SERDES?: { DeviceName?: string; SERDES?: string };
+  PCIeCtrlInfo?: { PCIeCore?: unknown; Function?: unknown; DeviceName?: string; Port?: unknown };
+  EyeScanSupported?: boolean;
+  [key: string]: unknown;
+}
+
+export interface TestParams {
+  BER: string;
+  ErrCnt: number;
+  Receiver: number;
+  Lanes: number[];
+}
+
+/** A PCIe margin test record as the queue accepts it. */
+export interface MarginRecord {
+  Operation: 'PCIe Margin';
+  PCIeInfo: PCIeInfo;
+  PCIeCtrlInfo?: PCIeDevice['PCIeCtrlInfo'];
+  SERDES?: PCIeDevice['SERDES'];
+  TestParams: TestParams;
+}
+
+/** Answer of "/api/1.0/AddTestToQueue". */
+export interface QueueAnswer {
+  OperationStatus: boolean;
+  ErrMsg: string;
+}
+
+/** Progress of a running margin, as the queue push carries it. */
+export interface Progress {
+  LanesDone: number;
+  LanesTotal: number;
+  Direction: string;
+  ElapsedSeconds: number;
+  /** null while the service cannot estimate it yet. */
+  RemainingSeconds: number | null;
+  Percent: number;
+}
+
+/** A queued or running test as the "RunningTestsUpdate" push shows it. */
+export interface QueuedTest {
+  TestID: number | null;
+  Status: 'Queued' | 'Running';
+  Operation: string;
+  SBDF: string;
+  Receiver: string;
+  Lanes: string;
+  BER: string;
+  Progress: Progress | null;
+}
+
+/** One lane object of "TestOutput"."FullMarginData". */
+export interface LaneMargin {
+  LaneSerialID?: number;
+  LanePCIeNo?: number;
+  PhaseLeftMargin?: number;
+  PhaseRightMargin?: number;
+  VoltTopMargin?: number;
+  VoltBotomMargin?: number;
+  PhaseLeftErrorMap?: ErrorMapEntry[];
+  PhaseRightErrorMap?: ErrorMapEntry[];
+  VoltTopErrorMap?: ErrorMapEntry[];
+  VoltBottomErrorMap?: ErrorMapEntry[];
+  [key: string]: unknown;
+}
+
+export interface ErrorMapEntry {
+  Offset: number;
+  DwellTime: number;
+  ErrCnt: number;
+}
+
+export interface TestOutput {
+  Status?: string;
+  FailureReason?: string;
+  'PhaseRight (UI)'?: number;
+  'PhaseLeft (UI)'?: number;
+  'VrefTop (mv)'?: number;
+  'VrefBot (mv)'?: number;
+  Time?: string;
+  ResultsFolder?: string;
+  FullMarginData?: LaneMargin[];
+  [key: string]: unknown;
+}
+
+/** A finished test as the archive returns it. */
+export interface ResultRecord {
+  TestID?: number;
+  Operation?: string;
+  PCIeInfo?: PCIeInfo;
+  HVLCtrlInfo?: { DeviceName?: string; SERDES?: string };
+  SERDES?: { DeviceName?: string; SERDES?: string };
+  TestParams?: Partial<TestParams> & { [key: string]: unknown };
+  TestOutput?: TestOutput;
+  [key: string]: unknown;
+}
