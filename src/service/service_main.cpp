@@ -7,7 +7,9 @@
 
 #include "gui/gui_resource_store.h"
 #include "gui/hvl_conflict_check.h"
+#include "gui/gui_pcie_handle_test.h"
 #include "gui/max_test_scheduler.h"
+#include "gui/test_runner.h"
 #include "gui/test_storage.h"
 #include "discovery/pci_detection.h"
 #include "hardware/crn_factory.h"
@@ -65,6 +67,10 @@ int run_service(const ServiceOptions& options) {
 
     TestStorage storage;
     MaxTestScheduler scheduler(storage, store);
+    // One flag for every running margin: raised at shutdown so each stops at
+    // its next offset with its lanes back at normal settings.
+    PCIE::MarginStopFlag margin_stop;
+    TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<PCIeMarginRunner>(margin_stop));
     std::unique_ptr<WebBackEnd> backend(new (std::nothrow) WebBackEnd(store, storage));
     if (!backend) {
         std::cout << "Web BackEnd allocation failed." << std::endl;
@@ -91,6 +97,8 @@ int run_service(const ServiceOptions& options) {
     stop_requested = true;
     poller.join();
     log_dropped_queue(storage);
+    margin_stop.request_stop();
+    scheduler.join_all_tests();
     backend.reset();
     return 0;
 }

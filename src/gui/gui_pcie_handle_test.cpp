@@ -1,0 +1,186 @@
+#include "gui/gui_pcie_handle_test.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "gui/test_progress.h"
+#include "gui/test_record_checks.h"
+#include "hardware/atomic_file.h"
+#include "hardware/file_logger.h"
+#include "hardware/system_facts.h"
+#include "hardware/time_format.h"
+#include "margin_pcie/margin_console.h"
+#include "margin_pcie/pcie_margin_multi_pass.h"
+#include "result_data/data_handler.h"
+#include "result_data/static_data.h"
+
+using nlohmann::json;
+
+namespace {
+
+// The four figures of "TestOutput" and the report keys they come from.
+struct Figure {
+    const char* output_key;
+    const char* report_key;
+};
+constexpr Figure kFigures[] = {{"PhaseRight (UI)", "PhaseRightMargin"},
+                               {"PhaseLeft (UI)", "PhaseLeftMargin"},
+                               {"VrefTop (mv)", "VoltTopMargin"},
+                               {"VrefBot (mv)", "VoltBotomMargin"}};
+
+// The engine's inputs from a record; throws with a readable text when a part
+// can't be read (the queue checks the same parts, so this is a second line).
+PCIE::PCIEMarginMultiPass::InitParams read_init_params(const json& test) {
+    PCIE::PCIEMarginMultiPass::InitParams params;
+    const auto sbdf = parse_sbdf(test.at("PCIeInfo").at("SBDF").get<std::string>());
+    if (!sbdf) throw std::runtime_error("\"SBDF\" is not of the form segment:bus:device.function");
+    params.segment = sbdf->segment;
+    params.bus = sbdf->bus;
+    params.device = sbdf->device;
+    params.function = sbdf->function;
+    const json& test_params = test.at("TestParams");
+    params.receiver = test_params.at("Receiver").get<unsigned int>();
+    params.BER = static_cast<unsigned int>(std::stoul(test_params.at("BER").get<std::string>()));
+    params.error_count = test_params.at("ErrCnt").get<unsigned int>();
+    params.dwell_time = 0;  // the engine takes it from BER and error count
+    std::string error;
+    const auto lanes = parse_lanes(test_params.at("Lanes"), error);
+    if (!lanes) throw std::runtime_error(error);
+    params.lanes = *lanes;
+    return params;
+}
+
+// Writes one result file; a failure is the test's failure.
+void write_result_file(const std::string& folder, const std::string& name, const std::string& content) {
+    std::string error;
+    if (!write_file_atomically(folder + "/" + name, content, error))
+        throw std::runtime_error("Unable to write " + name + ": " + error);
+}
+
+}  // namespace
+
+json pcie_margin_test_output(const json& report, const std::string& folder) {
+    json output = {{"Status", "complete"}};
+    for (const Figure& figure : kFigures) {
+        double worst = report.at(0).at(figure.report_key).get<double>();
+        for (const json& lane : report) worst = std::min(worst, lane.at(figure.report_key).get<double>());
+        output[figure.output_key] = worst;
+    }
+    output["Time"] = make_date_time_user_readable(time_stamp());
+    output["ResultsFolder"] = folder;
+    output["FullMarginData"] = report;
+    return output;
+}
+
+json failed_test_output(const std::string& reason, const std::string& folder) {
+    json output = {{"Status", "Failed"}, {"FailureReason", reason}};
+    for (const Figure& figure : kFigures) output[figure.output_key] = 0;
+    output["Time"] = make_date_time_user_readable(time_stamp());
+    output["ResultsFolder"] = folder;
+    return output;
+}
+
+std::string pcie_margin_csv(const json& report) {
+    std::ostringstream out;
+    const json first = report.at(0);
+    DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, DUMP_MODE_PLAIN, false)->dump_header(first, out);
+    for (const json& lane : report)
+        DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, DUMP_MODE_PLAIN, false)->dump_data(lane, first, out);
+    return out.str();
+}
+
+json run_and_write_pcie_margin(const std::function<void(json&)>& margin, const std::string& folder) {
+    json report = json::array();
+    try {
+        margin(report);
+    } catch (const std::runtime_error& error) {
+        return failed_test_output(error.what(), folder);
+    } catch (...) {
+        return failed_test_output("Unknown exception", folder);
+    }
+    write_result_file(folder, "raw_data.json", report.dump(4) + "\n");
+    if (report.empty()) return failed_test_output("The margin engine reported no lanes", folder);
+    const json& first = report.at(0);
+    if (first.value("ErrorPresent", false)) return failed_test_output(first.value("ErrorMsg", std::string()), folder);
+    write_result_file(folder, "pcie_margin.csv", pcie_margin_csv(report));
+    return pcie_margin_test_output(report, folder);
+}
+
+GUIPCIEHandleTest::GUIPCIEHandleTest(GUIResourceStore& store, json& test, TestStorage& storage,
+                                     Scheduler& scheduler, PCIE::MarginStopFlag stop)
+    : _store(store), _test(test), _storage(storage), _scheduler(scheduler), _stop(std::move(stop)) {}
+
+void GUIPCIEHandleTest::start() {
+    const unsigned long id = _test.at("TestID").get<unsigned long>();
+    auto thread = std::make_shared<std::thread>(&GUIPCIEHandleTest::thread_fuction, *this);
+    _scheduler.add_test(id, thread);
+}
+
+void GUIPCIEHandleTest::thread_fuction() {
+    const unsigned long id = _test.at("TestID").get<unsigned long>();
+    std::string folder;
+    try {
+        const PCIE::PCIEMarginMultiPass::InitParams params = read_init_params(_test);
+        StaticDataUtility(_store.get_die_list()).update_static_data();
+        PCIE::DumpPCIEMarginDataToConsole console(false);
+
+        TestProgressReporter progress(_storage, id, system_facts().now());
+        PCIE::MarginEngineAccess access;
+        access.read = _store.get_read_accessor();
+        access.write = _store.get_write_accessor();
+        access.stop = _stop;
+        access.progress = [&progress](const PCIE::MarginProgress& step) {
+            TestProgressState state;
+            state.lanes_done = step.lanes_done;
+            state.lanes_total = step.lanes_total;
+            state.units_done = step.walks_done;
+            state.units_total = step.walks_total;
+            state.direction = step.direction;
+            progress.update(state, system_facts().now());
+        };
+        const PCIE::PCIEMarginMultiPass engine(_store.get_pcie_device_list(), _store.get_die_list(), params, console,
+                                               access);
+        folder = _scheduler.create_dir_and_give_path(id);
+
+        _test["TestOutput"] = run_and_write_pcie_margin([&engine](json& report) { engine.margin(report, 1); }, folder);
+    } catch (const std::exception& error) {
+        _test["TestOutput"] = failed_test_output(error.what(), folder);
+    }
+
+    if (folder.empty()) {
+        // The failure came before the folder was made; the record still
+        // belongs in the archive.
+        try {
+            folder = _scheduler.create_dir_and_give_path(id);
+            _test["TestOutput"]["ResultsFolder"] = folder;
+        } catch (const std::exception& error) {
+            Logger::get().log("PCIe margin test " + std::to_string(id) + ": no folder: " + error.what());
+        }
+    }
+    if (!folder.empty()) {
+        std::string error;
+        if (!write_file_atomically(folder + "/output.json", _test.dump(4) + "\n", error))
+            Logger::get().log("PCIe margin test " + std::to_string(id) + ": " + error);
+    }
+
+    _scheduler.remove_test(id);
+    try {
+        UpdateTestStorage::remove_test_from_running_list(_storage, _test);
+    } catch (const std::exception& error) {
+        Logger::get().log(std::string("PCIe margin test ") + std::to_string(id) + ": " + error.what());
+    }
+}
+
+std::optional<std::string> PCIeMarginRunner::check_record(const json& test, GUIResourceStore& store) const {
+    return check_pcie_margin_record(test, store);
+}
+
+void PCIeMarginRunner::start(const json& test, GUIResourceStore& store, TestStorage& storage,
+                             Scheduler& scheduler) const {
+    json record = test;
+    GUIPCIEHandleTest(store, record, storage, scheduler, _stop).start();
+}

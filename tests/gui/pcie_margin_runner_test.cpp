@@ -1,0 +1,188 @@
+// The PCIe margin runner: what it leaves in a test's folder for each way a
+// margin can end, the worst-lane figures, and a whole run over the machine
+// model from queue to archive.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+#include "discovery/pci_detection.h"
+#include "discovery/port_mapping.h"
+#include "gui/gui_pcie_handle_test.h"
+#include "gui/max_test_scheduler.h"
+#include "gui/test_progress.h"
+#include "hardware/crn_factory.h"
+#include "simulator/platform.h"
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path fresh_folder(const std::string& name) {
+    const fs::path folder = fs::temp_directory_path() / (name + "_" + std::to_string(::getpid()));
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    return folder;
+}
+
+json read_json(const fs::path& path) {
+    std::ifstream in(path);
+    return json::parse(in);
+}
+
+struct EndCase {
+    const char* name;
+    std::function<void(json&)> margin;
+    bool raw_data;
+    const char* reason;
+};
+
+class RunEnds : public ::testing::TestWithParam<EndCase> {};
+
+TEST_P(RunEnds, LeavesOnlyTheFilesOfThatEnd) {
+    const EndCase& c = GetParam();
+    const fs::path folder = fresh_folder(std::string("runner_end_") + c.name);
+    const json output = run_and_write_pcie_margin(c.margin, folder.string());
+
+    EXPECT_EQ(output["Status"], "Failed");
+    EXPECT_EQ(output["FailureReason"], c.reason);
+    EXPECT_EQ(output["PhaseRight (UI)"], 0);
+    EXPECT_EQ(output["ResultsFolder"], folder.string());
+    EXPECT_EQ(fs::exists(folder / "raw_data.json"), c.raw_data);
+    EXPECT_FALSE(fs::exists(folder / "pcie_margin.csv"));
+    fs::remove_all(folder);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Runner, RunEnds,
+    ::testing::Values(
+        EndCase{"EngineThrowsRuntimeError", [](json&) { throw std::runtime_error("Neither GEN4 or GEN5."); }, false,
+                "Neither GEN4 or GEN5."},
+        EndCase{"EngineThrowsSomethingElse", [](json&) { throw 42; }, false, "Unknown exception"},
+        EndCase{"ReportShowsAnError",
+                [](json& report) {
+                    report.push_back({{"ErrorPresent", true}, {"ErrorMsg", "lanes are not mapped\n"}});
+                },
+                true, "lanes are not mapped\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(RunnerFigures, EachFigureIsTheWorstLaneOfItsOwnDirection) {
+    const json report = json::array({
+        {{"PhaseRightMargin", 0.30}, {"PhaseLeftMargin", 0.12}, {"VoltTopMargin", 0.05}, {"VoltBotomMargin", 0.09}},
+        {{"PhaseRightMargin", 0.21}, {"PhaseLeftMargin", 0.25}, {"VoltTopMargin", 0.08}, {"VoltBotomMargin", 0.04}},
+        {{"PhaseRightMargin", 0.28}, {"PhaseLeftMargin", 0.20}, {"VoltTopMargin", 0.03}, {"VoltBotomMargin", 0.07}},
+    });
+    const json output = pcie_margin_test_output(report, "/r");
+    EXPECT_EQ(output["Status"], "complete");
+    EXPECT_DOUBLE_EQ(output["PhaseRight (UI)"].get<double>(), 0.21);
+    EXPECT_DOUBLE_EQ(output["PhaseLeft (UI)"].get<double>(), 0.12);
+    EXPECT_DOUBLE_EQ(output["VrefTop (mv)"].get<double>(), 0.03);
+    EXPECT_DOUBLE_EQ(output["VrefBot (mv)"].get<double>(), 0.04);
+    EXPECT_EQ(output["FullMarginData"], report);
+}
+
+struct ProgressCase {
+    const char* name;
+    TestProgressState state;
+    double percent;
+    json remaining;
+};
+
+class ProgressRecord : public ::testing::TestWithParam<ProgressCase> {};
+
+TEST_P(ProgressRecord, PercentAndRemainingTime) {
+    const json record = make_progress_record(GetParam().state);
+    EXPECT_EQ(record["Percent"].get<double>(), GetParam().percent);
+    EXPECT_EQ(record["RemainingSeconds"], GetParam().remaining);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Runner, ProgressRecord,
+    ::testing::Values(ProgressCase{"NothingDoneYetHasNoEstimate", {0, 4, 0, 16, "Voltage Down", 12.0}, 0, nullptr},
+                      ProgressCase{"QuarterDoneTakesThreeTimesAsLongAgain", {0, 4, 4, 16, "Timing Left", 10.0}, 25,
+                                   30.0},
+                      ProgressCase{"AllDone", {4, 4, 16, 16, "Timing Right", 40.0}, 100, 0.0},
+                      ProgressCase{"MoreUnitsThanPlannedStaysAtAHundred", {4, 4, 20, 16, "", 40.0}, 100, 0.0},
+                      ProgressCase{"NoTotalKnown", {0, 0, 0, 0, "", 1.0}, 0, nullptr}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A whole run on the machine model: queued, started by the scheduler, margined
+// by the engine, archived.
+class RunnerOverModel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        platform.install();
+        CRNFactory::initalize(platform.read_pci(), platform.write_pci());
+        devices = DetectPCIDevices()(platform.read_pci());
+        store.store_pcie_device_list(devices, platform.read_pci(), platform.write_pci());
+        reset_all_port_data();
+        TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<PCIeMarginRunner>(stop));
+    }
+    void TearDown() override {
+        TestRunnerRegistry::get().clear();
+        reset_all_port_data();
+        set_system_facts(nullptr);
+        fs::remove_all(root);
+    }
+    // Runs scheduler passes until the queue and the running list are empty.
+    void run_to_end(MaxTestScheduler& scheduler) {
+        for (int pass = 0; pass < 20000; ++pass) {
+            scheduler.poll_and_start_tests();
+            const auto lists = snapshot_test_lists(storage);
+            if (lists.queued.empty() && lists.running.empty()) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        scheduler.join_all_tests();
+    }
+    json only_output() {
+        for (const auto& run : fs::directory_iterator(root))
+            for (const auto& test : fs::directory_iterator(run)) return read_json(test.path() / "output.json");
+        return json();
+    }
+
+    sim::Platform platform = sim::load_platform("", 7, 1e5);
+    fs::path root = fresh_folder("runner_model");
+    GUIResourceStore store{root.string()};
+    TestStorage storage;
+    std::vector<PCIDeviceDetails> devices;
+    PCIE::MarginStopFlag stop;
+};
+
+TEST_F(RunnerOverModel, MarginRunsToCompleteWithTheThreeFilesAndTheProfilesMargins) {
+    MaxTestScheduler scheduler(storage, store);
+    json test = {{"Operation", "PCIe Margin"},
+                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
+                 {"TestParams", {{"BER", "9"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({"0,1"})}}}};
+    UpdateTestStorage::add_test_to_queue_list(storage, test);
+    run_to_end(scheduler);
+
+    const json output = only_output();
+    ASSERT_TRUE(output.contains("TestOutput")) << output.dump(2);
+    const json& result = output["TestOutput"];
+    ASSERT_EQ(result["Status"], "complete") << result.dump(2);
+    const fs::path folder = result["ResultsFolder"].get<std::string>();
+    EXPECT_TRUE(fs::exists(folder / "raw_data.json"));
+    EXPECT_TRUE(fs::exists(folder / "pcie_margin.csv"));
+    ASSERT_EQ(result["FullMarginData"].size(), 2u);
+    EXPECT_FALSE(output.contains("Progress"));
+    EXPECT_GT(result["PhaseLeft (UI)"].get<double>(), 0.0);
+    EXPECT_GT(result["VrefTop (mv)"].get<double>(), 0.0);
+}
+
+TEST_F(RunnerOverModel, StopRequestEndsTheRunFailedAndStillArchived) {
+    MaxTestScheduler scheduler(storage, store);
+    stop.request_stop();
+    json test = {{"Operation", "PCIe Margin"},
+                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
+                 {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({0})}}}};
+    UpdateTestStorage::add_test_to_queue_list(storage, test);
+    run_to_end(scheduler);
+
+    const json result = only_output()["TestOutput"];
+    EXPECT_EQ(result["Status"], "Failed") << result.dump(2);
+    EXPECT_FALSE(result.value("FailureReason", std::string()).empty());
+}
+
+}  // namespace
