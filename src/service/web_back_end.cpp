@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "gui/gui_pcie_get_device.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
@@ -181,7 +182,9 @@ std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
 
 // The device lists are filled by the test engines' own discovery; a machine
 // on which nothing can be tested lists nothing.
-std::string WebBackEnd::GetPCIEDeviceListForMargin() { return json::array().dump(); }
+std::string WebBackEnd::GetPCIEDeviceListForMargin() {
+    return GUIPCIEGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
+}
 std::string WebBackEnd::GetHVLDeviceListForMargin() { return json::array().dump(); }
 std::string WebBackEnd::GetDeviceListForEyeScan() { return json::array().dump(); }
 
