@@ -146,6 +146,9 @@ class PcieCsvRow : public ::testing::TestWithParam<RowCase> {};
 // cells, 40-49 TX; in the internal mode 40-46 RX, 47-56 TX, 57 FOM.
 TEST_P(PcieCsvRow, AbsentGroupsAreNotAvailable) {
     const RowCase& c = GetParam();
+    // Each case runs in a process of its own under CTest: give the static
+    // block a value so the tail after it can be found.
+    StaticDataHandler::get().set_static_fields("SystemName", "lw-sim-2s");
     const json first = mapped_lane(0);
     json lane = mapped_lane(3);
     c.change(lane);
