@@ -7,6 +7,7 @@
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
 #include "service/pci_viewer_samples.h"
+#include "service/result_archive.h"
 #include "service/result_samples.h"
 #include "service/service_loop.h"
 #include "service/wire_server.h"
@@ -63,8 +64,12 @@ WebBackEnd::~WebBackEnd() {
     _perf_counter->OnStopMonitorClicked();
     _link_control->StopContinuousRun();
     _port_status->StopContinuousRun();
+    {
+        std::lock_guard<std::mutex> lock(_download_mutex);
+        join_if_joinable(_download_thread);
+    }
     std::lock_guard<std::mutex> lock(_thread_mutex);
-    for (auto* thread : {&_download_thread, &_monitor_thread, &_link_run_thread, &_port_run_thread}) {
+    for (auto* thread : {&_monitor_thread, &_link_run_thread, &_port_run_thread}) {
         join_if_joinable(*thread);
     }
 }
@@ -171,6 +176,25 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     post_copy("/api/1.0/PCIRawViewWrite", T, &WebBackEnd::PCIRawViewWrite);
     post_copy("/api/1.0/GetPCITableInfo", J, &WebBackEnd::GetPCITableInfo);
     post_copy("/api/1.0/PCITableWrite", T, &WebBackEnd::PCITableWrite);
+    // The browser's own download of an export: GET with the dates in the
+    // query string, as a link or form would send them.
+    app.route("/api/1.0/ExportResultsCSV", HttpMethod::Get, [this](const WireRequest& request) {
+        const std::string kind_text = request.query_value("kind").value_or("pcie");
+        ArchiveReportKind kind = ArchiveReportKind::PCIe;
+        if (kind_text == "hvl") {
+            kind = ArchiveReportKind::HVL;
+        } else if (kind_text != "pcie") {
+            throw PortHall::BadRequest("Failed. Unknown kind \"" + kind_text + "\"; use pcie or hvl.");
+        }
+        const auto start = request.query_value("start");
+        const auto end = request.query_value("end");
+        if (!start || !end) throw PortHall::BadRequest(kDateRangeInvalid);
+        WireResponse response = WireResponse::text(ExportResultsCSV(*start, *end, kind));
+        response.content_type = "text/csv; charset=utf-8";
+        response.headers.emplace_back("Content-Disposition", std::string("attachment; filename=\"") +
+                                                                 archive_report_file_name(kind) + "\"");
+        return response;
+    });
     return 1;
 }
 
@@ -207,22 +231,38 @@ std::string WebBackEnd::AddTestToQueue(const std::string& body) {
 }
 
 std::string WebBackEnd::GetResultsDateRange() {
-    return json{{"key", "PastResultsDateRange"}, {"DateList", json::array()}}.dump();
+    json dates = json::array();
+    for (const auto& run : GUIGetAllInstanceFolder(_store).get()) dates.push_back(run.first);
+    return json{{"key", "PastResultsDateRange"}, {"DateList", dates}}.dump();
 }
 
 std::string WebBackEnd::GetResultsByDate(const std::string& body) {
     const json request = parse_request_body(body);
-    string_of(request, "start");
-    string_of(request, "end");
-    return json::array().dump();
+    const std::string start = string_of(request, "start");
+    const std::string end = string_of(request, "end");
+    const auto results = get_results_in_date_range(_store, start, end);
+    return results ? json(*results).dump() : json::array().dump();
 }
 
 std::string WebBackEnd::DownloadToCSV(const std::string& body) {
     const json request = parse_request_body(body);
-    string_of(request, "start");
-    string_of(request, "end");
-    string_of(request, "dir_path");
+    std::string start = string_of(request, "start");
+    std::string end = string_of(request, "end");
+    std::string dir_path = string_of(request, "dir_path");
+    // One export at a time: a second request waits here for the first.
+    std::lock_guard<std::mutex> lock(_download_mutex);
+    join_if_joinable(_download_thread);
+    _download_thread = std::make_shared<std::thread>(
+        [&store = _store, start = std::move(start), end = std::move(end), dir_path = std::move(dir_path)] {
+            thread_for_download(store, start, end, dir_path, push);
+        });
     return json::array().dump();
+}
+
+std::string WebBackEnd::ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind) {
+    const auto runs = find_runs_in_date_range(_store, start, end);
+    if (!runs || runs->empty()) throw PortHall::BadRequest(kDateRangeInvalid);
+    return make_archive_report(kind, get_results_of_runs(_store, *runs)).csv;
 }
 
 // --- ASPM panel -------------------------------------------------------------

@@ -21,6 +21,8 @@ namespace PortHall {
 class WireApp;
 }
 
+enum class ArchiveReportKind;
+
 class WebBackEnd {
 public:
     WebBackEnd(GUIResourceStore& store, TestStorage& storage);
@@ -44,6 +46,12 @@ public:
     std::string GetResultsDateRange();
     std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);
+    // The CSV that DownloadToCSV writes for this kind, over the runs from
+    // `start` to `end` (user-readable dates as in "DateList"), for a browser
+    // that can't read the machine's folders. Throws PortHall::BadRequest
+    // "Failed. Date range invalid." when either date names no run or `start`
+    // lies after `end` (an empty download would only hide the mistake).
+    std::string ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind);
 
     std::string GetASPMInfo();
     std::string SetL0Enabled(std::string body);
@@ -115,7 +123,10 @@ private:
     std::shared_ptr<std::thread> _monitor_thread;
     std::shared_ptr<std::thread> _link_run_thread;
     std::shared_ptr<std::thread> _port_run_thread;
-    std::mutex _thread_mutex;  // guards the four thread members
+    std::mutex _thread_mutex;  // guards the monitor, link run and port run threads
+    // The download thread has its own, so an export never waits behind the
+    // join of a long panel run.
+    std::mutex _download_mutex;
 };
 
 // Parses a request body as a JSON object; a body that isn't one is refused

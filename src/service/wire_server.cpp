@@ -88,6 +88,12 @@ std::string WireRequest::header(const std::string& lower_case_name) const {
     return found == headers.end() ? std::string{} : found->second;
 }
 
+std::optional<std::string> WireRequest::query_value(const std::string& name) const {
+    auto found = query.find(name);
+    if (found == query.end()) return std::nullopt;
+    return found->second;
+}
+
 WireResponse WireResponse::text(std::string body, int status) {
     WireResponse response;
     response.status = status;
@@ -208,6 +214,28 @@ std::string percent_decode(const std::string& text) {
     return out;
 }
 
+std::map<std::string, std::string> parse_query_string(const std::string& query) {
+    auto decode = [](std::string text) {
+        std::replace(text.begin(), text.end(), '+', ' ');
+        return percent_decode(text);
+    };
+    std::map<std::string, std::string> parameters;
+    std::size_t start = 0;
+    while (start <= query.size()) {
+        std::size_t end = query.find('&', start);
+        if (end == std::string::npos) end = query.size();
+        const std::string pair = query.substr(start, end - start);
+        if (!pair.empty()) {
+            const auto equals = pair.find('=');
+            std::string name = decode(pair.substr(0, equals));
+            std::string value = equals == std::string::npos ? std::string{} : decode(pair.substr(equals + 1));
+            parameters.emplace(std::move(name), std::move(value));
+        }
+        start = end + 1;
+    }
+    return parameters;
+}
+
 std::optional<std::string> resolve_inside(const std::string& root, const std::string& relative) {
     const std::string decoded = percent_decode(relative);
     if (decoded.empty() || decoded.find('\0') != std::string::npos) return std::nullopt;
@@ -274,6 +302,7 @@ struct WireServer::Impl {
                                                                                   : HttpMethod::Get;
         request.path = std::string(req->header().path());
         request.body = req->body();
+        request.query = parse_query_string(std::string(req->header().query()));
         req->header().for_each_field([&](const auto& field) {
             request.headers[lower(std::string(field.name()))] = std::string(field.value());
         });
@@ -289,6 +318,7 @@ struct WireServer::Impl {
             reason_phrase(response.status)});
         builder.append_header(restinio::http_field::content_type, response.content_type);
         builder.append_header(restinio::http_field::cache_control, "no-store");
+        for (const auto& [name, value] : response.headers) builder.append_header(name, one_line(value));
         builder.set_body(response.body);
         if (response.after_sent) {
             auto after_sent = response.after_sent;

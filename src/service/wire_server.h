@@ -28,14 +28,20 @@ struct WireRequest {
     std::string body;
     // Header names are stored in lower case.
     std::map<std::string, std::string> headers;
+    // The query string's parameters, decoded (see parse_query_string).
+    std::map<std::string, std::string> query;
 
     std::string header(const std::string& lower_case_name) const;
+    // The decoded value of a query parameter, or nothing when it is absent.
+    std::optional<std::string> query_value(const std::string& name) const;
 };
 
 struct WireResponse {
     int status = 200;
     std::string body;
     std::string content_type = "text/plain; charset=utf-8";
+    // Further header fields, e.g. Content-Disposition for a download.
+    std::vector<std::pair<std::string, std::string>> headers;
     // Runs once the answer has been written to the client (used by "/stop",
     // which must answer before the listener goes away).
     std::function<void()> after_sent;
@@ -155,5 +161,10 @@ std::optional<std::string> resolve_inside(const std::string& root, const std::st
 
 // Standard URL percent-decoding (not the private table of FormatHTTPString).
 std::string percent_decode(const std::string& text);
+
+// "a=1&b=x+y%3A" -> {a: "1", b: "x y:"}: form encoding, as browsers send it
+// ("+" is a blank). A name without "=" has the empty value; of a name given
+// twice the first value counts.
+std::map<std::string, std::string> parse_query_string(const std::string& query);
 
 }  // namespace PortHall

@@ -30,6 +30,7 @@ public:
         PortHall::WireServer::GetInstance()->Wait();
         g_state->backend.reset();
         std::filesystem::remove_all(g_state->info.ui_folder);
+        std::filesystem::remove_all(g_state->info.results_root);
     }
 };
 
@@ -46,7 +47,9 @@ RunningService& running_service() {
     std::ofstream(g_state->info.ui_folder / "static" / "js" / "app.js") << "console.log(1);";
     std::ofstream(g_state->info.ui_folder / "secret.txt") << "outside static";
 
-    g_state->store = std::make_unique<GUIResourceStore>("/nonexistent_results");
+    g_state->info.results_root =
+        std::filesystem::temp_directory_path() / ("lanewright_results_" + std::to_string(::getpid()));
+    g_state->store = std::make_unique<GUIResourceStore>(g_state->info.results_root.string());
     // One function the queue tests can name: 0:3:0.0.
     std::vector<PCIDeviceDetails> devices{PCIDeviceDetails(0, 3, 0, 0)};
     g_state->store->store_pcie_device_list(devices);

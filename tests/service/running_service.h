@@ -13,6 +13,9 @@ namespace wire_test {
 struct RunningService {
     unsigned port;
     std::filesystem::path ui_folder;
+    // The store's result root: a temporary folder that doesn't exist until a
+    // test makes it; tests that fill it remove what they made.
+    std::filesystem::path results_root;
     GUIResourceStore* store;
     TestStorage* storage;
 };

@@ -1,0 +1,102 @@
+// The result archive: the folder tree under the store's root folder, one
+// folder per run named by its time stamp, one folder per test holding the
+// test's "output.json". There is no database; the tree survives restarts.
+//
+// Reading is forgiving on purpose: a run's newest test may still be writing
+// its record, and a disk may hold a damaged one. A record that can't be read
+// is skipped with a log line, so one bad file never hides the others or ends
+// a route or the download thread.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "gui/gui_resource_store.h"
+
+// A run: its user-readable date ("2 May 9:06AM") and the folder's full path.
+using ResultRun = std::pair<std::string, std::string>;
+
+// All runs under the root folder, oldest first. Subfolders whose name isn't a
+// time stamp aren't runs and are left out with a log line.
+class GUIGetAllInstanceFolder {
+public:
+    explicit GUIGetAllInstanceFolder(GUIResourceStore& store) : _store(store) {}
+    std::vector<ResultRun> get();
+
+private:
+    GUIResourceStore& _store;
+};
+
+// The test records of one run, in the order of their folder names. A folder
+// without a readable "output.json" holding a JSON object is skipped.
+class GUIGetAllResultsInInstanceFolder {
+public:
+    explicit GUIGetAllResultsInInstanceFolder(GUIResourceStore& store) : _store(store) {}
+    std::vector<nlohmann::json> get(const std::string& path);
+
+private:
+    GUIResourceStore& _store;  // kept for the shape of the interface
+};
+
+// The two report kinds the archive exports; eye scans have no export.
+enum class ArchiveReportKind { PCIe, HVL };
+
+// "pcie_margin_report.csv" or "hvl_margin_report.csv".
+const char* archive_report_file_name(ArchiveReportKind kind);
+
+struct ArchiveReport {
+    std::string csv;             // header once, then one row per lane
+    unsigned long documents = 0;  // test records that gave rows
+};
+
+// The report of one kind over the given records: records of other
+// operations, unfinished or failed ones and those without "FullMarginData"
+// are passed over. The header comes from the first record that gives rows.
+// Decisions of our own: a record whose rows can't be written (missing keys)
+// is left out whole with a log line instead of ending the export, and an
+// empty "FullMarginData" gives no rows and isn't counted. While no hVL
+// writer exists, hVL records are skipped with a log line and counted as 0.
+ArchiveReport make_archive_report(ArchiveReportKind kind, const std::vector<nlohmann::json>& results);
+
+// Writes "hvl_margin_report.csv" and "pcie_margin_report.csv" into dir_path
+// (on the machine under test) and answers "<n> pcie device and <m> hvl
+// devices data dumped.". Each file is written under a temporary name and
+// renamed, so a reader never sees half a report. A file that can't be
+// written answers "Failed. Unable to write <path>." instead of counts that
+// promise a file which isn't there.
+class GUIDumpResults {
+public:
+    explicit GUIDumpResults(GUIResourceStore& store) : _store(store) {}
+    std::string get(const std::string& dir_path, const std::vector<nlohmann::json>& results);
+
+private:
+    GUIResourceStore& _store;  // kept for the shape of the interface
+};
+
+// The runs from the first one dated `start` up to and including the first one
+// dated `end`; nothing when either date names no run. With `start` later
+// than `end` the walk is empty. Two runs within one minute share a date, and
+// the first of them is the one found.
+std::optional<std::vector<ResultRun>> find_runs_in_date_range(GUIResourceStore& store, const std::string& start,
+                                                              const std::string& end);
+
+// The records of the given runs, run after run.
+std::vector<nlohmann::json> get_results_of_runs(GUIResourceStore& store, const std::vector<ResultRun>& runs);
+
+// The records of all runs in the range, or nothing as above.
+std::optional<std::vector<nlohmann::json>> get_results_in_date_range(GUIResourceStore& store,
+                                                                     const std::string& start,
+                                                                     const std::string& end);
+
+constexpr const char* kDateRangeInvalid = "Failed. Date range invalid.";
+
+// The body of the export thread: exports the range into dir_path and sends
+// {"key": "DownloadUpdate", "msg": <outcome>} through `send`. Never throws;
+// an unexpected failure is logged and sent as "Failed. <reason>".
+void thread_for_download(GUIResourceStore& store, const std::string& start, const std::string& end,
+                         const std::string& dir_path, const std::function<void(const nlohmann::json&)>& send);

@@ -1,0 +1,404 @@
+// The result archive over folders built by hand: runs in date order, ranges
+// by readable date, damaged records skipped, and the CSV export both as the
+// files on the machine and as the browser's download.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "hardware/test_temp_folder.h"
+#include "running_service.h"
+#include "service/result_archive.h"
+#include "service/wire_server.h"
+#include "wire_client.h"
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+// One lane object of a PCIe margin report, with every key its CSV row reads.
+json lane(int serial, bool with_device_keys) {
+    json lane = {{"LaneSerialID", serial},
+                 {"LanePCIeNo", serial},
+                 {"LanePhysicalID", serial + 16},
+                 {"loop", 1},
+                 {"ErrorPresent", false},
+                 {"ErrorMsg", ""},
+                 {"WarningMsg", ""},
+                 {"Information", ""},
+                 {"TimeStamp", "2024_05_02-09_06_30"},
+                 {"MarginType", "std-fm"},
+                 {"BER", 12},
+                 {"ErrCnt", 4},
+                 {"DwellTime", 10},
+                 {"ReceiverNo", 1},
+                 {"NumTimingSteps", 16},
+                 {"MaxTimingOffset", 50},
+                 {"NumVoltSteps", 32},
+                 {"MaxVoltOffset", 12},
+                 {"MaxLanes", 15},
+                 {"VoltSupported", true},
+                 {"IndErrSampler", true},
+                 {"SampleReportingMethod", false},
+                 {"LeftRightTiming", true},
+                 {"IndUpDownVolt", true},
+                 {"MarginingSupport", true},
+                 {"PhaseRightOffset", 9},
+                 {"PhaseLeftOffset", 8},
+                 {"PhaseRightMargin", 0.28 + serial / 100.0},
+                 {"PhaseLeftMargin", 0.25},
+                 {"PhaseTotalMargin", 0.53},
+                 {"VoltTopOffset", 20},
+                 {"VoltBottomOffset", 21},
+                 {"VoltTopMargin", 0.075},
+                 {"VoltBotomMargin", 0.08},
+                 {"VoltTotalMargin", 0.155},
+                 {"PhaseLeftErrorMap", json::array()},
+                 {"PhaseRightErrorMap", json::array()},
+                 {"VoltBottomErrorMap", json::array()},
+                 {"VoltTopErrorMap", json::array()},
+                 {"RxEqValid", false}};
+    for (const char* key : {"TxPreset", "LCBestPreset", "LCLocalPreset", "USPTxPreset", "LCLocalPreCursor",
+                            "LCLocalCursor", "LCLocalPostCursor", "LCBestPreCursor", "LCBestCursor",
+                            "LCBestPostCursor", "LCBestFom"}) {
+        lane[key] = 3;
+        lane[std::string(key) + "Got"] = true;
+    }
+    if (with_device_keys) {
+        lane.update(json{{"Segment", 0},
+                         {"Bus", 3},
+                         {"Device", 0},
+                         {"Function", 0},
+                         {"VENDORID", "1f7e"},
+                         {"PCIEID", "14a4"},
+                         {"BIOSVERSION", "1.2.3"},
+                         {"SpeedStart", 4},
+                         {"WidthStart", 16},
+                         {"SpeedEnd", 4},
+                         {"WidthEnd", 16},
+                         {"VEXDevicePresent", true},
+                         {"DeviceName", "Corvane0"},
+                         {"Socket", 0},
+                         {"Die", 0},
+                         {"ASICID", "0x1234"},
+                         {"PCIeController", "PCIE0"},
+                         {"PCIeFunctionIndex", 1},
+                         {"PortNo", 2},
+                         {"SERDES", "P0"},
+                         {"PhyFwVersion", 7},
+                         {"PhyName", "E32"}});
+    }
+    return lane;
+}
+
+json margin_data(int lanes) {
+    json data = json::array();
+    for (int i = 0; i < lanes; ++i) data.push_back(lane(i, i == 0));
+    return data;
+}
+
+json record(int id, const std::string& operation, const std::string& status, std::optional<json> data) {
+    json output = {{"Status", status},       {"PhaseRight (UI)", 0.28}, {"PhaseLeft (UI)", 0.25},
+                   {"VrefTop (mv)", 75},     {"VrefBot (mv)", 80},           {"Time", "2 May 9:06AM"},
+                   {"ResultsFolder", "/r"}};
+    if (status == "Failed") output["FailureReason"] = "Incorrect params.";
+    if (data) output["FullMarginData"] = *data;
+    return {{"Operation", operation}, {"TestID", id}, {"PCIeInfo", {{"SBDF", "0:3:0.0"}}}, {"TestOutput", output}};
+}
+
+json pcie_record(int id, int lanes) { return record(id, "PCIe Margin", "complete", margin_data(lanes)); }
+
+// A run folder under a root; each test folder gets the given output.json text.
+void make_run(const fs::path& root, const std::string& stamp, const std::vector<std::pair<int, std::string>>& tests) {
+    for (const auto& [id, text] : tests) {
+        const fs::path folder = root / stamp / ("test_" + std::to_string(id));
+        fs::create_directories(folder);
+        if (!text.empty()) std::ofstream(folder / "output.json") << text;
+    }
+    fs::create_directories(root / stamp);
+}
+
+std::vector<int> ids_of(const std::vector<json>& records) {
+    std::vector<int> ids;
+    for (const auto& r : records) ids.push_back(r["TestID"].get<int>());
+    return ids;
+}
+
+std::string read_file(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// Four runs made out of date order, two of them in the same minute.
+class ArchiveRuns : public ::testing::Test {
+protected:
+    void SetUp() override {
+        make_run(temp.path(), "2024_05_02-13_05_00", {{30, pcie_record(30, 1).dump()}});
+        make_run(temp.path(), "2023_12_31-23_59_59", {{10, pcie_record(10, 1).dump()}});
+        make_run(temp.path(), "2024_05_02-09_06_40", {{21, pcie_record(21, 1).dump()}});
+        make_run(temp.path(), "2024_05_02-09_06_10", {{20, pcie_record(20, 1).dump()}});
+        fs::create_directories(temp.path() / "notes");  // not a run
+    }
+    TestTempFolder temp;
+    GUIResourceStore store{temp.path().string()};
+};
+
+}  // namespace
+
+TEST_F(ArchiveRuns, FoldersComeBackInDateOrderWithReadableDates) {
+    const auto runs = GUIGetAllInstanceFolder(store).get();
+    std::vector<std::string> dates, folders;
+    for (const auto& [date, path] : runs) {
+        dates.push_back(date);
+        folders.push_back(fs::path(path).filename().string());
+    }
+    EXPECT_EQ(dates, (std::vector<std::string>{"31 Dec 11:59PM", "2 May 9:06AM", "2 May 9:06AM", "2 May 1:05PM"}));
+    EXPECT_EQ(folders, (std::vector<std::string>{"2023_12_31-23_59_59", "2024_05_02-09_06_10",
+                                                 "2024_05_02-09_06_40", "2024_05_02-13_05_00"}));
+}
+
+struct RangeCase {
+    std::string name, start, end;
+    std::optional<std::vector<int>> ids;  // nothing: the range is invalid
+};
+
+class ArchiveRanges : public ArchiveRuns, public ::testing::WithParamInterface<RangeCase> {};
+
+TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheFirstRunOfEnd) {
+    const auto results = get_results_in_date_range(store, GetParam().start, GetParam().end);
+    ASSERT_EQ(results.has_value(), GetParam().ids.has_value());
+    if (results) {
+        EXPECT_EQ(ids_of(*results), *GetParam().ids);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Dates, ArchiveRanges,
+    ::testing::Values(RangeCase{"All", "31 Dec 11:59PM", "2 May 1:05PM", std::vector<int>{10, 20, 21, 30}},
+                      // Both runs of that minute read alike; the first one is found.
+                      RangeCase{"SharedMinute", "2 May 9:06AM", "2 May 9:06AM", std::vector<int>{20}},
+                      RangeCase{"SharedMinuteToEnd", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{20, 21, 30}},
+                      RangeCase{"StartAfterEnd", "2 May 1:05PM", "31 Dec 11:59PM", std::vector<int>{}},
+                      RangeCase{"UnknownStart", "1 May 9:06AM", "2 May 1:05PM", std::nullopt},
+                      RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt},
+                      RangeCase{"Empty", "", "", std::nullopt}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ArchiveRecords, UnreadableOrMissingOutputIsSkippedAndTheRestComeBack) {
+    TestTempFolder temp;
+    const std::string half = pcie_record(2, 2).dump().substr(0, 40);
+    make_run(temp.path(), "2024_05_02-09_06_30",
+             {{1, pcie_record(1, 1).dump()}, {2, half}, {3, ""}, {4, "[1,2]"}, {5, pcie_record(5, 1).dump()}});
+    GUIResourceStore store(temp.path().string());
+    const auto runs = GUIGetAllInstanceFolder(store).get();
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(ids_of(GUIGetAllResultsInInstanceFolder(store).get(runs[0].second)), (std::vector<int>{1, 5}));
+}
+
+struct ReportCase {
+    std::string name;
+    std::vector<json> records;
+    unsigned long documents;
+    std::size_t rows;
+};
+
+class ArchiveReports : public ::testing::TestWithParam<ReportCase> {};
+
+TEST_P(ArchiveReports, OnlyFinishedRecordsOfTheKindGiveRowsUnderOneHeader) {
+    const auto report = make_archive_report(ArchiveReportKind::PCIe, GetParam().records);
+    EXPECT_EQ(report.documents, GetParam().documents);
+    const auto lines = lines_of(report.csv);
+    if (GetParam().rows == 0) {
+        EXPECT_TRUE(report.csv.empty()) << report.csv;
+        return;
+    }
+    ASSERT_EQ(lines.size(), GetParam().rows + 1) << report.csv;
+    EXPECT_EQ(lines[0].rfind("Segment, ", 0), 0u) << lines[0];
+    for (std::size_t i = 1; i < lines.size(); ++i) EXPECT_NE(lines[i], lines[0]) << "header repeated at " << i;
+}
+
+json lane_without_bus() {
+    json data = margin_data(2);
+    data[0].erase("Bus");
+    return record(7, "PCIe Margin", "complete", data);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Records, ArchiveReports,
+    ::testing::Values(
+        ReportCase{"TwoDevices", {pcie_record(1, 2), pcie_record(2, 3)}, 2, 5},
+        ReportCase{"OthersPassedOver",
+                   {record(1, "EyeScan", "complete", margin_data(1)), record(2, "PCIe Margin", "Failed", std::nullopt),
+                    record(3, "PCIe Margin", "complete", std::nullopt),
+                    record(4, "PCIe Margin", "Running", margin_data(1)), pcie_record(5, 2),
+                    record(6, "HVL Destructive Margin", "complete", margin_data(1))},
+                   1, 2},
+        // The header comes from the first record that gives rows, so a bad
+        // first record loses neither the header nor the good rows.
+        ReportCase{"BrokenRecordLeftOutWhole", {lane_without_bus(), pcie_record(8, 2)}, 1, 2},
+        ReportCase{"EmptyLaneData", {record(9, "PCIe Margin", "complete", json::array())}, 0, 0},
+        ReportCase{"Nothing", {}, 0, 0}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ArchiveDump, TwoRunsGiveOneFileWithOneHeaderAndBothRowsAndNoLeftovers) {
+    TestTempFolder temp;
+    const fs::path out = temp.path() / "out";
+    fs::create_directories(out);
+    std::ofstream(out / "pcie_margin_report.csv") << "stale\n";
+    GUIResourceStore store((temp.path() / "root").string());
+    const std::vector<json> results = {pcie_record(1, 2), record(2, "EyeScan", "complete", std::nullopt),
+                                       pcie_record(3, 1)};
+    EXPECT_EQ(GUIDumpResults(store).get(out.string(), results), "2 pcie device and 0 hvl devices data dumped.");
+    const std::string csv = read_file(out / "pcie_margin_report.csv");
+    EXPECT_EQ(csv, make_archive_report(ArchiveReportKind::PCIe, results).csv);
+    EXPECT_EQ(lines_of(csv).size(), 4u);
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(out)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"hvl_margin_report.csv", "pcie_margin_report.csv"}));
+}
+
+TEST(ArchiveDump, AFolderThatCantBeWrittenSaysSo) {
+    TestTempFolder temp;
+    GUIResourceStore store(temp.path().string());
+    const std::string missing = (temp.path() / "no" / "such").string();
+    const std::string answer = GUIDumpResults(store).get(missing, {pcie_record(1, 1)});
+    EXPECT_EQ(answer.rfind("Failed. Unable to write " + missing, 0), 0u) << answer;
+}
+
+// --- Through the web server ------------------------------------------------
+
+namespace {
+
+// Fills the running service's result root and empties it again.
+class ServedArchive : public ::testing::Test {
+protected:
+    void SetUp() override {
+        root = wire_test::running_service().results_root;
+        make_run(root, "2024_05_02-13_05_00", {{3, pcie_record(3, 1).dump()}, {4, "{\"Operation\":"}});
+        make_run(root, "2024_05_02-09_06_30",
+                 {{1, pcie_record(1, 2).dump()}, {2, record(2, "EyeScan", "complete", std::nullopt).dump()}});
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(root, ec);
+    }
+    wire_test::HttpResponse get(const std::string& path) {
+        return wire_test::request(wire_test::running_service().port, "GET", path);
+    }
+    wire_test::HttpResponse post(const std::string& path, const json& body) {
+        return wire_test::request(wire_test::running_service().port, "POST", path, body.dump());
+    }
+    fs::path root;
+};
+
+}  // namespace
+
+TEST_F(ServedArchive, DatesAndRecordsSkippingTheDamagedOne) {
+    EXPECT_EQ(get("/api/1.0/GetResultsDateRange").body,
+              R"({"DateList":["2 May 9:06AM","2 May 1:05PM"],"key":"PastResultsDateRange"})");
+    const auto answer = post("/api/1.0/GetResultsByDate", {{"start", "2 May 9:06AM"}, {"end", "2 May 1:05PM"}});
+    ASSERT_EQ(answer.status, 200);
+    EXPECT_EQ(ids_of(json::parse(answer.body).get<std::vector<json>>()), (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(post("/api/1.0/GetResultsByDate", {{"start", "2 May 1:05PM"}, {"end", "2 May 9:06AM"}}).body, "[]");
+    EXPECT_EQ(post("/api/1.0/GetResultsByDate", {{"start", "3 May 1:05PM"}, {"end", "2 May 1:05PM"}}).body, "[]");
+}
+
+TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
+    TestTempFolder out;
+    wire_test::WsClient browser(wire_test::running_service().port);
+    ASSERT_EQ(browser.status, 101);
+    // The upgrade is answered before the server lists the socket; a push in
+    // between would pass it by.
+    for (int i = 0; i < 500 && PortHall::WireServer::GetInstance()->connection_count() == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    auto next_download_message = [&]() -> std::string {
+        while (auto text = browser.next_text()) {
+            const json message = json::parse(*text);
+            if (message["key"] == "DownloadUpdate") return message["msg"];
+        }
+        return "no DownloadUpdate push";
+    };
+
+    const json range = {{"start", "2 May 9:06AM"}, {"end", "2 May 1:05PM"}, {"dir_path", out.path().string()}};
+    EXPECT_EQ(post("/api/1.0/DownloadToCSV", range).body, "[]");
+    EXPECT_EQ(next_download_message(), "2 pcie device and 0 hvl devices data dumped.");
+    const std::string file = read_file(out.path() / "pcie_margin_report.csv");
+    EXPECT_EQ(lines_of(file).size(), 4u) << file;  // header, two lanes of test 1, one of test 3
+
+    const auto served = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2%20May%201:05PM&kind=pcie");
+    EXPECT_EQ(served.status, 200);
+    EXPECT_EQ(served.body, file);
+    EXPECT_EQ(served.headers.at("content-type").rfind("text/csv", 0), 0u) << served.headers.at("content-type");
+    EXPECT_EQ(served.headers.at("content-disposition"), "attachment; filename=\"pcie_margin_report.csv\"");
+    EXPECT_EQ(get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM").body, file)
+        << "pcie is the default kind";
+    const auto hvl = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=hvl");
+    EXPECT_EQ(hvl.body, read_file(out.path() / "hvl_margin_report.csv"));
+    EXPECT_EQ(hvl.headers.at("content-disposition"), "attachment; filename=\"hvl_margin_report.csv\"");
+
+    EXPECT_EQ(post("/api/1.0/DownloadToCSV", json{{"start", "1 May 9:06AM"}, {"end", "2 May 1:05PM"},
+                                                   {"dir_path", out.path().string()}})
+                  .body,
+              "[]");
+    EXPECT_EQ(next_download_message(), "Failed. Date range invalid.");
+}
+
+struct BadExportCase {
+    std::string name, query, reason;
+};
+
+class ServedBadExports : public ServedArchive, public ::testing::WithParamInterface<BadExportCase> {};
+
+TEST_P(ServedBadExports, AreRefusedWith400AndAOneLineReason) {
+    const auto answer = get("/api/1.0/ExportResultsCSV" + GetParam().query);
+    EXPECT_EQ(answer.status, 400);
+    EXPECT_EQ(answer.body, GetParam().reason);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Queries, ServedBadExports,
+    ::testing::Values(BadExportCase{"NoQuery", "", "Failed. Date range invalid."},
+                      BadExportCase{"NoEnd", "?start=2+May+9%3A06AM", "Failed. Date range invalid."},
+                      BadExportCase{"UnknownDate", "?start=1+May+9%3A06AM&end=2+May+1%3A05PM",
+                                    "Failed. Date range invalid."},
+                      BadExportCase{"StartAfterEnd", "?start=2+May+1%3A05PM&end=2+May+9%3A06AM",
+                                    "Failed. Date range invalid."},
+                      BadExportCase{"UnknownKind", "?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=eye",
+                                    "Failed. Unknown kind \"eye\"; use pcie or hvl."}),
+    [](const auto& info) { return info.param.name; });
+
+struct QueryCase {
+    std::string query;
+    std::map<std::string, std::string> parameters;
+};
+
+class QueryStrings : public ::testing::TestWithParam<QueryCase> {};
+
+TEST_P(QueryStrings, DecodeAsBrowsersEncode) {
+    EXPECT_EQ(PortHall::parse_query_string(GetParam().query), GetParam().parameters);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, QueryStrings,
+                         ::testing::Values(QueryCase{"", {}},
+                                           QueryCase{"start=2+May+9%3A06AM&end=2%20May", {{"start", "2 May 9:06AM"},
+                                                                                            {"end", "2 May"}}},
+                                           QueryCase{"a&&b=1&a=2&b=3", {{"a", ""}, {"b", "1"}}},
+                                           QueryCase{"k=%zz%4", {{"k", "%zz%4"}}},
+                                           QueryCase{"x=a=b", {{"x", "a=b"}}}));
