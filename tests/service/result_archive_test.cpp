@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -22,78 +21,31 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// One lane object of a PCIe margin report, with every key its CSV row reads.
+// One lane object of a PCIe margin report with every key its CSV row reads;
+// the first lane alone carries the device's keys.
 json lane(int serial, bool with_device_keys) {
-    json lane = {{"LaneSerialID", serial},
-                 {"LanePCIeNo", serial},
-                 {"LanePhysicalID", serial + 16},
-                 {"loop", 1},
-                 {"ErrorPresent", false},
-                 {"ErrorMsg", ""},
-                 {"WarningMsg", ""},
-                 {"Information", ""},
-                 {"TimeStamp", "2024_05_02-09_06_30"},
-                 {"MarginType", "std-fm"},
-                 {"BER", 12},
-                 {"ErrCnt", 4},
-                 {"DwellTime", 10},
-                 {"ReceiverNo", 1},
-                 {"NumTimingSteps", 16},
-                 {"MaxTimingOffset", 50},
-                 {"NumVoltSteps", 32},
-                 {"MaxVoltOffset", 12},
-                 {"MaxLanes", 15},
-                 {"VoltSupported", true},
-                 {"IndErrSampler", true},
-                 {"SampleReportingMethod", false},
-                 {"LeftRightTiming", true},
-                 {"IndUpDownVolt", true},
-                 {"MarginingSupport", true},
-                 {"PhaseRightOffset", 9},
-                 {"PhaseLeftOffset", 8},
-                 {"PhaseRightMargin", 0.28 + serial / 100.0},
-                 {"PhaseLeftMargin", 0.25},
-                 {"PhaseTotalMargin", 0.53},
-                 {"VoltTopOffset", 20},
-                 {"VoltBottomOffset", 21},
-                 {"VoltTopMargin", 0.075},
-                 {"VoltBotomMargin", 0.08},
-                 {"VoltTotalMargin", 0.155},
-                 {"PhaseLeftErrorMap", json::array()},
-                 {"PhaseRightErrorMap", json::array()},
-                 {"VoltBottomErrorMap", json::array()},
-                 {"VoltTopErrorMap", json::array()},
-                 {"RxEqValid", false}};
+    json lane = {{"LaneSerialID", serial}, {"LanePCIeNo", serial}, {"LanePhysicalID", serial + 16},
+                 {"TimeStamp", "2024_05_02-09_06_30"}, {"MarginType", "std-fm"}, {"VoltSupported", true},
+                 {"RxEqValid", false}, {"PhaseRightMargin", 0.28 + serial / 100.0}};
+    for (const char* key : {"loop", "BER", "ErrCnt", "DwellTime", "ReceiverNo", "NumTimingSteps", "MaxTimingOffset",
+                            "NumVoltSteps", "MaxVoltOffset", "MaxLanes", "PhaseRightOffset", "PhaseLeftOffset",
+                            "PhaseLeftMargin", "PhaseTotalMargin", "VoltTopOffset", "VoltBottomOffset",
+                            "VoltTopMargin", "VoltBotomMargin", "VoltTotalMargin"}) {
+        lane[key] = 7;
+    }
     for (const char* key : {"TxPreset", "LCBestPreset", "LCLocalPreset", "USPTxPreset", "LCLocalPreCursor",
                             "LCLocalCursor", "LCLocalPostCursor", "LCBestPreCursor", "LCBestCursor",
                             "LCBestPostCursor", "LCBestFom"}) {
         lane[key] = 3;
         lane[std::string(key) + "Got"] = true;
     }
-    if (with_device_keys) {
-        lane.update(json{{"Segment", 0},
-                         {"Bus", 3},
-                         {"Device", 0},
-                         {"Function", 0},
-                         {"VENDORID", "1f7e"},
-                         {"PCIEID", "14a4"},
-                         {"BIOSVERSION", "1.2.3"},
-                         {"SpeedStart", 4},
-                         {"WidthStart", 16},
-                         {"SpeedEnd", 4},
-                         {"WidthEnd", 16},
-                         {"VEXDevicePresent", true},
-                         {"DeviceName", "Corvane0"},
-                         {"Socket", 0},
-                         {"Die", 0},
-                         {"ASICID", "0x1234"},
-                         {"PCIeController", "PCIE0"},
-                         {"PCIeFunctionIndex", 1},
-                         {"PortNo", 2},
-                         {"SERDES", "P0"},
-                         {"PhyFwVersion", 7},
-                         {"PhyName", "E32"}});
-    }
+    if (!with_device_keys) return lane;
+    lane.update(json{{"Segment", 0}, {"Bus", 3}, {"Device", 0}, {"Function", 0}, {"VENDORID", "1f7e"},
+                     {"PCIEID", "14a4"}, {"BIOSVERSION", "1.2.3"}, {"SpeedStart", 4}, {"WidthStart", 16},
+                     {"SpeedEnd", 4}, {"WidthEnd", 16}, {"VEXDevicePresent", true}, {"DeviceName", "Corvane0"},
+                     {"Socket", 0}, {"Die", 0}, {"ASICID", "0x1234"}, {"PCIeController", "PCIE0"},
+                     {"PCIeFunctionIndex", 1}, {"PortNo", 2}, {"SERDES", "P0"}, {"PhyFwVersion", 7},
+                     {"PhyName", "E32"}});
     return lane;
 }
 
@@ -195,8 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RangeCase{"SharedMinuteToEnd", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{20, 21, 30}},
                       RangeCase{"StartAfterEnd", "2 May 1:05PM", "31 Dec 11:59PM", std::vector<int>{}},
                       RangeCase{"UnknownStart", "1 May 9:06AM", "2 May 1:05PM", std::nullopt},
-                      RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt},
-                      RangeCase{"Empty", "", "", std::nullopt}),
+                      RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt}),
     [](const auto& info) { return info.param.name; });
 
 TEST(ArchiveRecords, UnreadableOrMissingOutputIsSkippedAndTheRestComeBack) {
@@ -254,24 +205,6 @@ INSTANTIATE_TEST_SUITE_P(
         ReportCase{"EmptyLaneData", {record(9, "PCIe Margin", "complete", json::array())}, 0, 0},
         ReportCase{"Nothing", {}, 0, 0}),
     [](const auto& info) { return info.param.name; });
-
-TEST(ArchiveDump, TwoRunsGiveOneFileWithOneHeaderAndBothRowsAndNoLeftovers) {
-    TestTempFolder temp;
-    const fs::path out = temp.path() / "out";
-    fs::create_directories(out);
-    std::ofstream(out / "pcie_margin_report.csv") << "stale\n";
-    GUIResourceStore store((temp.path() / "root").string());
-    const std::vector<json> results = {pcie_record(1, 2), record(2, "EyeScan", "complete", std::nullopt),
-                                       pcie_record(3, 1)};
-    EXPECT_EQ(GUIDumpResults(store).get(out.string(), results), "2 pcie device and 0 hvl devices data dumped.");
-    const std::string csv = read_file(out / "pcie_margin_report.csv");
-    EXPECT_EQ(csv, make_archive_report(ArchiveReportKind::PCIe, results).csv);
-    EXPECT_EQ(lines_of(csv).size(), 4u);
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(out)) names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"hvl_margin_report.csv", "pcie_margin_report.csv"}));
-}
 
 TEST(ArchiveDump, AFolderThatCantBeWrittenSaysSo) {
     TestTempFolder temp;
@@ -336,11 +269,18 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
         return "no DownloadUpdate push";
     };
 
+    std::ofstream(out.path() / "pcie_margin_report.csv") << "stale\n";
     const json range = {{"start", "2 May 9:06AM"}, {"end", "2 May 1:05PM"}, {"dir_path", out.path().string()}};
     EXPECT_EQ(post("/api/1.0/DownloadToCSV", range).body, "[]");
     EXPECT_EQ(next_download_message(), "2 pcie device and 0 hvl devices data dumped.");
     const std::string file = read_file(out.path() / "pcie_margin_report.csv");
-    EXPECT_EQ(lines_of(file).size(), 4u) << file;  // header, two lanes of test 1, one of test 3
+    const auto lines = lines_of(file);
+    ASSERT_EQ(lines.size(), 4u) << file;  // header, two lanes of test 1, one of test 3
+    EXPECT_EQ(lines[0].rfind("Segment, ", 0), 0u);
+    std::vector<std::string> names;  // no temporary file left behind
+    for (const auto& entry : fs::directory_iterator(out.path())) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"hvl_margin_report.csv", "pcie_margin_report.csv"}));
 
     const auto served = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2%20May%201:05PM&kind=pcie");
     EXPECT_EQ(served.status, 200);
@@ -374,8 +314,7 @@ TEST_P(ServedBadExports, AreRefusedWith400AndAOneLineReason) {
 
 INSTANTIATE_TEST_SUITE_P(
     Queries, ServedBadExports,
-    ::testing::Values(BadExportCase{"NoQuery", "", "Failed. Date range invalid."},
-                      BadExportCase{"NoEnd", "?start=2+May+9%3A06AM", "Failed. Date range invalid."},
+    ::testing::Values(BadExportCase{"NoEnd", "?start=2+May+9%3A06AM", "Failed. Date range invalid."},
                       BadExportCase{"UnknownDate", "?start=1+May+9%3A06AM&end=2+May+1%3A05PM",
                                     "Failed. Date range invalid."},
                       BadExportCase{"StartAfterEnd", "?start=2+May+1%3A05PM&end=2+May+9%3A06AM",
@@ -383,22 +322,3 @@ INSTANTIATE_TEST_SUITE_P(
                       BadExportCase{"UnknownKind", "?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=eye",
                                     "Failed. Unknown kind \"eye\"; use pcie or hvl."}),
     [](const auto& info) { return info.param.name; });
-
-struct QueryCase {
-    std::string query;
-    std::map<std::string, std::string> parameters;
-};
-
-class QueryStrings : public ::testing::TestWithParam<QueryCase> {};
-
-TEST_P(QueryStrings, DecodeAsBrowsersEncode) {
-    EXPECT_EQ(PortHall::parse_query_string(GetParam().query), GetParam().parameters);
-}
-
-INSTANTIATE_TEST_SUITE_P(Forms, QueryStrings,
-                         ::testing::Values(QueryCase{"", {}},
-                                           QueryCase{"start=2+May+9%3A06AM&end=2%20May", {{"start", "2 May 9:06AM"},
-                                                                                            {"end", "2 May"}}},
-                                           QueryCase{"a&&b=1&a=2&b=3", {{"a", ""}, {"b", "1"}}},
-                                           QueryCase{"k=%zz%4", {{"k", "%zz%4"}}},
-                                           QueryCase{"x=a=b", {{"x", "a=b"}}}));
