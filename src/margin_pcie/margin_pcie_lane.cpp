@@ -1,5 +1,6 @@
 #include "margin_pcie/margin_pcie_lane.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -111,6 +112,20 @@ template <class Output>
 void fail(Output& out, int status) {
     out.status = status;
     out.passed_offsets.clear();
+}
+
+// A dwell at a low bit error rate lasts minutes: it waits in slices of at
+// most a second, so a stop request ends it within one. The model's errors
+// depend only on the total, so slicing changes no result. False when stopped.
+bool dwell_unless_stopped(const MarginStopFlag& stop, unsigned int milliseconds) {
+    constexpr unsigned int kSliceMs = 1000;
+    while (milliseconds > 0) {
+        if (stop.stop_requested()) return false;
+        const unsigned int slice = std::min(milliseconds, kSliceMs);
+        OSSpecific().milli_secs_sleep(slice);
+        milliseconds -= slice;
+    }
+    return !stop.stop_requested();
 }
 
 template <class Output>
@@ -237,7 +252,9 @@ int walk(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, const Ma
             fail(out, WALK_COMMAND_FAILED);
             return WALK_BROKEN;
         }
-        OSSpecific().milli_secs_sleep(at >= in.start_offset ? in.dwell_time : kShortStayMs);
+        if (!dwell_unless_stopped(stop, at >= in.start_offset ? in.dwell_time : kShortStayMs) &&
+            stopped(stop, offset, out, err))
+            return WALK_NOT_BEGUN;
         if (const int judged = poll_and_judge(cmd, k, at, in, out, err, false); judged >= 0) return judged;
     }
     end_step(cmd);
@@ -289,7 +306,7 @@ int at_offset(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, con
     DoClearInDestructor guard(cmd);
     if (const int refused = begin_walk(cmd, k, true, out, err); refused >= 0) return refused;
     if (const int applied = apply_step(cmd, k, stop, in, out, err); applied != WALK_ANSWERED) return applied;
-    OSSpecific().milli_secs_sleep(in.dwell_time);
+    if (!dwell_unless_stopped(stop, in.dwell_time) && stopped(stop, in.start_offset, out, err)) return WALK_NOT_BEGUN;
     return check_offset(cmd, k, in, out, err);
 }
 

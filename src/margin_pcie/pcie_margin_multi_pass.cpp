@@ -335,6 +335,7 @@ void PCIEMarginMultiPass::_lane_body(RunContext& run, std::size_t position) cons
     auto side = [&](bool voltage, DirectionOfMargin direction, unsigned int steps, std::vector<OffsetData>& list,
                     bool last) {
         if (_access.stop.stop_requested()) return;
+        _side_started(run, side_name(voltage, direction));
         _run_side(run, voltage, lane, direction, steps, list);
         if (_access.stop.stop_requested()) return;
         _side_done(run, side_name(voltage, direction), last);
@@ -404,6 +405,16 @@ void PCIEMarginMultiPass::_run_side(RunContext& run, bool voltage, unsigned int 
         if (dwell == full) break;
         dwell = full;
     }
+}
+
+void PCIEMarginMultiPass::_side_started(RunContext& run, const std::string& direction) const {
+    MarginProgress progress;
+    progress.walks_done = run.walks_done.load();
+    progress.lanes_done = run.lanes_done.load();
+    progress.lanes_total = static_cast<unsigned int>(run.lanes.size());
+    progress.walks_total = progress.lanes_total * run.sides_per_lane;
+    progress.direction = direction;
+    if (_access.progress) _access.progress(progress);
 }
 
 void PCIEMarginMultiPass::_side_done(RunContext& run, const std::string& direction, bool lane_done) const {

@@ -177,6 +177,9 @@ private:
     void _lane_body(RunContext& run, std::size_t position) const;
     void _run_side(RunContext& run, bool voltage, unsigned int lane, DirectionOfMargin direction,
                    unsigned int end_offset, std::vector<OffsetData>& list) const;
+    // Progress at the start of a side (so a minutes-long first walk is
+    // visible) and at its end.
+    void _side_started(RunContext& run, const std::string& direction) const;
     void _side_done(RunContext& run, const std::string& direction, bool lane_done) const;
 
     Device_ID _id() const { return Device_ID(_params.segment, _params.bus, _params.device, _params.function); }

@@ -255,7 +255,7 @@ TEST_F(OverModel, LanesRunInBatchesOfMaxLanesPlusOne) {
             for (unsigned lane = b * c.batch; lane < (b + 1) * c.batch; ++lane) expected.insert(lane);
             EXPECT_EQ(batches[b], expected) << "batch " << b;
         }
-        ASSERT_EQ(reports.size(), kLanes * 4);
+        ASSERT_EQ(reports.size(), kLanes * 4 * 2) << "one report as each side starts, one as it ends";
         EXPECT_EQ(reports.back().lanes_done, kLanes);
         EXPECT_EQ(reports.back().walks_done, kLanes * 4);
         EXPECT_EQ(reports.back().walks_total, kLanes * 4);
