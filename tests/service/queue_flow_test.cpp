@@ -52,6 +52,7 @@ TEST(QueueFlow, PostedTestRunsToItsArchiveFolderAndTheBrowserSeesEachState) {
 
     wire_test::WsClient browser(service.port);
     ASSERT_EQ(browser.status, 101);
+    ASSERT_TRUE(wire_test::wait_for_connections(1));
     const json record = {{"Operation", "PCIe Margin"},
                          {"PCIeInfo", {{"SBDF", "0:3:0.0"}}},
                          {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({0})}}}};

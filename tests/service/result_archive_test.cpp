@@ -256,11 +256,7 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
     TestTempFolder out;
     wire_test::WsClient browser(wire_test::running_service().port);
     ASSERT_EQ(browser.status, 101);
-    // The upgrade is answered before the server lists the socket; a push in
-    // between would pass it by.
-    for (int i = 0; i < 500 && PortHall::WireServer::GetInstance()->connection_count() == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    ASSERT_TRUE(wire_test::wait_for_connections(1));
     auto next_download_message = [&]() -> std::string {
         while (auto text = browser.next_text()) {
             const json message = json::parse(*text);

@@ -14,7 +14,10 @@
 #include <optional>
 #include <random>
 #include <stdexcept>
+#include <thread>
 #include <string>
+
+#include "service/wire_server.h"
 
 namespace wire_test {
 
@@ -190,5 +193,15 @@ private:
     int _fd;
     std::string _buffer;
 };
+
+// Waits until the server has listed count sockets. The upgrade is answered
+// before the socket is listed, so a push sent in between would pass it by.
+inline bool wait_for_connections(std::size_t count) {
+    for (int i = 0; i < 500; ++i) {
+        if (PortHall::WireServer::GetInstance()->connection_count() == count) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
 
 }  // namespace wire_test

@@ -88,16 +88,7 @@ TEST(WireServerOrigin, ForeignOriginMayNotChangeState) {
     EXPECT_EQ(own_socket.status, 101);
 }
 
-namespace {
-// Waits until the server has registered the expected number of sockets.
-bool wait_for_connections(std::size_t count) {
-    for (int i = 0; i < 500; ++i) {
-        if (WireServer::GetInstance()->connection_count() == count) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-}  // namespace
+using wire_test::wait_for_connections;
 
 TEST(WireServerSockets, BroadcastReachesAllAndSurvivesASocketClosingMidway) {
     const unsigned port = running_service().port;
