@@ -29,7 +29,8 @@ export function App() {
   const [queue, setQueue] = useState<QueuedTest[] | null>(null);
   const [finished, setFinished] = useState<FinishedTest[]>([]);
   const [pushNote, setPushNote] = useState<string | null>(null);
-  const [chosenSbdf, setChosenSbdf] = useState('');
+  // A device picked on the device screen; seq makes a second pick of the same device count.
+  const [chosen, setChosen] = useState({ sbdf: '', seq: 0 });
   const [resultsGeneration, setResultsGeneration] = useState(0);
   const previousQueue = useRef<QueuedTest[]>([]);
 
@@ -111,13 +112,13 @@ export function App() {
             error={devicesError}
             onReload={loadDevices}
             onNewTest={(sbdf) => {
-              setChosenSbdf(sbdf);
+              setChosen((old) => ({ sbdf, seq: old.seq + 1 }));
               go('new');
             }}
           />
         </section>
         <section hidden={screen !== 'new'}>
-          <NewTestView devices={devices} error={devicesError} chosenSbdf={chosenSbdf} />
+          <NewTestView devices={devices} error={devicesError} chosen={chosen} />
         </section>
         <section hidden={screen !== 'queue'}>
           <QueueView queue={queue} finished={finished} note={pushNote} />

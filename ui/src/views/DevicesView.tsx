@@ -1,6 +1,7 @@
 import { useMemo, useState } from 'preact/hooks';
 import type { PCIeDevice } from '../types';
 import { text_of } from '../format';
+import { EmptyRow } from './common';
 
 interface Props {
   devices: PCIeDevice[] | null;
@@ -99,11 +100,10 @@ export function DevicesView({ devices, error, onReload, onNewTest }: Props) {
                 </tr>
               ))}
               {shown.length === 0 && (
-                <tr>
-                  <td colSpan={COLUMNS.length + 1} class="muted">
-                    {rows.length === 0 ? 'The service lists no PCIe device.' : 'No device matches the filter.'}
-                  </td>
-                </tr>
+                <EmptyRow
+                  columns={COLUMNS.length + 1}
+                  text={rows.length === 0 ? 'The service lists no PCIe device.' : 'No device matches the filter.'}
+                />
               )}
             </tbody>
           </table>

@@ -41,7 +41,7 @@ export function Header({ version, versionError, socket, screen, queueCount }: Pr
         {TABS.map((tab) => (
           <a key={tab.screen} href={`#${tab.screen}`} class={tab.screen === screen ? 'tab active' : 'tab'}>
             {tab.label}
-            {tab.screen === 'queue' && <span class="count">{queueCount > 0 ? queueCount : ''}</span>}
+            {tab.screen === 'queue' && <span class={queueCount > 0 ? 'count busy' : 'count'}>{queueCount}</span>}
           </a>
         ))}
       </nav>

@@ -6,7 +6,11 @@ import uPlot from 'uplot';
 import { mirrored, type MarginChartData } from '../chart_data';
 import { figure } from '../format';
 
-const CHART_HEIGHT = 240;
+// Chart sizes follow the page's root font size, which grows on large screens,
+// so axis text stays as readable as the tables around it.
+function root_font_px(): number {
+  return parseFloat(getComputedStyle(document.documentElement).fontSize) || 14;
+}
 
 interface BarsProps {
   title: string;
@@ -27,11 +31,15 @@ function LaneBars({ title, unit, lanes, above, below, aboveLabel, belowLabel, wo
   useEffect(() => {
     const element = box.current;
     if (!element) return;
+    const rem = root_font_px();
+    const height = Math.round(17 * rem);
+    const font = `${Math.round(0.8 * rem)}px system-ui, sans-serif`;
+    const labelFont = `600 ${Math.round(0.85 * rem)}px system-ui, sans-serif`;
     const x = lanes.map((_, i) => i);
-    const bars = uPlot.paths.bars!({ size: [0.7, 60], gap: 1 });
+    const bars = uPlot.paths.bars!({ size: [0.7, Math.round(8 * rem)], gap: 1 });
     const opts: uPlot.Options = {
       width: Math.max(200, element.clientWidth),
-      height: CHART_HEIGHT,
+      height,
       legend: { show: false },
       cursor: { drag: { x: false, y: false }, points: { show: false } },
       scales: {
@@ -46,10 +54,14 @@ function LaneBars({ title, unit, lanes, above, below, aboveLabel, belowLabel, wo
       axes: [
         {
           label: 'Lane',
+          font,
+          labelFont,
+          labelSize: Math.round(1.3 * rem),
+          size: Math.round(2.2 * rem),
           incrs: [1, 2, 4, 8],
           values: (_u, splits) => splits.map((s) => (Number.isInteger(s) && lanes[s] !== undefined ? String(lanes[s]) : '')),
         },
-        { label: unit, size: 60, values: (_u, splits) => splits.map((s) => s.toFixed(decimals > 2 ? 3 : 2)) },
+        { label: unit, font, labelFont, labelSize: Math.round(1.3 * rem), size: Math.round(4.2 * rem), values: (_u, splits) => splits.map((s) => s.toFixed(decimals > 2 ? 3 : 2)) },
       ],
       series: [
         {},
@@ -87,7 +99,7 @@ function LaneBars({ title, unit, lanes, above, below, aboveLabel, belowLabel, wo
     const plot = new uPlot(opts, [x, above, mirrored(below)] as uPlot.AlignedData, element);
     // Follow the width of the panel: a hidden screen reports 0, so wait for a real size.
     const resize = new ResizeObserver(() => {
-      if (element.clientWidth > 0) plot.setSize({ width: element.clientWidth, height: CHART_HEIGHT });
+      if (element.clientWidth > 0) plot.setSize({ width: element.clientWidth, height });
     });
     resize.observe(element);
     return () => {
@@ -108,38 +120,21 @@ function LaneBars({ title, unit, lanes, above, below, aboveLabel, belowLabel, wo
             : `worst lane ${lanes[worst]}: ${belowLabel.toLowerCase()} ${figure(below[worst], decimals)}, ${aboveLabel.toLowerCase()} ${figure(above[worst], decimals)} ${unit}`}
         </span>
       </figcaption>
-      <div class="chart" ref={box} style={{ height: `${CHART_HEIGHT}px` }} />
+      <div class="chart" ref={box} />
     </figure>
   );
 }
 
 export function MarginChart({ data }: { data: MarginChartData }) {
+  const charts: Omit<BarsProps, 'lanes' | 'decimals'>[] = [
+    { title: 'Timing margin', unit: 'UI', above: data.right, below: data.left, aboveLabel: 'Right', belowLabel: 'Left', worst: data.worstTiming, testid: 'timing-chart' },
+    { title: 'Voltage margin', unit: 'V', above: data.top, below: data.bottom, aboveLabel: 'Top', belowLabel: 'Bottom', worst: data.worstVoltage, testid: 'voltage-chart' },
+  ];
   return (
     <div class="charts">
-      <LaneBars
-        title="Timing margin"
-        unit="UI"
-        lanes={data.lanes}
-        above={data.right}
-        below={data.left}
-        aboveLabel="Right"
-        belowLabel="Left"
-        worst={data.worstTiming}
-        decimals={3}
-        testid="timing-chart"
-      />
-      <LaneBars
-        title="Voltage margin"
-        unit="V"
-        lanes={data.lanes}
-        above={data.top}
-        below={data.bottom}
-        aboveLabel="Top"
-        belowLabel="Bottom"
-        worst={data.worstVoltage}
-        decimals={3}
-        testid="voltage-chart"
-      />
+      {charts.map((chart) => (
+        <LaneBars key={chart.testid} {...chart} lanes={data.lanes} decimals={3} />
+      ))}
     </div>
   );
 }

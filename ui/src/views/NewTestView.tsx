@@ -7,8 +7,8 @@ import type { PCIeDevice } from '../types';
 interface Props {
   devices: PCIeDevice[] | null;
   error: string | null;
-  /** A device picked on the device screen; the form switches to it. */
-  chosenSbdf: string;
+  /** A device picked on the device screen; the form switches to it at each pick. */
+  chosen: { sbdf: string; seq: number };
 }
 
 type Answer = { ok: true; text: string } | { ok: false; text: string } | { sending: true };
@@ -22,7 +22,7 @@ function FieldError({ text, id }: { text?: string; id: string }) {
   );
 }
 
-export function NewTestView({ devices, error, chosenSbdf }: Props) {
+export function NewTestView({ devices, error, chosen }: Props) {
   const capable = useMemo(() => margin_capable(devices ?? []), [devices]);
   const [form, setForm] = useState<MarginForm>(default_form(undefined));
   const [checked, setChecked] = useState(false);
@@ -31,8 +31,11 @@ export function NewTestView({ devices, error, chosenSbdf }: Props) {
   const pick = (sbdf: string) => setForm(default_form((devices ?? []).find((d) => d.PCIeInfo.SBDF === sbdf)));
 
   useEffect(() => {
-    if (chosenSbdf) pick(chosenSbdf);
-  }, [chosenSbdf, devices]);
+    if (chosen.sbdf) {
+      pick(chosen.sbdf);
+      setAnswer(null);
+    }
+  }, [chosen.seq]);
 
   const device = (devices ?? []).find((d) => d.PCIeInfo.SBDF === form.sbdf);
   const data = device?.PCIeMarginData ?? {};

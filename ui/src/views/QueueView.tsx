@@ -1,5 +1,6 @@
 import { duration_label } from '../format';
 import type { Progress, QueuedTest } from '../types';
+import { EmptyRow } from './common';
 
 export interface FinishedTest {
   test: QueuedTest;
@@ -72,13 +73,14 @@ export function QueueView({ queue, finished, note }: Props) {
               </tr>
             ))}
             {(queue === null || queue.length === 0) && (
-              <tr>
-                <td colSpan={8} class="muted">
-                  {queue === null
+              <EmptyRow
+                columns={8}
+                text={
+                  queue === null
                     ? 'No test is queued or running. (The service reports the queue while it holds tests.)'
-                    : 'No test is queued or running.'}
-                </td>
-              </tr>
+                    : 'No test is queued or running.'
+                }
+              />
             )}
           </tbody>
         </table>

@@ -5,6 +5,7 @@ import { export_csv_url, ordered_range } from '../dates';
 import { figure, text_of } from '../format';
 import type { LaneMargin, ResultRecord } from '../types';
 import { MarginChart } from './MarginChart';
+import { EmptyRow } from './common';
 
 interface Props {
   /** Grows whenever a test leaves the queue: a new result may exist. */
@@ -25,8 +26,8 @@ function status_class(status: string): string {
   return 'status';
 }
 
-function ErrorMaps({ lanes }: { lanes: LaneMargin[] }) {
-  const [lane, setLane] = useState(0);
+function ErrorMaps({ lanes, first }: { lanes: LaneMargin[]; first: number }) {
+  const [lane, setLane] = useState(first);
   const chosen = lanes[Math.min(lane, lanes.length - 1)];
   if (!chosen) return null;
   return (
@@ -62,13 +63,7 @@ function ErrorMaps({ lanes }: { lanes: LaneMargin[] }) {
                     <td class="num">{e.ErrCnt}</td>
                   </tr>
                 ))}
-                {entries.length === 0 && (
-                  <tr>
-                    <td colSpan={3} class="muted">
-                      empty
-                    </td>
-                  </tr>
-                )}
+                {entries.length === 0 && <EmptyRow columns={3} text="empty" />}
               </tbody>
             </table>
           );
@@ -99,7 +94,7 @@ function ResultDetail({ result }: { result: ResultRecord }) {
           <button type="button" onClick={() => setShowMaps(!showMaps)}>
             {showMaps ? 'Hide raw error maps' : 'Show raw error maps'}
           </button>
-          {showMaps && <ErrorMaps lanes={full} />}
+          {showMaps && <ErrorMaps lanes={full} first={chart.worstTiming ?? 0} />}
         </>
       )}
       {isPcie && full.length === 0 && <p class="muted">This test has no per-lane data.</p>}
@@ -166,22 +161,20 @@ export function ResultsView({ generation, visible }: Props) {
     <div class="screen">
       <div class="toolbar">
         <h1>Results</h1>
-        <label>
-          From{' '}
-          <select id="results-start" value={start} onChange={(e) => choose('start', (e.target as HTMLSelectElement).value)}>
-            {(dates ?? []).map((d) => (
-              <option key={d}>{d}</option>
-            ))}
-          </select>
-        </label>
-        <label>
-          to{' '}
-          <select id="results-end" value={end} onChange={(e) => choose('end', (e.target as HTMLSelectElement).value)}>
-            {(dates ?? []).map((d) => (
-              <option key={d}>{d}</option>
-            ))}
-          </select>
-        </label>
+        {(['start', 'end'] as const).map((which) => (
+          <label key={which}>
+            {which === 'start' ? 'From' : 'to'}{' '}
+            <select
+              id={`results-${which}`}
+              value={which === 'start' ? start : end}
+              onChange={(e) => choose(which, (e.target as HTMLSelectElement).value)}
+            >
+              {(dates ?? []).map((d) => (
+                <option key={d}>{d}</option>
+              ))}
+            </select>
+          </label>
+        ))}
         <button type="button" disabled={!ordered || loading} onClick={() => dates && loadResults(start, end, dates)}>
           Show
         </button>
@@ -233,19 +226,13 @@ export function ResultsView({ generation, visible }: Props) {
                     <td title={text_of(o.FailureReason)}>{text_of(o.FailureReason)}</td>
                     <td class="num">{figure(o['PhaseLeft (UI)'], 3)}</td>
                     <td class="num">{figure(o['PhaseRight (UI)'], 3)}</td>
-                    <td class="num">{figure(o['VrefTop (mv)'], 1)}</td>
-                    <td class="num">{figure(o['VrefBot (mv)'], 1)}</td>
+                    <td class="num">{figure(o['VrefTop (mv)'], 3)}</td>
+                    <td class="num">{figure(o['VrefBot (mv)'], 3)}</td>
                     <td>{text_of(o.Time)}</td>
                   </tr>
                 );
               })}
-              {results.length === 0 && (
-                <tr>
-                  <td colSpan={10} class="muted">
-                    No results in this range.
-                  </td>
-                </tr>
-              )}
+              {results.length === 0 && <EmptyRow columns={10} text="No results in this range." />}
             </tbody>
           </table>
         </div>

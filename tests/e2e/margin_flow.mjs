@@ -1,0 +1,347 @@
+// Browser test of the front end against lanewright-sim: the device list, a
+// record the service refuses, a PCIe margin queued from the form and watched
+// through the queue to its result chart, and the CSV export.
+//
+// node margin_flow.mjs --sim <lanewright-sim> --artifacts <folder>
+//
+// Screenshots of every screen land in the artifacts folder, with the
+// service's console output (sim.log). Debian's Chromium drives the page;
+// playwright-core comes from ui/node_modules, installed by the build.
+import { spawn } from 'node:child_process';
+import { createRequire } from 'node:module';
+import fs from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+import assert from 'node:assert/strict';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
+const { chromium } = requireFromUi('playwright-core');
+
+const CHROMIUM = '/usr/bin/chromium';
+// Generous bounds for conditions to become true; nothing here measures speed.
+const LONG_WAIT_MS = 150_000;
+const WAIT_MS = 30_000;
+
+function option(name, fallback) {
+  const at = process.argv.indexOf(name);
+  if (at >= 0 && at + 1 < process.argv.length) return process.argv[at + 1];
+  if (fallback === undefined) throw new Error(`missing ${name}`);
+  return fallback;
+}
+
+function free_port() {
+  return new Promise((resolve, reject) => {
+    const server = net.createServer();
+    server.unref();
+    server.on('error', reject);
+    server.listen(0, '127.0.0.1', () => {
+      const { port } = server.address();
+      server.close(() => resolve(port));
+    });
+  });
+}
+
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+
+async function wait_until(what, condition, timeoutMs = WAIT_MS) {
+  const deadline = Date.now() + timeoutMs;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
+    await sleep(100);
+  }
+}
+
+class Service {
+  constructor(simPath, artifacts) {
+    this.simPath = simPath;
+    this.log = fs.createWriteStream(path.join(artifacts, 'sim.log'));
+    this.exited = null;
+  }
+
+  async start() {
+    this.port = await free_port();
+    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-'));
+    this.base = `http://127.0.0.1:${this.port}`;
+    this.process = spawn(
+      this.simPath,
+      // Fast enough for a short test, slow enough that a margin spans several
+      // of the service's once-a-second queue pushes.
+      ['--port', String(this.port), '--results', this.results, '--time-scale', '500'],
+      { stdio: ['ignore', 'pipe', 'pipe'] },
+    );
+    this.process.stdout.pipe(this.log);
+    this.process.stderr.pipe(this.log);
+    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
+    await wait_until(
+      'the service to serve the page',
+      async () => {
+        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
+        try {
+          const response = await fetch(`${this.base}/`);
+          return response.ok && (await response.text()).includes('id="app"');
+        } catch {
+          return false;
+        }
+      },
+      60_000,
+    );
+  }
+
+  async stop() {
+    if (!this.process) return;
+    if (!this.exited) {
+      try {
+        await fetch(`${this.base}/stop`);
+      } catch {
+        // Already gone.
+      }
+      try {
+        await wait_until('the service to end', () => this.exited !== null, 20_000);
+      } catch {
+        this.process.kill('SIGKILL');
+      }
+    }
+    fs.rmSync(this.results, { recursive: true, force: true });
+  }
+}
+
+async function shot(page, artifacts, name) {
+  await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
+}
+
+async function open_page(browser, service, viewport = { width: 1280, height: 800 }) {
+  const context = await browser.newContext({ viewport, acceptDownloads: true });
+  const page = await context.newPage();
+  const problems = [];
+  page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
+  page.on('console', (message) => {
+    if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
+  });
+  return { context, page, problems };
+}
+
+async function wait_live(page) {
+  await page.waitForSelector('[data-testid=connection].up', { timeout: WAIT_MS });
+}
+
+// A device the machine doesn't have, offered as margin-capable by a doctored
+// device list: the form accepts it and only the service can refuse it.
+const GHOST = {
+  PCIeInfo: { SBDF: 'ff:ff:1f.7', VendorName: 'Nobody', Speed: '32.0 GT/s', Width: 'x4', DeviceType: 'Endpoint' },
+  PCIeMarginSupported: true,
+  PCIeMarginData: { BER: ['8', '12'], ErrCnt: { Max: 63, Min: 1 }, Lanes: [0, 1, 2, 3], Receivers: [6] },
+  EyeScanSupported: false,
+  NonDestMarginSupported: false,
+};
+
+async function check_form_errors_and_refusal(browser, service, artifacts) {
+  const { context, page, problems } = await open_page(browser, service);
+  await page.route('**/api/1.0/GetPCIEDeviceListForMargin', async (route) => {
+    const response = await route.fetch();
+    const list = await response.json();
+    await route.fulfill({ response, json: [...list, GHOST] });
+  });
+  await page.goto(`${service.base}/#new`);
+  await wait_live(page);
+  await page.waitForSelector(`#nt-device option[value="${GHOST.PCIeInfo.SBDF}"]`, { state: 'attached', timeout: WAIT_MS });
+
+  // Choices the form itself refuses, each named beside its field.
+  await page.selectOption('#nt-device', GHOST.PCIeInfo.SBDF);
+  await page.uncheck('#nt-all-lanes');
+  await page.selectOption('#nt-ber', '');
+  await page.fill('#nt-errcnt', '99');
+  await page.click('button[type=submit]');
+  assert.equal(await page.textContent('[data-testid=error-lanes]'), 'Choose at least one lane, or all lanes.');
+  assert.equal(await page.textContent('[data-testid=error-ber]'), 'Choose a BER.');
+  assert.equal(await page.textContent('[data-testid=error-errCnt]'), 'Error count must be between 1 and 63.');
+  assert.equal(await page.textContent('[data-testid=queue-answer]'), '', 'nothing is sent while the form has errors');
+  await shot(page, artifacts, 'new-test-form-errors');
+
+  // A valid-looking record for a device that isn't there: the service's reason is shown.
+  await page.check('#nt-all-lanes');
+  await page.selectOption('#nt-ber', '12');
+  await page.fill('#nt-errcnt', '5');
+  await page.click('button[type=submit]');
+  const answer = await page.waitForSelector('[data-testid=queue-answer] .error', { timeout: WAIT_MS });
+  assert.equal(
+    await answer.textContent(),
+    'The service refused the test: no PCI function ff:ff:1f.7 on this machine',
+  );
+  await shot(page, artifacts, 'new-test-refused');
+  assert.deepEqual(problems, []);
+  await context.close();
+}
+
+/** Statuses and progress of one test as the queue screen shows them over time. */
+function watch_queue_row(page, testId) {
+  const seen = { statuses: [], percents: new Set(), directions: new Set(), stop: false };
+  const loop = (async () => {
+    while (!seen.stop) {
+      const row = await page.evaluate((id) => {
+        for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
+          if (tr.cells[0]?.textContent === String(id)) {
+            const bar = tr.querySelector('[role=progressbar]');
+            return {
+              status: tr.dataset.status,
+              percent: bar ? bar.getAttribute('aria-valuenow') : null,
+              text: tr.querySelector('.progress-text')?.textContent ?? null,
+            };
+          }
+        }
+        return null;
+      }, testId).catch(() => null);
+      if (row) {
+        if (seen.statuses[seen.statuses.length - 1] !== row.status) seen.statuses.push(row.status);
+        if (row.percent !== null) seen.percents.add(Number(row.percent));
+        if (row.text) seen.directions.add(row.text.split(' · ')[0]);
+      }
+      await sleep(50);
+    }
+  })();
+  seen.done = async () => {
+    seen.stop = true;
+    await loop;
+  };
+  return seen;
+}
+
+async function queue_from_form(page, sbdf, lanes, ber) {
+  await page.goto(`${page.url().split('#')[0]}#new`);
+  await page.selectOption('#nt-device', sbdf);
+  await page.uncheck('#nt-all-lanes');
+  for (const lane of lanes) {
+    await page.check(`[data-testid=lane-choices] label:has-text("${lane}") input`);
+  }
+  await page.selectOption('#nt-ber', ber);
+  await page.click('button[type=submit]');
+  const answer = await page.waitForSelector('[data-testid=queue-answer] .success, [data-testid=queue-answer] .error', {
+    timeout: WAIT_MS,
+  });
+  return answer.textContent();
+}
+
+async function check_margin_flow(browser, service, artifacts) {
+  const { context, page, problems } = await open_page(browser, service);
+  await page.goto(`${service.base}/#devices`);
+  await wait_live(page);
+  const version = await page.textContent('[data-testid=version]');
+  assert.match(version, /^v\d+\.\d+\.\d+$/);
+  await page.waitForSelector('[data-testid=device-table] tbody tr td', { timeout: WAIT_MS });
+  await shot(page, artifacts, 'devices');
+
+  const devices = await (await fetch(`${service.base}/api/1.0/GetPCIEDeviceListForMargin`)).json();
+  const target = devices.find((d) => d.PCIeMarginSupported && (d.PCIeMarginData?.Lanes ?? []).length >= 4);
+  assert.ok(target, 'the simulated machine offers a margin-capable device');
+  const sbdf = target.PCIeInfo.SBDF;
+  const lanes = target.PCIeMarginData.Lanes.slice(0, 4);
+  const ber = target.PCIeMarginData.BER.includes('12') ? '12' : target.PCIeMarginData.BER[0];
+
+  // The filter narrows the table to that device.
+  await page.fill('.filter', sbdf);
+  await wait_until('the filter to apply', async () =>
+    (await page.$$eval('[data-testid=device-table] tbody tr', (rows) => rows.map((r) => r.cells[0].textContent))).every(
+      (cell) => cell.includes(sbdf),
+    ),
+  );
+
+  // Two tests on one device: the second, queued once the first runs, waits for
+  // it, so it is seen queued. (Two queued before the same scheduler pass are
+  // both started in that pass.)
+  const first = await queue_from_form(page, sbdf, lanes, ber);
+  assert.match(first, /^Queued: PCIe margin of /, first);
+  await page.goto(`${service.base}/#queue`);
+  await page.waitForSelector('[data-testid=queue-table] tbody tr[data-status=Running]', { timeout: LONG_WAIT_MS });
+  const second = await queue_from_form(page, sbdf, lanes, ber);
+  assert.match(second, /^Queued: PCIe margin of /, second);
+  await page.goto(`${service.base}/#queue`);
+  // Both are listed from the first push after the second was added.
+  const ids = await wait_until('both tests in the queue', async () => {
+    const shown = await page.$$eval('[data-testid=queue-table] tbody tr[data-status]', (rows) =>
+      rows.map((r) => Number(r.cells[0].textContent)),
+    );
+    return shown.length === 2 ? shown : null;
+  });
+  const secondId = Math.max(...ids);
+  const watch = watch_queue_row(page, secondId);
+  await wait_until('the second test to run', () => watch.statuses.includes('Running'), LONG_WAIT_MS);
+  await wait_until('progress to show', () => watch.percents.size > 0, LONG_WAIT_MS);
+  await shot(page, artifacts, 'queue-running');
+  await wait_until(
+    'the second test to leave the queue',
+    async () => (await page.textContent('[data-testid=finished]')).includes(`test ${secondId} (`),
+    LONG_WAIT_MS,
+  );
+  await watch.done();
+  assert.deepEqual(watch.statuses, ['Queued', 'Running'], `statuses seen: ${watch.statuses}`);
+  assert.ok(watch.percents.size >= 2, `progress moved: ${[...watch.percents]}`);
+  await shot(page, artifacts, 'queue-finished');
+
+  // The archive shows the finished test with its chart.
+  await page.goto(`${service.base}/#results`);
+  const row = await page.waitForSelector(`[data-testid=results-table] tbody tr:has(td:text-is("${secondId}"))`, {
+    timeout: LONG_WAIT_MS,
+  });
+  await row.click();
+  await page.waitForSelector('[data-testid=timing-chart] canvas', { timeout: WAIT_MS });
+  await page.waitForSelector('[data-testid=voltage-chart] canvas', { timeout: WAIT_MS });
+  const status = await row.$eval('td:nth-child(4)', (td) => td.textContent);
+  assert.equal(status, 'complete', await row.textContent());
+  const worst = await page.textContent('[data-testid=timing-chart] .worst-note');
+  assert.match(worst, /^worst lane \d+: left [\d.]+, right [\d.]+ UI$/);
+  await shot(page, artifacts, 'results');
+  await page.click('text=Show raw error maps');
+  await page.waitForSelector('[data-testid=error-maps] table.map tbody tr td.num', { timeout: WAIT_MS });
+  await shot(page, artifacts, 'results-error-maps');
+
+  // The export is a plain link: the browser downloads the CSV.
+  const [download] = await Promise.all([page.waitForEvent('download', { timeout: WAIT_MS }), page.click('[data-testid=export-csv]')]);
+  assert.equal(download.suggestedFilename(), 'pcie_margin_report.csv');
+  const csv = fs.readFileSync(await download.path(), 'utf8');
+  fs.writeFileSync(path.join(artifacts, 'pcie_margin_report.csv'), csv);
+  assert.ok(csv.startsWith('Segment, Bus,'), `CSV begins: ${csv.slice(0, 40)}`);
+  assert.ok(csv.trim().split('\n').length >= 1 + lanes.length, 'one row per margined lane at least');
+  assert.deepEqual(problems, []);
+  await context.close();
+
+  // The same screen on a 4K monitor without system scaling, for the eye.
+  const big = await open_page(browser, service, { width: 3840, height: 2160 });
+  await big.page.goto(`${service.base}/#results`);
+  await big.page.waitForSelector('[data-testid=timing-chart] canvas', { timeout: WAIT_MS });
+  await shot(big.page, artifacts, 'results-4k');
+  await big.context.close();
+}
+
+async function main() {
+  const simPath = option('--sim');
+  const artifacts = option('--artifacts');
+  fs.mkdirSync(artifacts, { recursive: true });
+  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
+
+  const service = new Service(simPath, artifacts);
+  let browser;
+  try {
+    await service.start();
+    browser = await chromium.launch({
+      executablePath: CHROMIUM,
+      headless: true,
+      args: ['--no-sandbox', '--disable-background-networking'],
+    });
+    await check_form_errors_and_refusal(browser, service, artifacts);
+    console.log('ok - form errors and a refused record');
+    await check_margin_flow(browser, service, artifacts);
+    console.log('ok - PCIe margin from the form to the chart and the CSV');
+  } finally {
+    await browser?.close();
+    await service.stop();
+  }
+}
+
+main().catch((error) => {
+  console.error(`not ok - ${error.stack ?? error}`);
+  process.exit(1);
+});
