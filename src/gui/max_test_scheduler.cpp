@@ -50,16 +50,23 @@ bool MaxTestScheduler::_conflicts(const json& running, const json& queued) const
 int MaxTestScheduler::poll_and_start_tests() {
     const TestListsSnapshot lists = snapshot_test_lists(_storage);
 
+    // A test chosen on this pass counts as running for the queued tests
+    // behind it: two margins of one receiver started together would disturb
+    // each other's commands and both report nonsense.
     std::vector<json> to_start;
+    std::vector<json> busy = lists.running;
     for (const json& queued : lists.queued) {
         bool conflict = false;
-        for (const json& running : lists.running) {
+        for (const json& running : busy) {
             if (_conflicts(running, queued)) {
                 conflict = true;
                 break;
             }
         }
-        if (!conflict) to_start.push_back(queued);
+        if (!conflict) {
+            to_start.push_back(queued);
+            busy.push_back(queued);
+        }
     }
 
     for (json& test : to_start) {

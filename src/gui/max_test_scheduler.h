@@ -1,6 +1,7 @@
 // Starts as many tests at once as don't conflict with a running one: every
-// queued test that conflicts with nothing running starts on the same pass,
-// each on a thread of its own. All state lives in TestStorage.
+// queued test that conflicts with nothing running, nor with an older test
+// started on the same pass, starts on that pass, each on a thread of its
+// own. All state lives in TestStorage.
 #pragma once
 
 #include <nlohmann/json.hpp>

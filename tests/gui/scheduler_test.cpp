@@ -93,6 +93,16 @@ TEST_F(SchedulerTest, StartsEveryQueuedTestThatConflictsWithNothingOnOnePass) {
     EXPECT_EQ(lists.running.size(), 3u);
 }
 
+TEST_F(SchedulerTest, TwoQueuedTestsOnOnePortNeverStartOnTheSamePass) {
+    queue(pcie_test("0:2:1.0", true, 3, 5));
+    queue(pcie_test("0:2:1.0", true, 3, 5));
+    queue(pcie_test("0:9:0.0"));
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 2);
+    const auto lists = snapshot_test_lists(storage);
+    ASSERT_EQ(lists.queued.size(), 1u);
+    EXPECT_EQ(lists.queued[0]["PCIeInfo"]["SBDF"], "0:2:1.0");
+}
+
 TEST_F(SchedulerTest, ConflictingTestWaitsWhileAYoungerOneOvertakes) {
     queue(pcie_test("0:2:1.0", true, 3, 5));
     ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
