@@ -36,3 +36,13 @@ export function text_of(value: unknown): string {
   if (value === undefined || value === null) return '';
   return typeof value === 'string' ? value : JSON.stringify(value);
 }
+
+/**
+ * A voltage figure of "TestOutput" in millivolts. The keys say "(mv)", but a
+ * PCIe margin writes them in volts (the receiver reports its offsets in
+ * volts), so those are scaled; other kinds are shown as they come.
+ */
+export function voltage_figure_mv(operation: unknown, value: unknown): string {
+  if (typeof value !== 'number' || !Number.isFinite(value)) return '–';
+  return operation === 'PCIe Margin' ? (value * 1000).toFixed(1) : value.toFixed(1);
+}

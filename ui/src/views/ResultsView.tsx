@@ -2,7 +2,7 @@ import { useEffect, useMemo, useRef, useState } from 'preact/hooks';
 import { get_date_list, get_results } from '../api';
 import { ERROR_MAPS, error_map, margin_chart_data } from '../chart_data';
 import { export_csv_url, ordered_range } from '../dates';
-import { figure, text_of } from '../format';
+import { figure, text_of, voltage_figure_mv } from '../format';
 import type { LaneMargin, ResultRecord } from '../types';
 import { MarginChart } from './MarginChart';
 import { EmptyRow } from './common';
@@ -226,8 +226,8 @@ export function ResultsView({ generation, visible }: Props) {
                     <td title={text_of(o.FailureReason)}>{text_of(o.FailureReason)}</td>
                     <td class="num">{figure(o['PhaseLeft (UI)'], 3)}</td>
                     <td class="num">{figure(o['PhaseRight (UI)'], 3)}</td>
-                    <td class="num">{figure(o['VrefTop (mv)'], 3)}</td>
-                    <td class="num">{figure(o['VrefBot (mv)'], 3)}</td>
+                    <td class="num">{voltage_figure_mv(r.Operation, o['VrefTop (mv)'])}</td>
+                    <td class="num">{voltage_figure_mv(r.Operation, o['VrefBot (mv)'])}</td>
                     <td>{text_of(o.Time)}</td>
                   </tr>
                 );
