@@ -408,23 +408,24 @@ void PCIEMarginMultiPass::_run_side(RunContext& run, bool voltage, unsigned int 
 }
 
 void PCIEMarginMultiPass::_side_started(RunContext& run, const std::string& direction) const {
-    MarginProgress progress;
-    progress.walks_done = run.walks_done.load();
-    progress.lanes_done = run.lanes_done.load();
-    progress.lanes_total = static_cast<unsigned int>(run.lanes.size());
-    progress.walks_total = progress.lanes_total * run.sides_per_lane;
-    progress.direction = direction;
-    if (_access.progress) _access.progress(progress);
+    _report_progress(run, direction, run.walks_done.load(), run.lanes_done.load());
 }
 
 void PCIEMarginMultiPass::_side_done(RunContext& run, const std::string& direction, bool lane_done) const {
+    const unsigned int walks_done = ++run.walks_done;
+    _report_progress(run, direction, walks_done, lane_done ? ++run.lanes_done : run.lanes_done.load());
+}
+
+void PCIEMarginMultiPass::_report_progress(const RunContext& run, const std::string& direction,
+                                           unsigned int walks_done, unsigned int lanes_done) const {
+    if (!_access.progress) return;
     MarginProgress progress;
-    progress.walks_done = ++run.walks_done;
-    progress.lanes_done = lane_done ? ++run.lanes_done : run.lanes_done.load();
+    progress.walks_done = walks_done;
+    progress.lanes_done = lanes_done;
     progress.lanes_total = static_cast<unsigned int>(run.lanes.size());
     progress.walks_total = progress.lanes_total * run.sides_per_lane;
     progress.direction = direction;
-    if (_access.progress) _access.progress(progress);
+    _access.progress(progress);
 }
 
 bool PCIEMarginMultiPass::_margin_one_lane(const MarginLaneInput& in, std::vector<OffsetData>& list,

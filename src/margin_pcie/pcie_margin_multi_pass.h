@@ -181,6 +181,8 @@ private:
     // visible) and at its end.
     void _side_started(RunContext& run, const std::string& direction) const;
     void _side_done(RunContext& run, const std::string& direction, bool lane_done) const;
+    void _report_progress(const RunContext& run, const std::string& direction, unsigned int walks_done,
+                          unsigned int lanes_done) const;
 
     Device_ID _id() const { return Device_ID(_params.segment, _params.bus, _params.device, _params.function); }
 
