@@ -3,18 +3,20 @@
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { get_pcie_devices, get_version } from './api';
 import { parse_push } from './push';
+import { merge_finished, steady_queue, type FinishedTest } from './progress';
 import { LiveSocket, socket_url, type SocketState } from './socket';
 import type { PCIeDevice, QueuedTest } from './types';
 import { Header, type Screen } from './views/Header';
 import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
-import { QueueView, type FinishedTest } from './views/QueueView';
+import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
 
 const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
 
 function screen_from_hash(): Screen {
-  const name = location.hash.replace(/^#\/?/, '').split('?')[0];
+  // "#/results/<ResultId>" opens the results screen on one result.
+  const name = location.hash.replace(/^#\/?/, '').split(/[?/]/)[0];
   return (SCREENS as string[]).includes(name) ? (name as Screen) : 'devices';
 }
 
@@ -32,7 +34,8 @@ export function App() {
   // A device picked on the device screen; seq makes a second pick of the same device count.
   const [chosen, setChosen] = useState({ sbdf: '', seq: 0 });
   const [resultsGeneration, setResultsGeneration] = useState(0);
-  const previousQueue = useRef<QueuedTest[]>([]);
+  // The time left shown for each running test, so a new estimate is steadied against it.
+  const etaShown = useRef(new Map<number, number | null>());
 
   useEffect(() => {
     const onHash = () => setScreen(screen_from_hash());
@@ -60,16 +63,14 @@ export function App() {
       (text) => {
         const push = parse_push(text);
         if (push.kind === 'tests') {
-          const now = push.tests;
-          const ids = new Set(now.map((t) => t.TestID));
-          const gone = previousQueue.current.filter((t) => t.TestID !== null && !ids.has(t.TestID));
-          if (gone.length > 0) {
-            const stamp = new Date().toLocaleTimeString();
-            setFinished((old) => [...gone.map((t) => ({ test: t, at: stamp })), ...old].slice(0, 5));
+          const steadied = steady_queue(push.tests, etaShown.current);
+          etaShown.current = steadied.shown;
+          if (push.finished.length > 0) {
+            const at = new Date().toLocaleTimeString();
+            setFinished((old) => merge_finished(old, push.finished, at));
             setResultsGeneration((g) => g + 1);
           }
-          previousQueue.current = now;
-          setQueue(now);
+          setQueue(steadied.tests);
         } else if (push.kind === 'download') {
           setPushNote(push.msg);
         } else if (push.kind === 'invalid') {
@@ -81,7 +82,7 @@ export function App() {
         // A queue seen before the drop may be stale; the service pushes it again
         // on its next pass if anything is still queued or running.
         if (state.kind === 'down') {
-          previousQueue.current = [];
+          etaShown.current = new Map();
           setQueue(null);
         }
       },

@@ -1,6 +1,6 @@
 // Requests to the service. Every failure becomes an Error whose message can
 // be shown as it stands, next to the control that caused it.
-import type { MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
+import type { DurationEstimate, MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
 
 async function request(path: string, init?: RequestInit): Promise<string> {
   let response: Response;
@@ -53,7 +53,9 @@ export async function get_pcie_devices(): Promise<PCIeDevice[]> {
 export async function add_test(record: MarginRecord): Promise<QueueAnswer> {
   const answer = (await request_json('/api/1.0/AddTestToQueue', post(record))) as Partial<QueueAnswer> | null;
   if (typeof answer?.OperationStatus !== 'boolean') throw new Error('The service gave no queue status.');
-  return { OperationStatus: answer.OperationStatus, ErrMsg: typeof answer.ErrMsg === 'string' ? answer.ErrMsg : '' };
+  const reply: QueueAnswer = { OperationStatus: answer.OperationStatus, ErrMsg: typeof answer.ErrMsg === 'string' ? answer.ErrMsg : '' };
+  if (typeof answer.TestID === 'number' && Number.isInteger(answer.TestID)) reply.TestID = answer.TestID;
+  return reply;
 }
 
 export async function get_date_list(): Promise<string[]> {
@@ -66,4 +68,38 @@ export async function get_results(start: string, end: string): Promise<ResultRec
   const answer = await request_json('/api/1.0/GetResultsByDate', post({ start, end }));
   if (!Array.isArray(answer)) throw new Error('The results from the service are not a list.');
   return answer.filter((r): r is ResultRecord => typeof r === 'object' && r !== null);
+}
+
+/** Asks the service to cancel a queued or running test; the refusal's reason is the Error's message. */
+export async function cancel_test(testId: number): Promise<void> {
+  const answer = (await request_json('/api/1.0/CancelTest', post({ TestID: testId }))) as
+    | { OperationStatus?: unknown; ErrMsg?: unknown }
+    | null;
+  if (answer?.OperationStatus === true) return;
+  if (answer?.OperationStatus === false) {
+    throw new Error(typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : `Test ${testId} could not be cancelled.`);
+  }
+  throw new Error('The service gave no cancel status.');
+}
+
+function count_or_null(value: unknown): number | null {
+  return typeof value === 'number' && Number.isFinite(value) && value >= 0 ? value : null;
+}
+
+/** The nominal duration of a record on hardware; a refusal's reason is the Error's message. */
+export async function estimate_duration(record: MarginRecord, signal?: AbortSignal): Promise<DurationEstimate> {
+  const answer = (await request_json('/api/1.0/EstimateTestDuration', { ...post(record), signal })) as {
+    [key: string]: unknown;
+  } | null;
+  if (answer?.OperationStatus === false) {
+    throw new Error(typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : 'The service could not estimate the duration.');
+  }
+  const seconds = count_or_null(answer?.Seconds);
+  if (answer?.OperationStatus !== true || seconds === null) throw new Error('The service sent no duration estimate.');
+  return {
+    Seconds: seconds,
+    DwellSeconds: count_or_null(answer.DwellSeconds),
+    Batches: count_or_null(answer.Batches),
+    Lanes: count_or_null(answer.Lanes),
+  };
 }

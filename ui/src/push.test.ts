@@ -11,23 +11,34 @@ const running = {
 };
 
 describe('parse_push', () => {
-  it('reads the queue push, queued before running, with progress only when running', () => {
-    const queued = { ...running, TestID: 8, Status: 'Queued', Progress: running.Progress };
-    const push = parse_push(JSON.stringify({ key: 'RunningTestsUpdate', TestList: [queued, running] }));
+  it('reads the queue push: queued before running, progress only when running, waits, cancels and ends', () => {
+    const queued = { ...running, TestID: 8, Status: 'Queued', Progress: running.Progress, WaitingFor: 7, Cancelling: true };
+    const cancelling = { ...running, Cancelling: true, ResultId: '2026_11_25-01_00_00/test_7', WaitingFor: 3 };
+    const finished = [
+      { TestID: 5, Operation: 'PCIe Margin', SBDF: '0:3:0.0', Status: 'Cancelled', FailureReason: 'Cancelled by the user', ResultId: 'r/test_5' },
+      { TestID: 6, Operation: 'HVL Destructive Margin', Status: 'complete', ResultId: 'r/test_6' },
+      'junk',
+    ];
+    const push = parse_push(JSON.stringify({ key: 'RunningTestsUpdate', TestList: [queued, cancelling], FinishedTests: finished }));
+    const common = { Operation: 'PCIe Margin', SBDF: '0:40:1.1', Receiver: '1', Lanes: '0-3, 5', BER: '1e-12' };
     expect(push).toEqual({
       kind: 'tests',
       tests: [
-        { TestID: 8, Status: 'Queued', Operation: 'PCIe Margin', SBDF: '0:40:1.1', Receiver: '1', Lanes: '0-3, 5', BER: '1e-12', Progress: null },
+        { ...common, TestID: 8, Status: 'Queued', Progress: null, WaitingFor: 7, Cancelling: false, ResultId: null },
         {
-          TestID: 7, Status: 'Running', Operation: 'PCIe Margin', SBDF: '0:40:1.1', Receiver: '1', Lanes: '0-3, 5', BER: '1e-12',
-          Progress: { LanesDone: 2, LanesTotal: 5, Direction: 'Timing Left', ElapsedSeconds: 12.4, RemainingSeconds: null, Percent: 40 },
+          ...common, TestID: 7, Status: 'Running', WaitingFor: null, Cancelling: true, ResultId: '2026_11_25-01_00_00/test_7',
+          Progress: { LanesDone: 2, LanesTotal: 5, Direction: 'Timing Left', ElapsedSeconds: 12.4, RemainingSeconds: null, Percent: 40, SidesDone: null, SidesTotal: null },
         },
+      ],
+      finished: [
+        { TestID: 5, Operation: 'PCIe Margin', SBDF: '0:3:0.0', Status: 'Cancelled', FailureReason: 'Cancelled by the user', ResultId: 'r/test_5' },
+        { TestID: 6, Operation: 'HVL Destructive Margin', SBDF: '', Status: 'complete', FailureReason: null, ResultId: 'r/test_6' },
       ],
     });
   });
 
   it('reads an empty list as an empty queue and names hVL targets by die and link', () => {
-    expect(parse_push('{"key":"RunningTestsUpdate","TestList":[]}')).toEqual({ kind: 'tests', tests: [] });
+    expect(parse_push('{"key":"RunningTestsUpdate","TestList":[],"FinishedTests":{}}')).toEqual({ kind: 'tests', tests: [], finished: [] });
     const hvl = { Operation: 'HVL Destructive Margin', HVLCtrlInfo: { DeviceName: 'S0 D0', SERDES: 'L2' }, Status: 'Queued', TestID: 1 };
     const push = parse_push(JSON.stringify({ key: 'RunningTestsUpdate', TestList: [hvl, 'junk'] }));
     expect(push.kind === 'tests' && push.tests.map((t) => t.SBDF)).toEqual(['S0 D0 L2']);
@@ -46,16 +57,21 @@ describe('parse_push', () => {
 });
 
 describe('parse_progress', () => {
+  const none = { SidesDone: null, SidesTotal: null };
   it.each([
     ['absent', undefined, null],
     ['not an object', 'half', null],
     ['no lane counts', { Percent: 50 }, null],
     ['percent derived from lanes, remaining kept', { LanesDone: 1, LanesTotal: 4, RemainingSeconds: 30 },
-      { LanesDone: 1, LanesTotal: 4, Direction: '', ElapsedSeconds: 0, RemainingSeconds: 30, Percent: 25 }],
+      { LanesDone: 1, LanesTotal: 4, Direction: '', ElapsedSeconds: 0, RemainingSeconds: 30, Percent: 25, ...none }],
     ['out-of-range values held in range', { LanesDone: 9, LanesTotal: 4, Percent: 130, ElapsedSeconds: -3, RemainingSeconds: -1, Direction: 'Voltage Top' },
-      { LanesDone: 4, LanesTotal: 4, Direction: 'Voltage Top', ElapsedSeconds: 0, RemainingSeconds: 0, Percent: 100 }],
-    ['zero lanes', { LanesDone: 0, LanesTotal: 0 },
-      { LanesDone: 0, LanesTotal: 0, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 0 }],
+      { LanesDone: 4, LanesTotal: 4, Direction: 'Voltage Top', ElapsedSeconds: 0, RemainingSeconds: 0, Percent: 100, ...none }],
+    ['percent derived from sides before lanes', { LanesDone: 0, LanesTotal: 16, SidesDone: 3, SidesTotal: 8 },
+      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 3, SidesTotal: 8 }],
+    ['percent held within the span of the sides walked', { LanesDone: 0, LanesTotal: 16, SidesDone: 2, SidesTotal: 8, Percent: 90 },
+      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 2, SidesTotal: 8 }],
+    ['unusable side counts ignored', { LanesDone: 0, LanesTotal: 0, SidesDone: 1, SidesTotal: 0 },
+      { LanesDone: 0, LanesTotal: 0, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 0, ...none }],
   ])('%s', (_name, value, expected) => {
     expect(parse_progress(value)).toEqual(expected);
   });

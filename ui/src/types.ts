@@ -9,6 +9,13 @@ export interface PCIeInfo {
   Speed?: string;
   Width?: string;
   DeviceType?: string;
+  /** Link capability, same text form as "Speed"/"Width". */
+  MaxSpeed?: string;
+  MaxWidth?: string;
+  /** Speed or width below the capability. */
+  Downtrained?: boolean;
+  /** Current link state, where known. */
+  LTSSM?: string;
   BridgeInfo?: { SecondaryBus?: number; SubordinateBus?: number };
   [key: string]: unknown;
 }
@@ -24,6 +31,8 @@ export interface PCIeMarginData {
 export interface PCIeDevice {
   PCIeInfo: PCIeInfo;
   PCIeMarginSupported?: boolean;
+  /** Why margining is not offered, when "PCIeMarginSupported" is false. */
+  PCIeMarginUnsupportedReason?: string;
   PCIeMarginData?: PCIeMarginData;
   SERDES?: { DeviceName?: string; SERDES?: string };
   PCIeCtrlInfo?: { PCIeCore?: unknown; Function?: unknown; DeviceName?: string; Port?: unknown };
@@ -51,6 +60,8 @@ export interface MarginRecord {
 export interface QueueAnswer {
   OperationStatus: boolean;
   ErrMsg: string;
+  /** The ID the queue gave an accepted test. */
+  TestID?: number;
 }
 
 /** Progress of a running margin, as the queue push carries it. */
@@ -62,6 +73,9 @@ export interface Progress {
   /** null while the service cannot estimate it yet. */
   RemainingSeconds: number | null;
   Percent: number;
+  /** Sides walked of all batches; null when the service doesn't say. */
+  SidesDone: number | null;
+  SidesTotal: number | null;
 }
 
 /** A queued or running test as the "RunningTestsUpdate" push shows it. */
@@ -74,6 +88,12 @@ export interface QueuedTest {
   Lanes: string;
   BER: string;
   Progress: Progress | null;
+  /** TestID of the test a queued one is held back by. */
+  WaitingFor: number | null;
+  /** A running test asked to stop. */
+  Cancelling: boolean;
+  /** Archive id of the test's result, once its folder exists. */
+  ResultId: string | null;
 }
 
 /** One lane object of "TestOutput"."FullMarginData". */
@@ -120,4 +140,23 @@ export interface ResultRecord {
   TestParams?: Partial<TestParams> & { [key: string]: unknown };
   TestOutput?: TestOutput;
   [key: string]: unknown;
+}
+
+/** A test that ended since the previous push ("FinishedTests"). */
+export interface FinishedPush {
+  TestID: number | null;
+  Operation: string;
+  SBDF: string;
+  Status: 'complete' | 'Failed' | 'Cancelled' | string;
+  FailureReason: string | null;
+  ResultId: string | null;
+}
+
+/** Answer of "/api/1.0/EstimateTestDuration" when the service could estimate. */
+export interface DurationEstimate {
+  /** Nominal seconds on hardware. */
+  Seconds: number;
+  DwellSeconds: number | null;
+  Batches: number | null;
+  Lanes: number | null;
 }

@@ -1,4 +1,5 @@
 import { useMemo, useState } from 'preact/hooks';
+import { row_matches } from '../address';
 import type { PCIeDevice } from '../types';
 import { text_of } from '../format';
 import { EmptyRow } from './common';
@@ -15,7 +16,16 @@ interface Row {
   cells: string[];
 }
 
-const COLUMNS = ['SBDF', 'Vendor', 'Type', 'Speed', 'Width', 'Margining', 'Die', 'Core', 'Port', 'SERDES'];
+const COLUMNS = ['SBDF', 'Vendor', 'Type', 'Link state', 'Speed', 'Width', 'Capability', 'Margining', 'Die', 'Core', 'Port', 'SERDES'];
+const CAPABILITY = COLUMNS.indexOf('Capability');
+const MARGINING = COLUMNS.indexOf('Margining');
+
+/** "No" with the service's reason, so a greyed-out row says why. */
+function margining_text(device: PCIeDevice): string {
+  if (device.PCIeMarginSupported) return 'Supported';
+  const reason = text_of(device.PCIeMarginUnsupportedReason).trim();
+  return reason ? `No: ${reason}` : 'No';
+}
 
 function row_of(device: PCIeDevice): Row {
   const info = device.PCIeInfo;
@@ -26,9 +36,12 @@ function row_of(device: PCIeDevice): Row {
       info.SBDF,
       text_of(info.VendorName),
       text_of(info.DeviceType),
+      text_of(info.LTSSM),
       text_of(info.Speed),
       text_of(info.Width),
-      device.PCIeMarginSupported ? 'Supported' : 'No',
+      // The link capability; the mark is part of the text so the filter finds it.
+      [text_of(info.MaxSpeed), text_of(info.MaxWidth), info.Downtrained ? 'downtrained' : ''].filter(Boolean).join(' '),
+      margining_text(device),
       text_of(ctrl?.DeviceName ?? device.SERDES?.DeviceName),
       text_of(ctrl?.PCIeCore),
       text_of(ctrl?.Port),
@@ -37,15 +50,33 @@ function row_of(device: PCIeDevice): Row {
   };
 }
 
+function Cell({ row, index }: { row: Row; index: number }) {
+  const cell = row.cells[index];
+  const info = row.device.PCIeInfo;
+  if (index === CAPABILITY && info.Downtrained) {
+    return (
+      <td title={`Trained at ${text_of(info.Speed)} ${text_of(info.Width)}, capable of ${text_of(info.MaxSpeed)} ${text_of(info.MaxWidth)}`}>
+        {[text_of(info.MaxSpeed), text_of(info.MaxWidth)].filter(Boolean).join(' ')}{' '}
+        <span class="mark warn" data-testid="downtrained">
+          downtrained
+        </span>
+      </td>
+    );
+  }
+  return (
+    <td class={index === MARGINING && row.device.PCIeMarginSupported ? 'ok' : ''} title={cell}>
+      {cell}
+    </td>
+  );
+}
+
 export function DevicesView({ devices, error, onReload, onNewTest }: Props) {
   const [filter, setFilter] = useState('');
   const [marginOnly, setMarginOnly] = useState(false);
   const rows = useMemo(() => (devices ?? []).map(row_of), [devices]);
-  const words = filter.toLowerCase().split(/\s+/).filter(Boolean);
   const shown = rows.filter(
     (row) =>
-      (!marginOnly || row.device.PCIeMarginSupported === true) &&
-      words.every((w) => row.cells.some((cell) => cell.toLowerCase().includes(w))),
+      (!marginOnly || row.device.PCIeMarginSupported === true) && row_matches(filter, row.device.PCIeInfo.SBDF, row.cells),
   );
 
   return (
@@ -55,7 +86,7 @@ export function DevicesView({ devices, error, onReload, onNewTest }: Props) {
         <input
           type="search"
           class="filter"
-          placeholder="Filter: SBDF, vendor, speed, port…"
+          placeholder="Filter: 0:3:0.0 or 0000:03:00.0, vendor, speed, port…"
           value={filter}
           onInput={(e) => setFilter((e.target as HTMLInputElement).value)}
           aria-label="Filter devices"
@@ -84,11 +115,9 @@ export function DevicesView({ devices, error, onReload, onNewTest }: Props) {
             </thead>
             <tbody>
               {shown.map((row) => (
-                <tr key={row.cells[0]} class={row.device.PCIeMarginSupported ? '' : 'dim'}>
-                  {row.cells.map((cell, i) => (
-                    <td key={i} class={i === 5 ? (row.device.PCIeMarginSupported ? 'ok' : '') : ''} title={cell}>
-                      {cell}
-                    </td>
+                <tr key={row.cells[0]} class={row.device.PCIeMarginSupported ? '' : 'dim'} data-sbdf={row.device.PCIeInfo.SBDF}>
+                  {row.cells.map((_cell, i) => (
+                    <Cell key={i} row={row} index={i} />
                   ))}
                   <td class="action">
                     {row.device.PCIeMarginSupported && (

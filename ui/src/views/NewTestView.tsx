@@ -1,8 +1,9 @@
 import { useEffect, useMemo, useState } from 'preact/hooks';
-import { add_test } from '../api';
-import { ber_label, lanes_label } from '../format';
+import { add_test, estimate_duration } from '../api';
+import { ber_label, duration_label, lanes_label } from '../format';
+import { about_duration } from '../progress';
 import { build_margin_record, default_form, errcnt_range, margin_capable, type FormErrors, type MarginForm } from '../record';
-import type { PCIeDevice } from '../types';
+import type { DurationEstimate, PCIeDevice } from '../types';
 
 interface Props {
   devices: PCIeDevice[] | null;
@@ -12,6 +13,50 @@ interface Props {
 }
 
 type Answer = { ok: true; text: string } | { ok: false; text: string } | { sending: true };
+
+type Estimate = { ok: true; value: DurationEstimate } | { ok: false; text: string } | null;
+
+// Waits this long after the last change before asking, so typing an error
+// count sends one request, not one per key.
+const ESTIMATE_DELAY_MS = 300;
+
+function estimate_text(e: DurationEstimate): string {
+  const details: string[] = [];
+  if (e.DwellSeconds !== null) details.push(`dwell ${duration_label(e.DwellSeconds)} per offset`);
+  if (e.Lanes !== null) details.push(`${e.Lanes} ${e.Lanes === 1 ? 'lane' : 'lanes'}`);
+  if (e.Batches !== null) details.push(`${e.Batches} ${e.Batches === 1 ? 'batch' : 'batches'}`);
+  return `${about_duration(e.Seconds)} on hardware${details.length ? ` (${details.join(', ')})` : ''}`;
+}
+
+/**
+ * The service's estimate of how long the record would take, asked again after
+ * every change; the previous figure stays (dimmed) while a new one is asked,
+ * so the line doesn't flicker.
+ */
+function useEstimate(recordKey: string): { estimate: Estimate; updating: boolean } {
+  const [estimate, setEstimate] = useState<Estimate>(null);
+  const [updating, setUpdating] = useState(false);
+  useEffect(() => {
+    if (!recordKey) {
+      setEstimate(null);
+      setUpdating(false);
+      return;
+    }
+    setUpdating(true);
+    const controller = new AbortController();
+    const timer = setTimeout(() => {
+      estimate_duration(JSON.parse(recordKey), controller.signal)
+        .then((value) => !controller.signal.aborted && setEstimate({ ok: true, value }))
+        .catch((e: Error) => !controller.signal.aborted && setEstimate({ ok: false, text: e.message }))
+        .finally(() => !controller.signal.aborted && setUpdating(false));
+    }, ESTIMATE_DELAY_MS);
+    return () => {
+      clearTimeout(timer);
+      controller.abort();
+    };
+  }, [recordKey]);
+  return { estimate, updating };
+}
 
 function FieldError({ text, id }: { text?: string; id: string }) {
   // The line is always there so a message appearing doesn't move the form.
@@ -43,6 +88,7 @@ export function NewTestView({ devices, error, chosen }: Props) {
   const errors: FormErrors = checked ? result.errors : {};
   const { min, max } = errcnt_range(device);
   const update = (change: Partial<MarginForm>) => setForm({ ...form, ...change });
+  const { estimate, updating } = useEstimate(result.record ? JSON.stringify(result.record) : '');
 
   const submit = async (event: Event) => {
     event.preventDefault();
@@ -56,7 +102,7 @@ export function NewTestView({ devices, error, chosen }: Props) {
         const p = record.TestParams;
         setAnswer({
           ok: true,
-          text: `Queued: PCIe margin of ${record.PCIeInfo.SBDF}, receiver ${p.Receiver}, lanes ${lanes_label(p.Lanes)}, BER ${ber_label(p.BER)}, error count ${p.ErrCnt}.`,
+          text: `${reply.TestID !== undefined ? `Queued as test ${reply.TestID}` : 'Queued'}: PCIe margin of ${record.PCIeInfo.SBDF}, receiver ${p.Receiver}, lanes ${lanes_label(p.Lanes)}, BER ${ber_label(p.BER)}, error count ${p.ErrCnt}.`,
         });
       } else {
         setAnswer({ ok: false, text: `The service refused the test: ${reply.ErrMsg || 'no reason given'}` });
@@ -119,7 +165,10 @@ export function NewTestView({ devices, error, chosen }: Props) {
               checked={form.allLanes}
               onChange={(e) => update({ allLanes: (e.target as HTMLInputElement).checked })}
             />
-            All lanes{data.Lanes?.length ? ` (${lanes_label(data.Lanes)})` : ''}
+            All lanes
+            {data.Lanes?.length
+              ? ` (${lanes_label(data.Lanes)}${device?.PCIeInfo.Width ? `, trained width ${device.PCIeInfo.Width}` : ''})`
+              : ''}
           </label>
           <div class={form.allLanes ? 'lanes disabled' : 'lanes'} data-testid="lane-choices">
             {(data.Lanes ?? []).map((lane) => (
@@ -162,6 +211,13 @@ export function NewTestView({ devices, error, chosen }: Props) {
           />
           <span class="muted"> {min} to {max}</span>
           <FieldError id="error-errCnt" text={errors.errCnt} />
+        </div>
+
+        <span class="label">Duration</span>
+        <div class={updating ? 'estimate updating' : 'estimate'} data-testid="estimate" aria-live="polite">
+          {estimate === null && <span class="muted">{updating ? 'Estimating…' : form.sbdf ? 'Complete the choices to see how long the test takes.' : ''}</span>}
+          {estimate?.ok === true && estimate_text(estimate.value)}
+          {estimate?.ok === false && <span class="muted">No estimate: {estimate.text}</span>}
         </div>
 
         <span />

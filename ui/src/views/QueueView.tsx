@@ -1,12 +1,9 @@
-import { duration_label } from '../format';
+import { useEffect, useRef, useState } from 'preact/hooks';
+import { cancel_test } from '../api';
+import { progress_text, type FinishedTest } from '../progress';
+import { result_hash } from '../route';
 import type { Progress, QueuedTest } from '../types';
 import { EmptyRow } from './common';
-
-export interface FinishedTest {
-  test: QueuedTest;
-  /** Local time at which it left the queue. */
-  at: string;
-}
 
 interface Props {
   /** null until the service has pushed the queue once. */
@@ -15,26 +12,100 @@ interface Props {
   note: string | null;
 }
 
-function ProgressCell({ status, progress }: { status: string; progress: Progress | null }) {
-  if (status !== 'Running') return <div class="progress-cell muted">waiting for a free slot</div>;
+const COLUMNS = 9;
+
+function ProgressCell({ test }: { test: QueuedTest }) {
+  if (test.Status !== 'Running') {
+    return (
+      <div class="progress-cell muted" data-testid="waiting">
+        {test.WaitingFor !== null ? `waits for test ${test.WaitingFor}` : 'waiting for a free slot'}
+      </div>
+    );
+  }
+  const progress: Progress | null = test.Progress;
   if (!progress) return <div class="progress-cell muted">running, no progress reported</div>;
-  const remaining =
-    progress.RemainingSeconds === null ? 'estimating' : `~${duration_label(progress.RemainingSeconds)} left`;
+  const text = progress_text(progress);
   return (
     <div class="progress-cell" data-testid="progress">
       <div class="bar" role="progressbar" aria-valuemin={0} aria-valuemax={100} aria-valuenow={Math.round(progress.Percent)}>
         <div class="fill" style={{ width: `${progress.Percent}%` }} />
         <span class="bar-text">{Math.round(progress.Percent)}%</span>
       </div>
-      <span class="progress-text">
-        {progress.Direction || '—'} · lanes {progress.LanesDone}/{progress.LanesTotal} · {duration_label(progress.ElapsedSeconds)} ·{' '}
-        {remaining}
+      <span class="progress-text" title={text}>
+        {text}
       </span>
     </div>
   );
 }
 
+function status_class(status: string): string {
+  return `status ${status.toLowerCase()}`;
+}
+
+/** Asks before stopping a running test: what it measured so far is kept, but the run can't go on. */
+function ConfirmCancel({ test, onAnswer }: { test: QueuedTest; onAnswer: (yes: boolean) => void }) {
+  const dialog = useRef<HTMLDialogElement>(null);
+  useEffect(() => {
+    const d = dialog.current;
+    if (d && !d.open) d.showModal();
+  }, []);
+  return (
+    <dialog
+      ref={dialog}
+      class="confirm"
+      data-testid="confirm-cancel"
+      aria-labelledby="confirm-cancel-title"
+      onCancel={(e) => {
+        // Escape: the same as "Keep it running".
+        e.preventDefault();
+        onAnswer(false);
+      }}
+    >
+      <h2 id="confirm-cancel-title">Cancel test {test.TestID}?</h2>
+      <p>
+        The running {test.Operation} of {test.SBDF} stops at its next safe point, with its lanes back at their normal
+        settings. What it has measured so far is kept in its result, marked "Cancelled".
+      </p>
+      <div class="dialog-actions">
+        <button type="button" autofocus onClick={() => onAnswer(false)}>
+          Keep it running
+        </button>
+        <button type="button" class="danger" onClick={() => onAnswer(true)}>
+          Cancel test {test.TestID}
+        </button>
+      </div>
+    </dialog>
+  );
+}
+
 export function QueueView({ queue, finished, note }: Props) {
+  // Tests a cancel was sent for, until the push says so or they leave.
+  const [asked, setAsked] = useState<Set<number>>(new Set());
+  const [confirming, setConfirming] = useState<QueuedTest | null>(null);
+  const [cancelError, setCancelError] = useState<string | null>(null);
+
+  const send_cancel = async (id: number) => {
+    setCancelError(null);
+    setAsked((old) => new Set(old).add(id));
+    try {
+      await cancel_test(id);
+    } catch (e) {
+      setCancelError(`Test ${id} was not cancelled: ${(e as Error).message}`);
+      setAsked((old) => {
+        const next = new Set(old);
+        next.delete(id);
+        return next;
+      });
+    }
+  };
+
+  const cancel = (t: QueuedTest) => {
+    if (t.TestID === null) return;
+    // A queued test has measured nothing, so it goes without asking.
+    if (t.Status === 'Running') setConfirming(t);
+    else void send_cancel(t.TestID);
+  };
+
   return (
     <div class="screen">
       <div class="toolbar">
@@ -53,28 +124,48 @@ export function QueueView({ queue, finished, note }: Props) {
               <th>BER</th>
               <th>Status</th>
               <th class="progress-col">Progress</th>
+              <th />
             </tr>
           </thead>
           <tbody>
-            {(queue ?? []).map((t) => (
-              <tr key={t.TestID ?? `${t.Operation}-${t.SBDF}`} data-status={t.Status}>
-                <td class="num">{t.TestID ?? ''}</td>
-                <td>{t.Operation}</td>
-                <td title={t.SBDF}>{t.SBDF}</td>
-                <td class="num">{t.Receiver}</td>
-                <td title={t.Lanes}>{t.Lanes}</td>
-                <td>{t.BER}</td>
-                <td>
-                  <span class={`status ${t.Status.toLowerCase()}`}>{t.Status}</span>
-                </td>
-                <td class="progress-col">
-                  <ProgressCell status={t.Status} progress={t.Progress} />
-                </td>
-              </tr>
-            ))}
+            {(queue ?? []).map((t) => {
+              const cancelling = t.Cancelling || (t.TestID !== null && asked.has(t.TestID));
+              return (
+                <tr key={t.TestID ?? `${t.Operation}-${t.SBDF}`} data-status={t.Status} data-cancelling={cancelling ? 'true' : undefined}>
+                  <td class="num">{t.TestID ?? ''}</td>
+                  <td>{t.Operation}</td>
+                  <td title={t.SBDF}>{t.SBDF}</td>
+                  <td class="num">{t.Receiver}</td>
+                  <td title={t.Lanes}>{t.Lanes}</td>
+                  <td>{t.BER}</td>
+                  <td>
+                    {cancelling ? (
+                      <span class="status cancelling">Cancelling…</span>
+                    ) : (
+                      <span class={status_class(t.Status)}>{t.Status}</span>
+                    )}
+                  </td>
+                  <td class="progress-col">
+                    <ProgressCell test={t} />
+                  </td>
+                  <td class="action">
+                    <button
+                      type="button"
+                      class="small"
+                      data-testid="cancel"
+                      disabled={t.TestID === null || cancelling}
+                      title={t.Status === 'Running' ? 'Stop this test (asks first)' : 'Take this test off the queue'}
+                      onClick={() => cancel(t)}
+                    >
+                      Cancel
+                    </button>
+                  </td>
+                </tr>
+              );
+            })}
             {(queue === null || queue.length === 0) && (
               <EmptyRow
-                columns={8}
+                columns={COLUMNS}
                 text={
                   queue === null
                     ? 'No test is queued or running. (The service reports the queue while it holds tests.)'
@@ -85,13 +176,34 @@ export function QueueView({ queue, finished, note }: Props) {
           </tbody>
         </table>
       </div>
+      <div class="message-line" data-testid="cancel-error" role={cancelError ? 'alert' : undefined}>
+        {cancelError && <span class="error">{cancelError}</span>}
+      </div>
+      {confirming && (
+        <ConfirmCancel
+          test={confirming}
+          onAnswer={(yes) => {
+            const id = confirming.TestID;
+            setConfirming(null);
+            if (yes && id !== null) void send_cancel(id);
+          }}
+        />
+      )}
       <h2>Recently finished</h2>
       <ul class="finished" data-testid="finished">
         {finished.length === 0 && <li class="muted">None since this page was opened.</li>}
         {finished.map((f) => (
-          <li key={`${f.test.TestID}-${f.at}`}>
-            {f.at}: test {f.test.TestID} ({f.test.Operation} of {f.test.SBDF}) left the queue.{' '}
-            <a href="#results">See results</a>
+          <li key={`${f.TestID}-${f.at}`} data-testid="finished-item" data-test={f.TestID ?? ''} data-status={f.Status}>
+            <span class="muted">{f.at}</span> test {f.TestID ?? '?'}: {f.Operation}
+            {f.SBDF ? ` of ${f.SBDF}` : ''} <span class={status_class(f.Status)}>{f.Status}</span>
+            {f.FailureReason && <span class="reason"> {f.FailureReason}</span>}{' '}
+            {f.ResultId ? (
+              <a href={result_hash(f.ResultId)} data-testid="open-result">
+                Open result
+              </a>
+            ) : (
+              <span class="muted">no result stored</span>
+            )}
           </li>
         ))}
       </ul>
