@@ -1,6 +1,7 @@
 // Browser test of the front end against lanewright-sim: the device list, a
-// record the service refuses, a PCIe margin queued from the form and watched
-// through the queue to its result chart, and the CSV export.
+// record the service refuses, two PCIe margins of one device queued from the
+// form (the second waits for the first, the first is cancelled), the second
+// watched through the queue to its result chart, and the CSV export.
 //
 // node margin_flow.mjs --sim <lanewright-sim> --artifacts <folder>
 //
@@ -177,28 +178,39 @@ async function check_form_errors_and_refusal(browser, service, artifacts) {
   await context.close();
 }
 
+/** What the queue screen shows for one test, or null when it isn't listed. */
+function queue_row(page, testId) {
+  return page
+    .evaluate((id) => {
+      for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
+        if (tr.cells[0]?.textContent === String(id)) {
+          const bar = tr.querySelector('[role=progressbar]');
+          return {
+            status: tr.dataset.status,
+            cancelling: tr.dataset.cancelling === 'true',
+            percent: bar ? Number(bar.getAttribute('aria-valuenow')) : null,
+            text: tr.querySelector('.progress-text')?.textContent ?? null,
+            waiting: tr.querySelector('[data-testid=waiting]')?.textContent ?? null,
+          };
+        }
+      }
+      return null;
+    }, testId)
+    .catch(() => null);
+}
+
 /** Statuses and progress of one test as the queue screen shows them over time. */
 function watch_queue_row(page, testId) {
-  const seen = { statuses: [], percents: new Set(), directions: new Set(), stop: false };
+  const seen = { statuses: [], percents: new Set(), shown: [], stop: false };
   const loop = (async () => {
     while (!seen.stop) {
-      const row = await page.evaluate((id) => {
-        for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
-          if (tr.cells[0]?.textContent === String(id)) {
-            const bar = tr.querySelector('[role=progressbar]');
-            return {
-              status: tr.dataset.status,
-              percent: bar ? bar.getAttribute('aria-valuenow') : null,
-              text: tr.querySelector('.progress-text')?.textContent ?? null,
-            };
-          }
-        }
-        return null;
-      }, testId).catch(() => null);
+      const row = await queue_row(page, testId);
       if (row) {
         if (seen.statuses[seen.statuses.length - 1] !== row.status) seen.statuses.push(row.status);
-        if (row.percent !== null) seen.percents.add(Number(row.percent));
-        if (row.text) seen.directions.add(row.text.split(' · ')[0]);
+        if (row.percent !== null) {
+          seen.percents.add(row.percent);
+          seen.shown.push({ percent: row.percent, text: row.text });
+        }
       }
       await sleep(50);
     }
@@ -210,19 +222,88 @@ function watch_queue_row(page, testId) {
   return seen;
 }
 
+/**
+ * The bar and the line beside it agree: the lane count never reads "lanes 0/"
+ * beside a moving bar, and the rounded percentage lies within the span the
+ * walked sides allow.
+ */
+function check_progress_agrees({ percent, text }) {
+  assert.doesNotMatch(text, /lanes 0\//, `progress line: ${text}`);
+  const sides = /sides (\d+)\/(\d+)/.exec(text);
+  assert.ok(sides, `the progress line counts sides: ${text}`);
+  const [done, total] = [Number(sides[1]), Number(sides[2])];
+  assert.ok(
+    percent >= Math.floor((100 * done) / total) && percent <= Math.ceil((100 * Math.min(done + 1, total)) / total),
+    `${percent}% beside ${text}`,
+  );
+}
+
+/** The kernel's spelling of an address the service writes as "0:3:0.0". */
+function long_address(sbdf) {
+  const [segment, bus, rest] = sbdf.split(':');
+  const [device, fn] = rest.split('.');
+  const hex = (text, width) => parseInt(text, 16).toString(16).padStart(width, '0');
+  return `${hex(segment, 4)}:${hex(bus, 2)}:${hex(device, 2)}.${fn}`;
+}
+
+/**
+ * Queues a PCIe margin from the form (lanes null: all lanes) and returns the
+ * TestID the service gave; the estimated duration must be on the form first.
+ */
 async function queue_from_form(page, sbdf, lanes, ber) {
   await page.goto(`${page.url().split('#')[0]}#new`);
   await page.selectOption('#nt-device', sbdf);
-  await page.uncheck('#nt-all-lanes');
-  for (const lane of lanes) {
-    await page.check(`[data-testid=lane-choices] label:has-text("${lane}") input`);
+  if (lanes) {
+    await page.uncheck('#nt-all-lanes');
+    for (const lane of lanes) {
+      await page.check(`[data-testid=lane-choices] label:text-is("${lane}") input`);
+    }
   }
   await page.selectOption('#nt-ber', ber);
+  await page.waitForSelector('[data-testid=estimate]:not(.updating):has-text("on hardware")', { timeout: WAIT_MS });
+  const estimate = await page.textContent('[data-testid=estimate]');
+  assert.match(estimate, /^about \d+ (s|min|h|d)\b.* on hardware/, estimate);
+  console.log(`# estimate for ${sbdf} lanes ${lanes ?? 'all'} BER 1e-${ber}: ${estimate}`);
   await page.click('button[type=submit]');
   const answer = await page.waitForSelector('[data-testid=queue-answer] .success, [data-testid=queue-answer] .error', {
     timeout: WAIT_MS,
   });
-  return answer.textContent();
+  const text = await answer.textContent();
+  const id = /^Queued as test (\d+): PCIe margin of /.exec(text);
+  assert.ok(id, text);
+  return Number(id[1]);
+}
+
+/** Cells of the device table by column name, for the row of one function. */
+async function device_cells(page, sbdf) {
+  return page.evaluate((address) => {
+    const heads = [...document.querySelectorAll('[data-testid=device-table] thead th')].map((th) => th.textContent);
+    const row = document.querySelector(`[data-testid=device-table] tbody tr[data-sbdf="${address}"]`);
+    if (!row) return null;
+    const cells = Object.fromEntries(heads.map((h, i) => [h, row.cells[i]?.textContent ?? '']));
+    cells.downtrained = row.querySelector('[data-testid=downtrained]') !== null;
+    return cells;
+  }, sbdf);
+}
+
+async function check_devices(page, devices) {
+  assert.ok(devices.some((d) => typeof d.PCIeInfo.LTSSM === 'string'), 'the service names link states');
+  for (const d of devices) {
+    const info = d.PCIeInfo;
+    const cells = await device_cells(page, info.SBDF);
+    assert.ok(cells, `row of ${info.SBDF}`);
+    assert.notEqual(cells.Vendor, '', `${info.SBDF} is named`);
+    assert.equal(cells['Link state'], info.LTSSM ?? '', info.SBDF);
+    const capability = [info.MaxSpeed, info.MaxWidth].filter(Boolean).join(' ');
+    assert.ok(cells.Capability.startsWith(capability), `${info.SBDF}: ${cells.Capability}`);
+    assert.equal(cells.downtrained, info.Downtrained === true, `${info.SBDF} downtrained mark`);
+    if (d.PCIeMarginSupported) {
+      assert.equal(cells.Margining, 'Supported', info.SBDF);
+    } else {
+      assert.ok(d.PCIeMarginUnsupportedReason, `${info.SBDF}: the service says why it can't be margined`);
+      assert.equal(cells.Margining, `No: ${d.PCIeMarginUnsupportedReason}`, info.SBDF);
+    }
+  }
 }
 
 async function check_margin_flow(browser, service, artifacts) {
@@ -235,64 +316,71 @@ async function check_margin_flow(browser, service, artifacts) {
   await shot(page, artifacts, 'devices');
 
   const devices = await (await fetch(`${service.base}/api/1.0/GetPCIEDeviceListForMargin`)).json();
+  await check_devices(page, devices);
   const target = devices.find((d) => d.PCIeMarginSupported && (d.PCIeMarginData?.Lanes ?? []).length >= 4);
   assert.ok(target, 'the simulated machine offers a margin-capable device');
   const sbdf = target.PCIeInfo.SBDF;
   const lanes = target.PCIeMarginData.Lanes.slice(0, 4);
-  const ber = target.PCIeMarginData.BER.includes('12') ? '12' : target.PCIeMarginData.BER[0];
+  const bers = target.PCIeMarginData.BER;
+  const ber = bers.includes('12') ? '12' : bers[0];
+  const finest = [...bers].sort((a, b) => Number(b) - Number(a))[0];
 
-  // The filter narrows the table to that device.
-  await page.fill('.filter', sbdf);
-  await wait_until('the filter to apply', async () =>
-    (await page.$$eval('[data-testid=device-table] tbody tr', (rows) => rows.map((r) => r.cells[0].textContent))).every(
-      (cell) => cell.includes(sbdf),
-    ),
-  );
+  // The filter finds the device by either spelling of its address, and only it.
+  for (const spelling of [sbdf, long_address(sbdf)]) {
+    await page.fill('.filter', spelling);
+    await wait_until(`the filter "${spelling}" to apply`, async () => {
+      const shown = await page.$$eval('[data-testid=device-table] tbody tr', (rows) => rows.map((r) => r.dataset.sbdf));
+      return shown.length === 1 && shown[0] === sbdf;
+    });
+  }
 
-  // Two tests on one device: the second, queued once the first runs, waits for
-  // it, so it is seen queued. (Two queued before the same scheduler pass are
-  // both started in that pass.)
-  const first = await queue_from_form(page, sbdf, lanes, ber);
-  assert.match(first, /^Queued: PCIe margin of /, first);
+  // Two tests on one device: a long one, and a short one queued while the
+  // first runs, which waits for it and says so.
+  const firstId = await queue_from_form(page, sbdf, null, finest);
   await page.goto(`${service.base}/#queue`);
-  await page.waitForSelector('[data-testid=queue-table] tbody tr[data-status=Running]', { timeout: LONG_WAIT_MS });
-  const second = await queue_from_form(page, sbdf, lanes, ber);
-  assert.match(second, /^Queued: PCIe margin of /, second);
+  await wait_until('the first test to run', async () => (await queue_row(page, firstId))?.status === 'Running', LONG_WAIT_MS);
+  const secondId = await queue_from_form(page, sbdf, lanes, ber);
   await page.goto(`${service.base}/#queue`);
-  // Both are listed from the first push after the second was added.
-  const ids = await wait_until('both tests in the queue', async () => {
-    const shown = await page.$$eval('[data-testid=queue-table] tbody tr[data-status]', (rows) =>
-      rows.map((r) => Number(r.cells[0].textContent)),
-    );
-    return shown.length === 2 ? shown : null;
-  });
-  const secondId = Math.max(...ids);
+  const waiting = await wait_until('the second test to wait', async () => (await queue_row(page, secondId))?.waiting);
+  assert.equal(waiting, `waits for test ${firstId}`);
+  await shot(page, artifacts, 'queue-waiting');
+
+  // The running test is cancelled after a confirmation and ends "Cancelled".
   const watch = watch_queue_row(page, secondId);
-  await wait_until('the second test to run', () => watch.statuses.includes('Running'), LONG_WAIT_MS);
-  await wait_until('progress to show', () => watch.percents.size > 0, LONG_WAIT_MS);
-  await shot(page, artifacts, 'queue-running');
-  await wait_until(
-    'the second test to leave the queue',
-    async () => (await page.textContent('[data-testid=finished]')).includes(`test ${secondId} (`),
-    LONG_WAIT_MS,
-  );
+  await page.click(`[data-testid=queue-table] tbody tr:has(td:text-is("${firstId}")) [data-testid=cancel]`);
+  await page.waitForSelector('[data-testid=confirm-cancel][open]', { timeout: WAIT_MS });
+  await shot(page, artifacts, 'queue-confirm-cancel');
+  await page.click('[data-testid=confirm-cancel] button.danger');
+  const cancelled = await page.waitForSelector(`[data-testid=finished-item][data-test="${firstId}"]`, { timeout: LONG_WAIT_MS });
+  assert.equal(await cancelled.getAttribute('data-status'), 'Cancelled');
+  assert.match(await cancelled.textContent(), /Cancelled by the user/);
+  assert.match(await cancelled.$eval('[data-testid=open-result]', (a) => a.getAttribute('href')), new RegExp(`^#/results/.+/test_${firstId}$`));
+  assert.equal(await page.textContent('[data-testid=cancel-error]'), '', 'the service accepted the cancel');
+
+  // The second then runs to its end, its progress agreeing with itself.
+  const finished = await page.waitForSelector(`[data-testid=finished-item][data-test="${secondId}"]`, { timeout: LONG_WAIT_MS });
   await watch.done();
   assert.deepEqual(watch.statuses, ['Queued', 'Running'], `statuses seen: ${watch.statuses}`);
   assert.ok(watch.percents.size >= 2, `progress moved: ${[...watch.percents]}`);
+  watch.shown.forEach(check_progress_agrees);
+  assert.equal(await finished.getAttribute('data-status'), 'complete', await finished.textContent());
   await shot(page, artifacts, 'queue-finished');
 
+  // "Open result" leads to the results screen with that result's address.
+  const href = await finished.$eval('[data-testid=open-result]', (a) => a.getAttribute('href'));
+  await finished.$eval('[data-testid=open-result]', (a) => a.click());
+  await wait_until('the results screen', async () => (await page.evaluate(() => location.hash)) === href);
+  await page.waitForSelector('[data-testid=results-table]', { state: 'visible', timeout: WAIT_MS });
+
   // The archive shows the finished test with its chart.
-  await page.goto(`${service.base}/#results`);
   const row = await page.waitForSelector(`[data-testid=results-table] tbody tr:has(td:text-is("${secondId}"))`, {
     timeout: LONG_WAIT_MS,
   });
   await row.click();
   await page.waitForSelector('[data-testid=timing-chart] canvas', { timeout: WAIT_MS });
   await page.waitForSelector('[data-testid=voltage-chart] canvas', { timeout: WAIT_MS });
-  const status = await row.$eval('td:nth-child(4)', (td) => td.textContent);
-  assert.equal(status, 'complete', await row.textContent());
-  const worst = await page.textContent('[data-testid=timing-chart] .worst-note');
-  assert.match(worst, /^worst lane \d+: left [\d.]+, right [\d.]+ UI$/);
+  assert.ok((await row.$$eval('td', (tds) => tds.map((td) => td.textContent))).includes('complete'), await row.textContent());
+  assert.match(await page.textContent('[data-testid=timing-chart] .worst-note'), /^worst lane \d+: /);
   await shot(page, artifacts, 'results');
   await page.click('text=Show raw error maps');
   await page.waitForSelector('[data-testid=error-maps] table.map tbody tr td.num', { timeout: WAIT_MS });
@@ -334,7 +422,7 @@ async function main() {
     await check_form_errors_and_refusal(browser, service, artifacts);
     console.log('ok - form errors and a refused record');
     await check_margin_flow(browser, service, artifacts);
-    console.log('ok - PCIe margin from the form to the chart and the CSV');
+    console.log('ok - devices, two margins of one device, a cancel, the chart and the CSV');
   } finally {
     await browser?.close();
     await service.stop();

@@ -23,10 +23,10 @@ describe('progress_text', () => {
     LanesDone: 0, LanesTotal: 16, Direction: 'Timing Right', ElapsedSeconds: 250, RemainingSeconds: 250, Percent: 50, SidesDone: 4, SidesTotal: 8,
   };
   it.each([
-    ['half the sides walked, no lane finished yet', base, 'Timing Right · sides 4/8 · 16 lanes · 4m 10s elapsed · ~4m 10s left'],
-    ['a batch finished', { ...base, LanesDone: 8 }, 'Timing Right · sides 4/8 · lanes 8/16 finished · 4m 10s elapsed · ~4m 10s left'],
+    ['half the sides walked, no lane finished yet', base, 'Timing Right · sides 4/8 · 16 lanes · ~4m 10s left · 4m 10s elapsed'],
+    ['a batch finished', { ...base, LanesDone: 8 }, 'Timing Right · sides 4/8 · lanes 8/16 finished · ~4m 10s left · 4m 10s elapsed'],
     ['no side counts, one lane, no estimate yet', { ...base, LanesTotal: 1, SidesDone: null, SidesTotal: null, RemainingSeconds: null, Direction: '' },
-      '— · 1 lane · 4m 10s elapsed · estimating'],
+      '— · 1 lane · estimating · 4m 10s elapsed'],
   ])('%s', (_name, progress, text) => {
     expect(progress_text(progress)).toBe(text);
     expect(text).not.toMatch(/lanes 0\//);

@@ -13,8 +13,9 @@ export function progress_text(p: Progress): string {
   const parts = [p.Direction || '—'];
   if (p.SidesTotal !== null && p.SidesDone !== null) parts.push(`sides ${p.SidesDone}/${p.SidesTotal}`);
   parts.push(p.LanesDone > 0 ? `lanes ${p.LanesDone}/${p.LanesTotal} finished` : `${p.LanesTotal} ${p.LanesTotal === 1 ? 'lane' : 'lanes'}`);
-  parts.push(`${duration_label(p.ElapsedSeconds)} elapsed`);
+  // The time left before the time spent: a narrow cell cuts the end off.
   parts.push(p.RemainingSeconds === null ? 'estimating' : `~${duration_label(p.RemainingSeconds)} left`);
+  parts.push(`${duration_label(p.ElapsedSeconds)} elapsed`);
   return parts.join(' · ');
 }
 

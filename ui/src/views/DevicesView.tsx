@@ -86,7 +86,7 @@ export function DevicesView({ devices, error, onReload, onNewTest }: Props) {
         <input
           type="search"
           class="filter"
-          placeholder="Filter: 0:3:0.0 or 0000:03:00.0, vendor, speed, port…"
+          placeholder="Filter: 0000:03:00.0, vendor, speed, port…"
           value={filter}
           onInput={(e) => setFilter((e.target as HTMLInputElement).value)}
           aria-label="Filter devices"

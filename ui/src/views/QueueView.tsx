@@ -122,7 +122,7 @@ export function QueueView({ queue, finished, note }: Props) {
               <th class="num">Receiver</th>
               <th>Lanes</th>
               <th>BER</th>
-              <th>Status</th>
+              <th class="status-col">Status</th>
               <th class="progress-col">Progress</th>
               <th />
             </tr>
@@ -138,7 +138,7 @@ export function QueueView({ queue, finished, note }: Props) {
                   <td class="num">{t.Receiver}</td>
                   <td title={t.Lanes}>{t.Lanes}</td>
                   <td>{t.BER}</td>
-                  <td>
+                  <td class="status-col">
                     {cancelling ? (
                       <span class="status cancelling">Cancelling…</span>
                     ) : (
