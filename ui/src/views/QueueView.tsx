@@ -84,6 +84,12 @@ export function QueueView({ queue, finished, note }: Props) {
   const [confirming, setConfirming] = useState<QueuedTest | null>(null);
   const [cancelError, setCancelError] = useState<string | null>(null);
 
+  // A test that ends while its confirmation is open needs no answer; its end
+  // is listed under "Recently finished".
+  useEffect(() => {
+    if (confirming && !(queue ?? []).some((t) => t.TestID === confirming.TestID && t.Status === 'Running')) setConfirming(null);
+  }, [queue, confirming]);
+
   const send_cancel = async (id: number) => {
     setCancelError(null);
     setAsked((old) => new Set(old).add(id));
