@@ -16,9 +16,11 @@ interface Row {
   cells: string[];
 }
 
-const COLUMNS = ['SBDF', 'Vendor', 'Type', 'Link state', 'Speed', 'Width', 'Capability', 'Margining', 'Die', 'Core', 'Port', 'SERDES'];
+const COLUMNS = ['SBDF', 'Vendor', 'Type', 'Link state', 'Trained', 'Capability', 'Margining', 'Die', 'Core', 'Port', 'SERDES'];
 const CAPABILITY = COLUMNS.indexOf('Capability');
 const MARGINING = COLUMNS.indexOf('Margining');
+// The die's long name is cut short (the cell's title has all of it), so the row's button stays in view.
+const DIE = COLUMNS.indexOf('Die');
 
 /** "No" with the service's reason, so a greyed-out row says why. */
 function margining_text(device: PCIeDevice): string {
@@ -37,8 +39,7 @@ function row_of(device: PCIeDevice): Row {
       text_of(info.VendorName),
       text_of(info.DeviceType),
       text_of(info.LTSSM),
-      text_of(info.Speed),
-      text_of(info.Width),
+      [text_of(info.Speed), text_of(info.Width)].filter(Boolean).join(' '),
       // The link capability; the mark is part of the text so the filter finds it.
       [text_of(info.MaxSpeed), text_of(info.MaxWidth), info.Downtrained ? 'downtrained' : ''].filter(Boolean).join(' '),
       margining_text(device),
@@ -64,7 +65,7 @@ function Cell({ row, index }: { row: Row; index: number }) {
     );
   }
   return (
-    <td class={index === MARGINING && row.device.PCIeMarginSupported ? 'ok' : ''} title={cell}>
+    <td class={`${index === MARGINING && row.device.PCIeMarginSupported ? 'ok' : ''}${index === DIE ? ' clip' : ''}`} title={cell}>
       {cell}
     </td>
   );
