@@ -10,6 +10,7 @@ import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { QueueView, type FinishedTest } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
+import { ended_tests_in } from './results';
 
 const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
 
@@ -58,6 +59,8 @@ export function App() {
     const live = new LiveSocket(
       socket_url(location),
       (text) => {
+        // Ended tests are archived: the results screen reloads.
+        if (ended_tests_in(text) > 0) setResultsGeneration((g) => g + 1);
         const push = parse_push(text);
         if (push.kind === 'tests') {
           const now = push.tests;
