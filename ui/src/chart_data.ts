@@ -138,3 +138,14 @@ export function step_size(lane: LaneMargin, timing: boolean): number | null {
   if (max === null || steps === null || steps <= 0) return null;
   return timing ? max / (steps * 100) : (max * 1000) / (steps * 100);
 }
+
+/**
+ * Step sizes of every lane of a test. The margining capabilities belong to
+ * the receiver and the report may carry them on one lane only, so a lane
+ * without them takes those of the first lane that has them.
+ */
+export function step_sizes(lanes: LaneMargin[], timing: boolean): (number | null)[] {
+  const own = lanes.map((l) => step_size(l, timing));
+  const shared = own.find((s) => s !== null) ?? null;
+  return own.map((s) => s ?? shared);
+}

@@ -12,10 +12,12 @@ const steps = (no: number, left: number, right: number, top: number, bottom: num
   VoltTopMargin: (top * 20) / 6400,
   VoltBotomMargin: (bottom * 20) / 6400,
 });
+// As the service writes it: the receiver's capabilities on the first lane only.
+const bare = (lane: object) => Object.fromEntries(Object.entries(lane).filter(([k]) => !(k in caps)));
 const doc = (lanes: object[], grades: [number, string][]): ResultDocument => ({
   Operation: 'PCIe Margin',
   PCIeInfo: { SBDF: '0:3:0.0', Speed: '16 GT/s' },
-  TestOutput: { Status: 'complete', FullMarginData: lanes as never },
+  TestOutput: { Status: 'complete', FullMarginData: lanes.map((l, i) => (i === 0 ? l : bare(l))) as never },
   Grades: { Lanes: grades.map(([Lane, Grade]) => ({ Lane, Grade: Grade as never })) },
 });
 
@@ -53,12 +55,20 @@ describe('compare_results', () => {
   });
 
   it('does not count a change smaller than the coarser run\'s step', () => {
-    const fine = { ...steps(0, 20, 18, 17, 17), PhaseLeftMargin: (20 * 50) / 3200 - 0.001 };
+    // Lane 1 carries no capabilities of its own: the first lane's step applies.
+    const fine = { ...steps(1, 20, 18, 17, 17), PhaseLeftMargin: (20 * 50) / 3200 - 0.001 };
     const c = compare_results([
-      { label: 'a', doc: doc([steps(0, 20, 18, 17, 17)], []) },
-      { label: 'b', doc: doc([fine], []) },
+      { label: 'a', doc: doc([steps(0, 20, 18, 17, 17), steps(1, 20, 18, 17, 17)], []) },
+      { label: 'b', doc: doc([steps(0, 20, 18, 17, 17), fine], []) },
     ]);
-    expect(c.runs[1].widthDiffers).toEqual([false]);
+    expect(c.runs[1].widthDiffers).toEqual([false, false]);
+    // Without capabilities any change counts, and equal figures never do.
+    const unknown = compare_results([
+      { label: 'a', doc: doc([bare(steps(1, 20, 18, 17, 17))], []) },
+      { label: 'b', doc: doc([bare(fine)], []) },
+    ]);
+    expect(unknown.runs[1].widthDiffers).toEqual([true]);
+    expect(unknown.runs[1].heightDiffers).toEqual([false]);
   });
 });
 

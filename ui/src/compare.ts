@@ -2,9 +2,9 @@
 // difference is worth an engineer's eye when it is at least one offset step
 // of the receiver (anything smaller is the step's rounding), or when a lane's
 // grade changed; both are measured against the first (oldest) result.
-import { lane_grades, lane_objects, margin_chart_data, step_size } from './chart_data';
+import { lane_grades, lane_objects, margin_chart_data, step_sizes } from './chart_data';
 import { grade_name, ui_ps_of_speed } from './results';
-import type { GradeName, LaneMargin, ResultDocument } from './types';
+import type { GradeName, ResultDocument } from './types';
 
 export interface CompareInput {
   label: string;
@@ -54,7 +54,7 @@ const EPSILON = 1e-6;
 
 function differs(a: number | null, b: number | null, step: number | null): boolean {
   if (a === null || b === null) return a !== b;
-  return Math.abs(a - b) + EPSILON >= (step ?? EPSILON);
+  return step === null ? Math.abs(a - b) > EPSILON : Math.abs(a - b) + EPSILON >= step;
 }
 
 export function compare_results(inputs: CompareInput[]): Comparison {
@@ -64,13 +64,8 @@ export function compare_results(inputs: CompareInput[]): Comparison {
     const data = margin_chart_data(full, uiPs);
     const ps = (ui: number | null) => (ui === null || uiPs === null ? null : ui * uiPs);
     const byLane = new Map<number, number>(data.lanes.map((lane, i) => [lane, i]));
-    const timingStep = new Map<number, number | null>();
-    const voltStep = new Map<number, number | null>();
-    full.forEach((l: LaneMargin, i) => {
-      const t = step_size(l, true);
-      timingStep.set(data.lanes[i], t === null || uiPs === null ? null : t * uiPs);
-      voltStep.set(data.lanes[i], step_size(l, false));
-    });
+    const timingStep = new Map<number, number | null>(step_sizes(full, true).map((t, i) => [data.lanes[i], ps(t)]));
+    const voltStep = new Map<number, number | null>(step_sizes(full, false).map((v, i) => [data.lanes[i], v]));
     const grades = lane_grades(data.lanes, doc.Grades?.Lanes).map((g) => grade_name(g));
     return { label, data, ps, byLane, timingStep, voltStep, grades };
   });

@@ -135,13 +135,20 @@ export function LaneBars(props: LaneBarsProps) {
             // The zero line: where the eye's centre sits.
             line(u.valToPos(0, 'y', true), '#555', []);
             ctx.lineWidth = 1.5 * px;
-            ctx.font = `${Math.round(0.75 * rem * px)}px system-ui, sans-serif`;
+            const fontPx = Math.round(0.75 * rem * px);
+            ctx.font = `${fontPx}px system-ui, sans-serif`;
             ctx.textAlign = 'right';
+            const right = u.bbox.left + u.bbox.width - 4 * px;
             for (const l of lines) {
               const y = u.valToPos(l.value, 'y', true);
               line(y, l.color, l.dashed ? [6 * px, 4 * px] : []);
+              // Recommended above its line, minimum below, so close levels don't overlap.
+              const base = l.dashed ? y - 3 * px : y + fontPx + 2 * px;
+              const w = ctx.measureText(l.label).width;
+              ctx.fillStyle = 'rgba(255,255,255,0.8)';
+              ctx.fillRect(right - w - 2 * px, base - fontPx, w + 4 * px, fontPx + 3 * px);
               ctx.fillStyle = l.color;
-              ctx.fillText(l.label, u.bbox.left + u.bbox.width - 4 * px, y - 3 * px);
+              ctx.fillText(l.label, right, base);
             }
             ctx.restore();
           },
@@ -204,7 +211,7 @@ export function MarginChart({ data, thresholds }: Props) {
   const wt = data.worstTiming;
   const wv = data.worstVoltage;
   return (
-    <div class="charts">
+    <div class="charts pairs">
       <LaneBars
         title="Timing margin"
         unit="UI"

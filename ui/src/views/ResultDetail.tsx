@@ -3,7 +3,7 @@
 // "Run again", which queues the same record anew.
 import { useEffect, useMemo, useState } from 'preact/hooks';
 import { get_result, queue_record } from '../api';
-import { ERROR_MAPS, error_map, lane_grades, lane_objects, margin_chart_data, step_size, type MarginChartData } from '../chart_data';
+import { ERROR_MAPS, error_map, lane_grades, lane_objects, margin_chart_data, step_sizes, type MarginChartData } from '../chart_data';
 import { ui_ps_of_doc } from '../compare';
 import { figure, text_of } from '../format';
 import { dwell_label, grade_detail, grade_name, mv_label, run_again_record, stamp_label, timing_label } from '../results';
@@ -22,7 +22,9 @@ export function GradeBadge({ grade }: { grade: Grade | null | undefined }) {
 
 function ErrorMaps({ lanes, first, uiPs }: { lanes: LaneMargin[]; first: number; uiPs: number | null }) {
   const [lane, setLane] = useState(first);
-  const chosen = lanes[Math.min(lane, lanes.length - 1)];
+  const at_lane = Math.min(lane, lanes.length - 1);
+  const chosen = lanes[at_lane];
+  const steps = useMemo(() => ({ timing: step_sizes(lanes, true), voltage: step_sizes(lanes, false) }), [lanes]);
   if (!chosen) return null;
   return (
     <div class="error-maps" data-testid="error-maps">
@@ -39,7 +41,7 @@ function ErrorMaps({ lanes, first, uiPs }: { lanes: LaneMargin[]; first: number;
       <div class="maps">
         {ERROR_MAPS.map((map) => {
           const entries = error_map(chosen, map.key);
-          const step = step_size(chosen, map.timing);
+          const step = (map.timing ? steps.timing : steps.voltage)[at_lane];
           const at = (offset: number) =>
             step === null ? '–' : map.timing ? timing_label(offset * step, uiPs) : mv_label(offset * step);
           return (
