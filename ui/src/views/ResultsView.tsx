@@ -39,7 +39,8 @@ export function ResultsView({ generation, visible }: Props) {
   const [draft, setDraft] = useState<Filter>(filter);
   const [offset, setOffset] = useState(0);
   const [page, setPage] = useState<ResultsPage | null>(null);
-  const [oldest, setOldest] = useState<string | null>(null);
+  // Oldest and newest finish within the shown range.
+  const [ends, setEnds] = useState<{ oldest: string | null; newest: string | null }>({ oldest: null, newest: null });
   const [error, setError] = useState<string | null>(null);
   const [loading, setLoading] = useState(false);
   // The opened result; until the operator opens one, the newest is shown.
@@ -47,6 +48,7 @@ export function ResultsView({ generation, visible }: Props) {
   const picked = useRef(false);
   const [checked, setChecked] = useState<Map<string, ResultSummary>>(new Map());
   const [comparing, setComparing] = useState<ResultSummary[] | null>(null);
+  // Newest finish in the whole archive, as of the last load.
   const newest = useRef<string | null>(null);
   const request = useRef(0);
 
@@ -55,25 +57,29 @@ export function ResultsView({ generation, visible }: Props) {
     setLoading(true);
     setError(null);
     const query = { sbdf: f.sbdf.trim(), from: f.from, to: f.to };
+    const filtered = Boolean(query.sbdf || query.from || query.to);
+    const one = (q: object, offset: number) =>
+      get_results_summary({ ...q, offset, limit: 1 }).then((p) => p.Results[0]?.Stamp ?? null);
     get_results_summary({ ...query, offset: at, limit: PAGE })
       .then(async (p) => {
-        // The export's open start is the oldest finish in the range.
-        let first: string | null = null;
-        if (p.Total > 0) {
-          const last = p.Offset + p.Results.length >= p.Total ? p.Results[p.Results.length - 1] : (await get_results_summary({ ...query, offset: p.Total - 1, limit: 1 })).Results[0];
-          first = last?.Stamp ?? null;
-        }
+        const onLast = p.Offset + p.Results.length >= p.Total;
+        // The ends of the range for the export, and the archive's newest for following it.
+        const [first, last, archiveNewest] = await Promise.all([
+          p.Total === 0 ? null : onLast ? (p.Results[p.Results.length - 1]?.Stamp ?? null) : one(query, p.Total - 1),
+          at === 0 ? (p.Results[0]?.Stamp ?? null) : one(query, 0),
+          filtered ? one({}, 0) : at === 0 ? (p.Results[0]?.Stamp ?? null) : one({}, 0),
+        ]);
         if (mine !== request.current) return;
         setPage(p);
-        setOldest(first);
-        if (at === 0) newest.current = p.Results[0]?.Stamp ?? null;
+        setEnds({ oldest: first, newest: last });
+        newest.current = archiveNewest;
         if (!picked.current) setOpened(p.Results[0] ?? null);
       })
       .catch((e: Error) => mine === request.current && setError(e.message))
       .finally(() => mine === request.current && setLoading(false));
   };
 
-  // New results: a range that reached the newest result keeps following it.
+  // New results: a range that reached the archive's newest result keeps following it.
   useEffect(() => {
     let f = filter;
     if (generation > 0 && f.to && newest.current && f.to >= newest.current) {
@@ -119,7 +125,7 @@ export function ResultsView({ generation, visible }: Props) {
   const devices = new Set(chosen.map((s) => s.SBDF));
   const compareProblem =
     chosen.length < 2 ? 'Check two or more complete PCIe margins to compare them.' : devices.size > 1 ? 'Compared results must be of one device.' : null;
-  const range = export_range(filter.from, filter.to, oldest, newest.current);
+  const range = export_range(filter.from, filter.to, ends.oldest, ends.newest);
   const results = page?.Results ?? [];
   const total = page?.Total ?? 0;
 
@@ -204,7 +210,7 @@ export function ResultsView({ generation, visible }: Props) {
                 <th class="num">Receiver</th>
                 <th>Lanes</th>
                 <th>BER</th>
-                <th>Link</th>
+                <th>Speed / width</th>
                 <th class="num">Left</th>
                 <th class="num">Right</th>
                 <th class="num">Top</th>
@@ -229,7 +235,7 @@ export function ResultsView({ generation, visible }: Props) {
                   >
                     <td class="num">{s.TestID ?? ''}</td>
                     <td>{c.date}</td>
-                    <td title={s.Operation}>{s.SBDF}</td>
+                    <td title={s.Operation}>{s.SBDF || s.Operation}</td>
                     <td title={s.FailureReason ?? ''}>
                       <span class={status_class(s.Status)}>{s.Status}</span>
                       {s.FailureReason && <span class="reason"> {s.FailureReason}</span>}
