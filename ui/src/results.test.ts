@@ -1,5 +1,5 @@
 import { describe, expect, it } from 'vitest';
-import { ended_tests_in, results_page_of, run_again_record, summary_cells } from './results';
+import { archive_sbdf, ended_tests_in, results_page_of, run_again_record, summary_cells } from './results';
 import type { ResultDocument } from './types';
 
 const summary = (over: object) => ({
@@ -83,4 +83,14 @@ describe('pushes of ended tests', () => {
     expect(ended_tests_in(JSON.stringify(message))).toBe(count);
   });
   it('ignores text that is not JSON', () => expect(ended_tests_in('{')).toBe(0));
+});
+
+describe('device filter', () => {
+  it.each([
+    ['0000:03:00.0', '0:3:0.0'],
+    ['0000:c0:01.0', '0:c0:1.0'],
+    ['41:00.1', '0:41:0.1'],
+    [' 0:3:0.0 ', '0:3:0.0'],
+    ['P0', 'P0'],
+  ])('%j is searched as %j', (typed, sent) => expect(archive_sbdf(typed)).toBe(sent));
 });

@@ -189,3 +189,15 @@ export function ended_tests_in(text: string): number {
     return 0;
   }
 }
+
+/**
+ * A PCI address in the archive's form "0:3:0.0" (hex, no padding), from that
+ * form or lspci's "0000:03:00.0" / "03:00.0"; other text is kept as typed.
+ */
+export function archive_sbdf(text: string): string {
+  const t = text.trim();
+  const m = /^(?:([0-9a-f]{1,4}):)?([0-9a-f]{1,2}):([0-9a-f]{1,2})\.([0-7])$/i.exec(t);
+  if (!m) return t;
+  const hex = (s: string | undefined) => parseInt(s ?? '0', 16).toString(16);
+  return `${hex(m[1])}:${hex(m[2])}:${hex(m[3])}.${m[4]}`;
+}

@@ -3,7 +3,7 @@
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { get_results_summary } from '../api';
 import { export_csv_url, export_range } from '../dates';
-import { input_of_stamp, stamp_of_input, summary_cells } from '../results';
+import { archive_sbdf, input_of_stamp, stamp_of_input, summary_cells } from '../results';
 import type { ResultSummary, ResultsPage } from '../types';
 import { CompareView } from './CompareView';
 import { GradeBadge, ResultDetail } from './ResultDetail';
@@ -56,7 +56,7 @@ export function ResultsView({ generation, visible }: Props) {
     const mine = ++request.current;
     setLoading(true);
     setError(null);
-    const query = { sbdf: f.sbdf.trim(), from: f.from, to: f.to };
+    const query = { sbdf: archive_sbdf(f.sbdf), from: f.from, to: f.to };
     const filtered = Boolean(query.sbdf || query.from || query.to);
     const one = (q: object, offset: number) =>
       get_results_summary({ ...q, offset, limit: 1 }).then((p) => p.Results[0]?.Stamp ?? null);
