@@ -11,6 +11,7 @@ import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
+import { result_id_of_hash } from './route';
 
 const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
 
@@ -22,6 +23,7 @@ function screen_from_hash(): Screen {
 
 export function App() {
   const [screen, setScreen] = useState<Screen>(screen_from_hash());
+  const [linkedResult, setLinkedResult] = useState<string | null>(result_id_of_hash(location.hash));
   const [version, setVersion] = useState<string | null>(null);
   const [versionError, setVersionError] = useState<string | null>(null);
   const [socket, setSocket] = useState<SocketState>({ kind: 'connecting' });
@@ -38,7 +40,10 @@ export function App() {
   const etaShown = useRef(new Map<number, number | null>());
 
   useEffect(() => {
-    const onHash = () => setScreen(screen_from_hash());
+    const onHash = () => {
+      setScreen(screen_from_hash());
+      setLinkedResult(result_id_of_hash(location.hash));
+    };
     window.addEventListener('hashchange', onHash);
     return () => window.removeEventListener('hashchange', onHash);
   }, []);
@@ -125,7 +130,7 @@ export function App() {
           <QueueView queue={queue} finished={finished} note={pushNote} />
         </section>
         <section hidden={screen !== 'results'}>
-          <ResultsView generation={resultsGeneration} visible={screen === 'results'} />
+          <ResultsView generation={resultsGeneration} visible={screen === 'results'} linked={linkedResult} />
         </section>
       </main>
     </div>

@@ -54,3 +54,13 @@ export function row_matches(filter: string, sbdf: string, cells: readonly string
       return texts.some((t) => t.includes(word));
     });
 }
+
+/**
+ * The archive's form "0:3:0.0" (hex, no padding) of an address in any
+ * spelling; other text is kept as typed.
+ */
+export function archive_sbdf(text: string): string {
+  const a = parse_address(text);
+  if (!a) return text.trim();
+  return `${(a.segment ?? 0).toString(16)}:${a.bus.toString(16)}:${a.device.toString(16)}.${a.fn}`;
+}

@@ -1,6 +1,8 @@
 // Requests to the service. Every failure becomes an Error whose message can
 // be shown as it stands, next to the control that caused it.
 import type { DurationEstimate, MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
+import type { JsonObject, ResultDocument, ResultsPage } from './types';
+import { results_page_of } from './results';
 
 async function request(path: string, init?: RequestInit): Promise<string> {
   let response: Response;
@@ -102,4 +104,42 @@ export async function estimate_duration(record: MarginRecord, signal?: AbortSign
     Batches: count_or_null(answer.Batches),
     Lanes: count_or_null(answer.Lanes),
   };
+}
+
+// --- Results archive: paged summaries, one result on demand, queue again ---
+
+export interface SummaryQuery {
+  offset: number;
+  limit: number;
+  sbdf?: string;
+  /** Archive stamps "YYYY_MM_DD-HH_MM_SS"; empty means open. */
+  from?: string;
+  to?: string;
+}
+
+export function results_summary_url(q: SummaryQuery): string {
+  const params = new URLSearchParams({ offset: String(q.offset), limit: String(q.limit) });
+  if (q.sbdf) params.set('sbdf', q.sbdf);
+  if (q.from) params.set('from', q.from);
+  if (q.to) params.set('to', q.to);
+  return `/api/1.0/GetResultsSummary?${params.toString().replace(/\+/g, '%20')}`;
+}
+
+export async function get_results_summary(q: SummaryQuery): Promise<ResultsPage> {
+  return results_page_of(await request_json(results_summary_url(q)));
+}
+
+export async function get_result(id: string): Promise<ResultDocument> {
+  const answer = (await request_json(`/api/1.0/GetResult?id=${encodeURIComponent(id)}`)) as JsonObject | null;
+  if (typeof answer !== 'object' || answer === null || Array.isArray(answer)) throw new Error('The result from the service is not an object.');
+  if (answer.OperationStatus === false) throw new Error(typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : 'The service has no such result.');
+  return answer as ResultDocument;
+}
+
+/** Queues a record again; the answer names the new test or the reason it was refused. */
+export async function queue_record(record: JsonObject): Promise<{ ok: true; testId: number | null } | { ok: false; reason: string }> {
+  const answer = (await request_json('/api/1.0/AddTestToQueue', post(record))) as JsonObject | null;
+  if (typeof answer?.OperationStatus !== 'boolean') throw new Error('The service gave no queue status.');
+  if (answer.OperationStatus) return { ok: true, testId: typeof answer.TestID === 'number' ? answer.TestID : null };
+  return { ok: false, reason: typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : 'no reason given' };
 }

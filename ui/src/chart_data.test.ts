@@ -1,6 +1,6 @@
 import { describe, expect, it } from 'vitest';
-import { error_map, margin_chart_data, mirrored } from './chart_data';
-import { export_csv_url, ordered_range } from './dates';
+import { error_map, lane_grades, margin_chart_data, step_size } from './chart_data';
+import { export_csv_url, export_range } from './dates';
 
 const lane = (no: number, left: unknown, right: unknown, top: unknown, bottom: unknown) => ({
   LaneSerialID: no - 16,
@@ -12,17 +12,22 @@ const lane = (no: number, left: unknown, right: unknown, top: unknown, bottom: u
 });
 
 describe('margin_chart_data', () => {
-  it('keeps UI and volts as reported and finds the worst lane of each by its eye', () => {
-    const data = margin_chart_data([
-      lane(16, 0.3, 0.3, 0.05, 0.06),
-      // Narrowest eye (0.45 UI), though not the smallest single side.
-      lane(17, 0.2, 0.25, 0.04, 0.05),
-      lane(18, 0.15, 0.4, 0.03, 0.04),
-      lane(19, 0.5, 0.5, 0.02, 0.03),
-    ]);
+  it('keeps timing in UI, turns volts into mV, forms eyes in ps and mV and finds the worst lane of each', () => {
+    const data = margin_chart_data(
+      [
+        lane(16, 0.3, 0.3, 0.05, 0.06),
+        // Narrowest eye (0.45 UI), though not the smallest single side.
+        lane(17, 0.2, 0.25, 0.04, 0.05),
+        lane(18, 0.15, 0.4, 0.03, 0.04),
+        lane(19, 0.5, 0.5, 0.02, 0.03),
+      ],
+      62.5,
+    );
     expect(data.lanes).toEqual([16, 17, 18, 19]);
     expect(data.left).toEqual([0.3, 0.2, 0.15, 0.5]);
-    expect(data.bottom).toEqual([0.06, 0.05, 0.04, 0.03]);
+    expect(data.bottom.map((v) => v && +v.toFixed(6))).toEqual([60, 50, 40, 30]);
+    expect(data.eyeWidthPs.map((v) => v && +v.toFixed(4))).toEqual([37.5, 28.125, 34.375, 62.5]);
+    expect(data.eyeHeightMV.map((v) => v && +v.toFixed(6))).toEqual([110, 90, 70, 50]);
     expect(data.worstTiming).toBe(1);
     expect(data.worstVoltage).toBe(3);
   });
@@ -30,7 +35,10 @@ describe('margin_chart_data', () => {
   it('leaves gaps for missing values, skips such lanes for the worst, and takes the first of equals', () => {
     const data = margin_chart_data([lane(0, 0.1, null, 0.02, 0.02), lane(1, 0.2, 0.2, 0.02, 0.02), lane(2, 0.2, 0.2, 'x', 0.01)]);
     expect(data.right).toEqual([null, 0.2, 0.2]);
-    expect(data.top).toEqual([0.02, 0.02, null]);
+    expect(data.top[2]).toBeNull();
+    // Without the link's UI there is no width in ps.
+    expect(data.eyeWidthPs).toEqual([null, null, null]);
+    expect(data.eyeHeightMV[2]).toBeNull();
     expect(data.worstTiming).toBe(1);
     expect(data.worstVoltage).toBe(0);
   });
@@ -39,14 +47,25 @@ describe('margin_chart_data', () => {
     expect(margin_chart_data(undefined)).toMatchObject({ lanes: [], worstTiming: null, worstVoltage: null });
     expect(margin_chart_data([{ PhaseLeftMargin: 1 }, 'junk', {}]).lanes).toEqual([0, 1]);
   });
-
-  it('mirrors the lower side below zero', () => {
-    expect(mirrored([0.2, null, 0])).toEqual([-0.2, null, -0]);
-  });
 });
 
-describe('error_map', () => {
-  it('sorts by offset then dwell and drops malformed entries', () => {
+describe('per-lane helpers', () => {
+  it('matches the service grades to the charted lanes by lane number, reversed lanes included', () => {
+    const grades = [{ Lane: 3, Grade: 'Fail' }, { Lane: 15, Grade: 'Perfect' }, { Grade: 'Pass' }];
+    expect(lane_grades([15, 14, 3], grades).map((g) => g?.Grade ?? null)).toEqual(['Perfect', null, 'Fail']);
+    expect(lane_grades([0], undefined)).toEqual([null]);
+  });
+
+  it.each([
+    ['timing: 50 % of a UI over 32 steps', { MaxTimingOffset: 50, NumTimingSteps: 32 }, true, 0.015625],
+    ['voltage: 0.20 V over 64 steps, in mV', { MaxVoltOffset: 20, NumVoltSteps: 64 }, false, 3.125],
+    ['no steps reported', { MaxVoltOffset: 20, NumVoltSteps: 0 }, false, null],
+    ['capabilities missing', {}, true, null],
+  ])('step size, %s', (_name, caps, timing, expected) => {
+    expect(step_size(caps, timing)).toBe(expected);
+  });
+
+  it('sorts an error map by offset then dwell and drops malformed entries', () => {
     const entries = error_map(
       {
         PhaseLeftErrorMap: [
@@ -63,20 +82,19 @@ describe('error_map', () => {
   });
 });
 
-describe('result ranges', () => {
-  const list = ['2 May 9:06AM', '2 May 1:15PM', '3 May 0:30AM'];
+describe('CSV export of the shown range', () => {
   it.each([
-    ['in order', list[0], list[2], [list[0], list[2]]],
-    ['picked backwards', list[2], list[1], [list[1], list[2]]],
-    ['one run', list[1], list[1], [list[1], list[1]]],
-    ['unknown date', list[0], '4 May 1:00AM', null],
-  ])('%s', (_name, a, b, expected) => {
-    expect(ordered_range(list, a, b)).toEqual(expected);
+    ['open range: oldest to newest archived', '', '', ['2026_01_02-03_04_05', '2026_11_25-01_23_21']],
+    ['operator bounds win', '2026_05_01-00_00_00', '2026_06_01-00_00_00', ['2026_05_01-00_00_00', '2026_06_01-00_00_00']],
+    ['open end follows the newest', '2026_05_01-00_00_00', '', ['2026_05_01-00_00_00', '2026_11_25-01_23_21']],
+  ])('%s', (_name, from, to, expected) => {
+    expect(export_range(from, to, '2026_01_02-03_04_05', '2026_11_25-01_23_21')).toEqual(expected);
   });
 
-  it('encodes blanks and colons of the dates in the export link', () => {
-    expect(export_csv_url('2 May 9:06AM', '3 May 0:30AM')).toBe(
-      '/api/1.0/ExportResultsCSV?start=2%20May%209%3A06AM&end=3%20May%200%3A30AM&kind=pcie',
+  it('has no link while nothing is archived, and sends stamps as from/to', () => {
+    expect(export_range('', '', null, null)).toBeNull();
+    expect(export_csv_url('2026_01_02-03_04_05', '2026_11_25-01_23_21')).toBe(
+      '/api/1.0/ExportResultsCSV?from=2026_01_02-03_04_05&to=2026_11_25-01_23_21&kind=pcie',
     );
   });
 });

@@ -1,22 +1,30 @@
-// Turns "TestOutput"."FullMarginData" into what the per-lane chart draws.
-// Timing margins stay in UI and voltage margins in volts, as the report
-// holds them; the chart plots left and bottom below the zero line.
-import type { ErrorMapEntry, LaneMargin } from './types';
+// Turns "TestOutput"."FullMarginData" into what the per-lane charts draw.
+// One unit per quantity everywhere on the page: timing in UI with its
+// picoseconds beside it, voltage in millivolts. The report holds timing in
+// UI and a PCIe margin's voltage in volts, so only voltage is scaled here.
+import type { ErrorMapEntry, LaneGrade, LaneMargin } from './types';
 
 export interface MarginChartData {
   /** Lane number shown on the axis, one per lane object. */
   lanes: number[];
+  /** Picoseconds in one UI at the link's speed, null when the speed is unknown. */
+  uiPs: number | null;
   left: (number | null)[];
   right: (number | null)[];
+  /** Millivolts. */
   top: (number | null)[];
   bottom: (number | null)[];
+  /** Eye width (left + right) in ps, null without both sides or a known UI. */
+  eyeWidthPs: (number | null)[];
+  /** Eye height (top + bottom) in mV, null without both sides. */
+  eyeHeightMV: (number | null)[];
   /** Index of the lane with the narrowest eye (left + right), null without data. */
   worstTiming: number | null;
   /** Index of the lane with the lowest eye (top + bottom), null without data. */
   worstVoltage: number | null;
 }
 
-function value(lane: LaneMargin, key: keyof LaneMargin): number | null {
+function value(lane: LaneMargin, key: string): number | null {
   const v = lane[key];
   return typeof v === 'number' && Number.isFinite(v) ? v : null;
 }
@@ -40,28 +48,42 @@ function worst_of(a: (number | null)[], b: (number | null)[]): number | null {
   return worst;
 }
 
-function lane_number(lane: LaneMargin, position: number): number {
+export function lane_number(lane: LaneMargin, position: number): number {
   if (typeof lane.LanePCIeNo === 'number') return lane.LanePCIeNo;
   if (typeof lane.LaneSerialID === 'number') return lane.LaneSerialID;
   return position;
 }
 
-export function margin_chart_data(full: unknown): MarginChartData {
-  const lanes = Array.isArray(full)
+export function lane_objects(full: unknown): LaneMargin[] {
+  return Array.isArray(full)
     ? full.filter((l): l is LaneMargin => typeof l === 'object' && l !== null && !Array.isArray(l))
     : [];
-  const data: MarginChartData = {
+}
+
+const sum = (a: number | null, b: number | null) => (a === null || b === null ? null : a + b);
+const mv = (volts: number | null) => (volts === null ? null : volts * 1000);
+
+export function margin_chart_data(full: unknown, uiPs: number | null = null): MarginChartData {
+  const lanes = lane_objects(full);
+  const left = lanes.map((l) => value(l, 'PhaseLeftMargin'));
+  const right = lanes.map((l) => value(l, 'PhaseRightMargin'));
+  const top = lanes.map((l) => mv(value(l, 'VoltTopMargin')));
+  const bottom = lanes.map((l) => mv(value(l, 'VoltBotomMargin')));
+  return {
     lanes: lanes.map(lane_number),
-    left: lanes.map((l) => value(l, 'PhaseLeftMargin')),
-    right: lanes.map((l) => value(l, 'PhaseRightMargin')),
-    top: lanes.map((l) => value(l, 'VoltTopMargin')),
-    bottom: lanes.map((l) => value(l, 'VoltBotomMargin')),
-    worstTiming: null,
-    worstVoltage: null,
+    uiPs,
+    left,
+    right,
+    top,
+    bottom,
+    eyeWidthPs: left.map((l, i) => {
+      const w = sum(l, right[i]);
+      return w === null || uiPs === null ? null : w * uiPs;
+    }),
+    eyeHeightMV: top.map((t, i) => sum(t, bottom[i])),
+    worstTiming: worst_of(left, right),
+    worstVoltage: worst_of(top, bottom),
   };
-  data.worstTiming = worst_of(data.left, data.right);
-  data.worstVoltage = worst_of(data.top, data.bottom);
-  return data;
 }
 
 /** Series for the chart: left and bottom negated so the eye opens around zero. */
@@ -69,12 +91,23 @@ export function mirrored(values: (number | null)[]): (number | null)[] {
   return values.map((v) => (v === null ? null : -v));
 }
 
+/** The service's grade of each charted lane, matched by lane number; null where it gave none. */
+export function lane_grades(lanes: number[], grades: unknown): (LaneGrade | null)[] {
+  const byLane = new Map<number, LaneGrade>();
+  if (Array.isArray(grades)) {
+    for (const g of grades) {
+      if (typeof g === 'object' && g !== null && typeof (g as LaneGrade).Lane === 'number') byLane.set((g as LaneGrade).Lane, g as LaneGrade);
+    }
+  }
+  return lanes.map((lane) => byLane.get(lane) ?? null);
+}
+
 export type ErrorMapName = 'PhaseLeftErrorMap' | 'PhaseRightErrorMap' | 'VoltTopErrorMap' | 'VoltBottomErrorMap';
-export const ERROR_MAPS: { key: ErrorMapName; label: string }[] = [
-  { key: 'PhaseLeftErrorMap', label: 'Timing left' },
-  { key: 'PhaseRightErrorMap', label: 'Timing right' },
-  { key: 'VoltTopErrorMap', label: 'Voltage top' },
-  { key: 'VoltBottomErrorMap', label: 'Voltage bottom' },
+export const ERROR_MAPS: { key: ErrorMapName; label: string; timing: boolean }[] = [
+  { key: 'PhaseLeftErrorMap', label: 'Timing left', timing: true },
+  { key: 'PhaseRightErrorMap', label: 'Timing right', timing: true },
+  { key: 'VoltTopErrorMap', label: 'Voltage top', timing: false },
+  { key: 'VoltBottomErrorMap', label: 'Voltage bottom', timing: false },
 ];
 
 /** An error map's entries that are well formed, by offset then dwell time. */
@@ -91,4 +124,28 @@ export function error_map(lane: LaneMargin, key: ErrorMapName): ErrorMapEntry[] 
         typeof e.ErrCnt === 'number',
     )
     .sort((a, b) => a.Offset - b.Offset || a.DwellTime - b.DwellTime);
+}
+
+/**
+ * Size of one offset step of a lane: a timing step in UI, a voltage step in
+ * mV. The receiver reports its largest offset in hundredths of a UI (timing)
+ * or of a volt (voltage), reached at its number of steps. null when the lane
+ * lacks either figure.
+ */
+export function step_size(lane: LaneMargin, timing: boolean): number | null {
+  const max = value(lane, timing ? 'MaxTimingOffset' : 'MaxVoltOffset');
+  const steps = value(lane, timing ? 'NumTimingSteps' : 'NumVoltSteps');
+  if (max === null || steps === null || steps <= 0) return null;
+  return timing ? max / (steps * 100) : (max * 1000) / (steps * 100);
+}
+
+/**
+ * Step sizes of every lane of a test. The margining capabilities belong to
+ * the receiver and the report may carry them on one lane only, so a lane
+ * without them takes those of the first lane that has them.
+ */
+export function step_sizes(lanes: LaneMargin[], timing: boolean): (number | null)[] {
+  const own = lanes.map((l) => step_size(l, timing));
+  const shared = own.find((s) => s !== null) ?? null;
+  return own.map((s) => s ?? shared);
 }

@@ -1,17 +1,18 @@
-// The archive walks its runs from "start" to "end" in the order of its own
-// date list, so a range picked backwards must be turned round before it is sent.
+// The CSV export of the results shown: the archive takes the range as two
+// finish stamps "YYYY_MM_DD-HH_MM_SS", both ends included.
 
-/** [start, end] in list order, or null when either date is not in the list. */
-export function ordered_range(dateList: readonly string[], a: string, b: string): [string, string] | null {
-  const i = dateList.indexOf(a);
-  const j = dateList.indexOf(b);
-  if (i < 0 || j < 0) return null;
-  return i <= j ? [a, b] : [b, a];
+export function export_csv_url(from: string, to: string): string {
+  const q = (text: string) => encodeURIComponent(text);
+  return `/api/1.0/ExportResultsCSV?from=${q(from)}&to=${q(to)}&kind=pcie`;
 }
 
-export function export_csv_url(start: string, end: string): string {
-  // %20 rather than '+' for blanks: both decode the same under the URL
-  // standard, but only %20 is read as a blank by every query parser.
-  const q = (text: string) => encodeURIComponent(text);
-  return `/api/1.0/ExportResultsCSV?start=${q(start)}&end=${q(end)}&kind=pcie`;
+/**
+ * The stamps a range export needs: the operator's bounds where given, else
+ * the oldest and newest finish the archive holds within the other bound.
+ * null while either end is unknown (nothing archived yet).
+ */
+export function export_range(from: string, to: string, oldest: string | null, newest: string | null): [string, string] | null {
+  const a = from || oldest;
+  const b = to || newest;
+  return a && b ? [a, b] : null;
 }

@@ -160,3 +160,73 @@ export interface DurationEstimate {
   Batches: number | null;
   Lanes: number | null;
 }
+
+// --- Results archive: summaries, one result with its grades ---
+
+export type GradeName = 'Fail' | 'Pass' | 'Perfect';
+
+/** A grade of a test or a lane: eye width (left + right) and height (top + bottom). */
+export interface Grade {
+  Grade: GradeName | null;
+  EyeWidthPs?: number | null;
+  EyeHeightMV?: number | null;
+  /** How width or height were formed when a receiver can't margin both sides apart. */
+  Note?: string | null;
+}
+
+export interface LaneGrade extends Grade {
+  Lane: number;
+}
+
+/** Limits the grades were judged against, at the link's speed. */
+export interface Thresholds {
+  UIps: number;
+  EyeWidthMinPs: number;
+  EyeWidthRecPs: number;
+  EyeHeightMinMV: number;
+  EyeHeightRecMV: number;
+}
+
+export interface Grades {
+  Test?: Grade;
+  Lanes?: LaneGrade[];
+  Thresholds?: Thresholds;
+}
+
+/** One element of "/api/1.0/GetResultsSummary": a test without its per-lane data. */
+export interface ResultSummary {
+  ResultId: string;
+  RunStamp: string;
+  /** Finish time "YYYY_MM_DD-HH_MM_SS". */
+  Stamp: string;
+  TestID: number | null;
+  Operation: string;
+  Status: string;
+  FailureReason: string | null;
+  Time: string;
+  SBDF: string;
+  Receiver: number | null;
+  Lanes: number[];
+  BER: string;
+  ErrCnt: number | null;
+  Speed: string;
+  Width: string;
+  /** null when the test did not measure (any status but "complete"). */
+  PhaseLeftUI: number | null;
+  PhaseRightUI: number | null;
+  VoltTopMV: number | null;
+  VoltBotMV: number | null;
+  Grade: Grade | null;
+}
+
+export interface ResultsPage {
+  Total: number;
+  Offset: number;
+  Results: ResultSummary[];
+}
+
+/** "/api/1.0/GetResult": the archived document with its grades. */
+export interface ResultDocument extends ResultRecord {
+  PCIeCtrlInfo?: PCIeDevice['PCIeCtrlInfo'];
+  Grades?: Grades;
+}
