@@ -257,8 +257,8 @@ TEST_F(OverModel, LanesRunInBatchesOfMaxLanesPlusOne) {
         }
         ASSERT_EQ(reports.size(), kLanes * 4 * 2) << "one report as each side starts, one as it ends";
         EXPECT_EQ(reports.back().lanes_done, kLanes);
-        EXPECT_EQ(reports.back().walks_done, kLanes * 4);
-        EXPECT_EQ(reports.back().walks_total, kLanes * 4);
+        EXPECT_EQ(reports.back().sides_done, kLanes * 4);
+        EXPECT_EQ(reports.back().sides_total, kLanes * 4);
         access.progress = nullptr;
     }
 }
