@@ -99,4 +99,9 @@ std::optional<MarginCapabilities> MarginRegisterClaim::figures(Device_ID device,
     return found->second;
 }
 
+void MarginRegisterClaim::forget_figures() {
+    std::lock_guard lock(book().mutex);
+    book().figures.clear();
+}
+
 }  // namespace PCIE

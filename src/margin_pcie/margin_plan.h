@@ -88,6 +88,8 @@ public:
 
     static void remember_figures(Device_ID device, unsigned int receiver, const MarginCapabilities& figures);
     static std::optional<MarginCapabilities> figures(Device_ID device, unsigned int receiver);
+    // For tests and a machine model rebuilt within one process.
+    static void forget_figures();
 
 private:
     Device_ID _device;

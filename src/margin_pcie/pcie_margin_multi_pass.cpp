@@ -132,6 +132,7 @@ struct PCIEMarginMultiPass::RunContext {
     std::vector<unsigned int> sides_done_by_position;
     std::size_t batch_begin = 0, batch_end = 0;
     unsigned int batches_done = 0;
+    double last_remaining = -1;      // never reported higher again, whichever lane's clock reports
     unsigned int slowest_sides = 0;  // fewest sides a lane of the current batch has finished
     std::chrono::system_clock::time_point slowest_since;  // when that lane began its next side
 
@@ -486,7 +487,10 @@ void PCIEMarginMultiPass::_report_progress(RunContext& run, const std::string& d
                                                        static_cast<unsigned int>(run.plan.side_seconds.size());
     progress.direction = direction;
     const double in_side = std::chrono::duration<double>(system_facts().now() - run.slowest_since).count();
-    progress.remaining_seconds = run.plan.remaining_seconds(run.batches_done, run.slowest_sides, in_side);
+    double remaining = run.plan.remaining_seconds(run.batches_done, run.slowest_sides, in_side);
+    if (run.last_remaining >= 0) remaining = std::min(remaining, run.last_remaining);
+    run.last_remaining = remaining;
+    progress.remaining_seconds = remaining;
     _access.progress(progress);
 }
 
