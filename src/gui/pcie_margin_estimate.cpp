@@ -9,6 +9,7 @@
 #include "discovery/port_mapping.h"
 #include "gui/gui_resource_store.h"
 #include "gui/test_record_checks.h"
+#include "hardware/os_specific.h"
 #include "margin_pcie/execute_lane_margin_command.h"
 #include "margin_pcie/margin_pcie_utils.h"
 #include "margin_pcie/margin_plan.h"
@@ -16,6 +17,8 @@
 using nlohmann::json;
 
 namespace {
+
+constexpr unsigned int kBusyPollMs = 10, kBusyWaitMs = 1000;
 
 json refusal(const std::string& reason) { return {{"OperationStatus", false}, {"ErrMsg", reason}}; }
 
@@ -44,11 +47,19 @@ std::optional<double> data_rate(const PCIE::Device_ID& id, GUIResourceStore& sto
 std::optional<PCIE::MarginCapabilities> receiver_figures(const PCIE::Device_ID& id, unsigned int receiver,
                                                          unsigned int lane, GUIResourceStore& store,
                                                          std::string& err) {
-    if (const auto known = PCIE::MarginRegisterClaim::figures(id, receiver)) return known;
-    const PCIE::MarginRegisterClaim claim(id);
-    if (!claim.held()) {
-        err = "A margin is starting on this function; its receiver's figures are not known yet. Try again shortly.";
-        return std::nullopt;
+    // Another estimate reading them, or a run about to, fills the figures
+    // within a fraction of a second; the wait for that is bounded.
+    std::optional<PCIE::MarginRegisterClaim> claim;
+    for (unsigned int waited = 0;; waited += kBusyPollMs) {
+        if (const auto known = PCIE::MarginRegisterClaim::figures(id, receiver)) return known;
+        if (claim.emplace(id); claim->held()) break;
+        claim.reset();
+        if (waited >= kBusyWaitMs) {
+            err = "The receiver of this function is busy and its margining figures are not known yet. Try again "
+                  "shortly.";
+            return std::nullopt;
+        }
+        OSSpecific().milli_secs_sleep(kBusyPollMs);
     }
     const PCIE::ExecuteLaneMarginCmd cmd(id, lane, receiver, *store.get_read_accessor(), *store.get_write_accessor());
     PCIE::MarginCapabilities figures;

@@ -11,8 +11,9 @@
 //
 // The receiver's figures (steps, MaxLanes, which sides) come from what a run
 // or an earlier estimate read; failing that they are read from the receiver,
-// but only when no margin holds the function, so an estimate never disturbs a
-// running measurement.
+// but only when no margin or other estimate holds the function (one that does
+// is waited for at most a second), so an estimate never disturbs a running
+// measurement.
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -35,7 +35,7 @@ const EstimateCase kCases[] = {
     {"KnownFiguresAreUsedAndSplitTheLanesIntoBatches", "0:41:0.0", 1, json::array(), Before::FiguresKnownWithMaxLanes3,
      {{"OperationStatus", true}, {"Seconds", 4940.2}, {"DwellSeconds", 149.0}, {"Batches", 4}, {"Lanes", 16}}},
     {"NeverTouchesTheReceiverWhileAMarginHoldsIt", "0:41:0.0", 1, json::array(), Before::MarginHoldsTheFunction,
-     {{"ErrMsg", "A margin is starting on this function"}}},
+     {{"ErrMsg", "The receiver of this function is busy"}}},
     {"UnknownFunctionIsRefusedAsAtTheQueue", "0:99:0.0", 1, json::array(), Before::Nothing,
      {{"ErrMsg", "no PCI function 0:99:0.0"}}},
 };
