@@ -112,7 +112,8 @@ json estimate_pcie_margin_duration(const json& record, GUIResourceStore& store) 
         if (!figures) return refusal(err);
 
         const double dwell_seconds = PCIE::getDwellTime(errors, ber, *rate);
-        if (!(dwell_seconds < 4e6)) return refusal("The dwell for a BER of 1e-" + std::to_string(ber) + " is too long to plan");
+        if (!(dwell_seconds < 4e6))
+            return refusal("The dwell for a BER of 1e-" + std::to_string(ber) + " is too long to plan");
         PCIE::MarginPlanInput in;
         in.dwell_ms = static_cast<unsigned int>(1000 * dwell_seconds);
         in.lanes = lane_count;

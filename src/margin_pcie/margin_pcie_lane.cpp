@@ -298,8 +298,8 @@ int walk(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, const Ma
         }
         const bool measured = at >= in.start_offset;
         const ErrorWatch watch{k.kind == Cmd::TIMING ? Cmd::STEP_TIMING : Cmd::STEP_VOLT, in.error_threshold};
-        const DwellOutcome dwell =
-            dwell_at_offset(cmd, stop, measured ? in.dwell_time : kShortStayMs, measured && in.early_exit ? &watch : nullptr);
+        const DwellOutcome dwell = dwell_at_offset(cmd, stop, measured ? in.dwell_time : kShortStayMs,
+                                                   measured && in.early_exit ? &watch : nullptr);
         if (dwell.stopped && stopped(stop, offset, out, err)) return WALK_NOT_BEGUN;
         if (const int judged = poll_and_judge(cmd, k, at, in, out, err, false); judged >= 0) {
             if (dwell.ended_early && judged == WALK_ANSWERED) out.failing_dwell = dwell.spent_ms;

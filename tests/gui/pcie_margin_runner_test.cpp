@@ -104,10 +104,11 @@ TEST_P(ProgressRecord, PercentAgreesWithSidesAndRemainingIsThePlans) {
 
 INSTANTIATE_TEST_SUITE_P(
     Runner, ProgressRecord,
-    ::testing::Values(ProgressCase{"HalfTheSidesBeforeAnyLaneEnds", {0, 16, "Timing Left", 32, 64, 380.04, 190}, 50, 380.0},
-                      ProgressCase{"NoPlanYetHasNoEstimate", {0, 4, "Voltage Down", 0, 16, std::nullopt, 12}, 0, nullptr},
-                      ProgressCase{"MoreSidesThanPlannedStaysAtAHundred", {4, 4, "", 20, 16, -1.0, 40}, 100, 0.0},
-                      ProgressCase{"NoTotalKnown", {0, 0, "", 0, 0, std::nullopt, 1}, 0, nullptr}),
+    ::testing::Values(
+        ProgressCase{"HalfTheSidesBeforeAnyLaneEnds", {0, 16, "Timing Left", 32, 64, 380.04, 190}, 50, 380.0},
+        ProgressCase{"NoPlanYetHasNoEstimate", {0, 4, "Voltage Down", 0, 16, std::nullopt, 12}, 0, nullptr},
+        ProgressCase{"MoreSidesThanPlannedStaysAtAHundred", {4, 4, "", 20, 16, -1.0, 40}, 100, 0.0},
+        ProgressCase{"NoTotalKnown", {0, 0, "", 0, 0, std::nullopt, 1}, 0, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A whole run on the machine model: queued, started by the scheduler, margined

@@ -253,7 +253,7 @@ TEST_F(OverModel, EarlyExitGivesTheFullDwellMarginsAndRecordsTheDwellSpent) {
             EXPECT_EQ(early[offset_key], margin);
             EXPECT_EQ(entry(early[map_key], margin, true), std::pair(kDwell, 0u)) << "the holding offset's full dwell";
             EXPECT_GT(entry(full[map_key], margin + 1, true).second, 0u) << "full dwell: the failing offset";
-            EXPECT_EQ(entry(early[map_key], margin + 1, true), std::pair(0u, 0u)) << "early exit: not at the full dwell";
+            EXPECT_EQ(entry(early[map_key], margin + 1, true), std::pair(0u, 0u)) << "early: not at the full dwell";
             const auto [spent, count] = entry(early[map_key], margin + 1, false);
             EXPECT_GT(count, 0u);
             EXPECT_GT(spent, 0u);
