@@ -141,7 +141,7 @@ double seconds_until_errors(const ExecuteLaneMarginCmd& cmd, const Side& side, u
 
 // Per lane, the limit of each side: one full dwell, the first failing
 // offset's time to errors, and the handshakes of both.
-std::vector<std::array<double, 4>> side_limits(const json& reference) {
+std::vector<std::array<double, 4>> side_limits(const json& reference, double& fastest, double& slowest) {
     sim::Platform platform = sim::load_platform("", std::nullopt, kTimeScale);
     platform.install();
     const auto read = platform.read_pci();
@@ -159,6 +159,10 @@ std::vector<std::array<double, 4>> side_limits(const json& reference) {
             const double showing =
                 failing <= steps_of[kSides[s].voltage] ? seconds_until_errors(cmd, kSides[s], failing) : 0;
             limits[lane][s] = dwell + showing + 2 * kProtocolSeconds;
+            if (showing > 0) {
+                fastest = std::min(fastest, showing);
+                slowest = std::max(slowest, showing);
+            }
         }
     }
     return limits;
@@ -192,7 +196,8 @@ int main() {
         std::printf("The reference run failed.\n");
         return 1;
     }
-    const auto sides = side_limits(reference.results);
+    double fastest = 1e9, slowest = 0;
+    const auto sides = side_limits(reference.results, fastest, slowest);
     const unsigned parallel = reference.results[0]["IndErrSampler"].get<bool>()
                                   ? std::min(kLanes, reference.results[0]["MaxLanes"].get<unsigned>() + 1)
                                   : 1;
@@ -210,6 +215,8 @@ int main() {
                     r.early_exit ? "early exit" : "full", r.nominal_s, limit, r.nominal_s / limit, r.wall_s,
                     !r.ok ? "run failed" : same ? "identical on all 16 lanes" : "DIFFER");
     }
+    std::printf("First failing offsets showed errors %.0f to %.0f ms after their step's response.\n", fastest * 1e3,
+                slowest * 1e3);
     for (std::size_t i = 0; i + 1 < runs.size(); i += 2)
         std::printf("%s %s: early exit takes %.2f of the full-dwell time\n", method_name(runs[i].method),
                     mode_name(runs[i].mode), runs[i].nominal_s / runs[i + 1].nominal_s);
