@@ -134,13 +134,7 @@ void GUIPCIEHandleTest::thread_fuction() {
         access.write = _store.get_write_accessor();
         access.stop = _stop;
         access.progress = [&progress](const PCIE::MarginProgress& step) {
-            TestProgressState state;
-            state.lanes_done = step.lanes_done;
-            state.lanes_total = step.lanes_total;
-            state.units_done = step.walks_done;
-            state.units_total = step.walks_total;
-            state.direction = step.direction;
-            progress.update(state, system_facts().now());
+            progress.update(step, system_facts().now());
         };
         const PCIE::PCIEMarginMultiPass engine(_store.get_pcie_device_list(), _store.get_die_list(), params, console,
                                                access);

@@ -12,25 +12,16 @@
 
 #include <nlohmann/json.hpp>
 
+#include "margin_pcie/margin_plan.h"
+
 struct TestStorage;
 
-// What a runner knows at one moment. A unit is one walk of one lane (one side,
-// or both sides at once); units drive the percentage because lanes of one
-// batch all finish together.
-struct TestProgressState {
-    unsigned int lanes_done = 0;
-    unsigned int lanes_total = 0;
-    unsigned int units_done = 0;
-    unsigned int units_total = 0;
-    std::string direction;
-    double elapsed_seconds = 0;
-};
-
-// {"LanesDone", "LanesTotal", "Direction", "ElapsedSeconds", "RemainingSeconds",
-// "Percent"}. "RemainingSeconds" is null until a unit is done, since nothing
-// before that says how fast the walks go; it then assumes the remaining units
-// take as long as the finished ones did on average.
-nlohmann::json make_progress_record(const TestProgressState& state);
+// {"LanesDone", "LanesTotal", "SidesDone", "SidesTotal", "Direction",
+// "ElapsedSeconds", "RemainingSeconds", "Percent"}. "Percent" is the share of
+// sides walked, so it always agrees with "SidesDone"/"SidesTotal".
+// "RemainingSeconds" is the engine's estimate from the run's dwell plan, null
+// when it has none.
+nlohmann::json make_progress_record(const PCIE::MarginProgress& progress);
 
 // Keeps one running test's "Progress" current. Lane threads call update at
 // once, so it serialises them and never lets elapsed time run backwards
@@ -38,7 +29,7 @@ nlohmann::json make_progress_record(const TestProgressState& state);
 class TestProgressReporter {
 public:
     TestProgressReporter(TestStorage& storage, uint64_t test_id, std::chrono::system_clock::time_point start);
-    void update(TestProgressState state, std::chrono::system_clock::time_point now);
+    void update(PCIE::MarginProgress progress, std::chrono::system_clock::time_point now);
 
 private:
     TestStorage& _storage;

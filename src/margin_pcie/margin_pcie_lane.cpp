@@ -116,16 +116,59 @@ void fail(Output& out, int status) {
 
 // A dwell at a low bit error rate lasts minutes: it waits in slices of at
 // most a second, so a stop request ends it within one. The model's errors
-// depend only on the total, so slicing changes no result. False when stopped.
-bool dwell_unless_stopped(const MarginStopFlag& stop, unsigned int milliseconds) {
+// depend only on the total, so slicing changes no result.
+//
+// With a watch, the lane status is read after each slice and the dwell ends
+// once the count passes the threshold or the receiver reports
+// TOO_MANY_ERRORS. The slices then start at 10 ms and double up to a second:
+// beyond the edge errors show within the receiver's setup and a few ms, so a
+// failing offset ends within about twice the time its errors took, while a
+// passing one costs a dozen reads over a dwell of minutes. A read that isn't
+// the step's own response (a failed read gives all ones) is passed over;
+// the judgement after the dwell reads the status again as always.
+struct DwellOutcome {
+    bool stopped = false;
+    bool ended_early = false;
+    unsigned int spent_ms = 0;
+};
+
+struct ErrorWatch {
+    unsigned int step_type;  // the margin type the lane status answers with while the step holds
+    unsigned int threshold;
+};
+
+bool errors_showed(const Cmd& cmd, const ErrorWatch& watch) {
+    Cmd::MarginLaneData response;
+    cmd.read_cmd_response(response);
+    if (response._margin_type != watch.step_type) return false;
+    const auto status = static_cast<Cmd::MarginExecutionStatus>((response._margin_payload >> 6) & 0x3);
+    const unsigned int errors = response._margin_payload & 0x3F;
+    if (status == Cmd::TOO_MANY_ERRORS) return true;
+    return status == Cmd::MARGIN_IN_PROGRESS && errors > watch.threshold;
+}
+
+DwellOutcome dwell_at_offset(const Cmd& cmd, const MarginStopFlag& stop, unsigned int milliseconds,
+                             const ErrorWatch* watch) {
     constexpr unsigned int kSliceMs = 1000;
-    while (milliseconds > 0) {
-        if (stop.stop_requested()) return false;
-        const unsigned int slice = std::min(milliseconds, kSliceMs);
+    constexpr unsigned int kFirstWatchMs = 10;
+    DwellOutcome outcome;
+    unsigned int slice_cap = watch ? kFirstWatchMs : kSliceMs;
+    while (outcome.spent_ms < milliseconds) {
+        if (stop.stop_requested()) {
+            outcome.stopped = true;
+            return outcome;
+        }
+        const unsigned int slice = std::min(milliseconds - outcome.spent_ms, slice_cap);
         OSSpecific().milli_secs_sleep(slice);
-        milliseconds -= slice;
+        outcome.spent_ms += slice;
+        slice_cap = std::min(2 * slice_cap, kSliceMs);
+        if (watch && outcome.spent_ms < milliseconds && errors_showed(cmd, *watch)) {
+            outcome.ended_early = true;
+            break;
+        }
     }
-    return !stop.stop_requested();
+    outcome.stopped = stop.stop_requested();
+    return outcome;
 }
 
 template <class Output>
@@ -211,6 +254,7 @@ template <class Output>
 int walk(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, const MarginWalkInput& in, Output& out,
          std::string& err, bool one_side) {
     out.failing_offset = 0;
+    out.failing_dwell = 0;
     if (one_side && in.direction == DIRECTION_BOTH) {
         err = "Direction of margin undefined.";
         fail(out, WALK_COMMAND_FAILED);
@@ -252,10 +296,15 @@ int walk(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, const Ma
             fail(out, WALK_COMMAND_FAILED);
             return WALK_BROKEN;
         }
-        if (!dwell_unless_stopped(stop, at >= in.start_offset ? in.dwell_time : kShortStayMs) &&
-            stopped(stop, offset, out, err))
-            return WALK_NOT_BEGUN;
-        if (const int judged = poll_and_judge(cmd, k, at, in, out, err, false); judged >= 0) return judged;
+        const bool measured = at >= in.start_offset;
+        const ErrorWatch watch{k.kind == Cmd::TIMING ? Cmd::STEP_TIMING : Cmd::STEP_VOLT, in.error_threshold};
+        const DwellOutcome dwell = dwell_at_offset(cmd, stop, measured ? in.dwell_time : kShortStayMs,
+                                                   measured && in.early_exit ? &watch : nullptr);
+        if (dwell.stopped && stopped(stop, offset, out, err)) return WALK_NOT_BEGUN;
+        if (const int judged = poll_and_judge(cmd, k, at, in, out, err, false); judged >= 0) {
+            if (dwell.ended_early && judged == WALK_ANSWERED) out.failing_dwell = dwell.spent_ms;
+            return judged;
+        }
     }
     end_step(cmd);
     out.status = WALK_AT_BOUND;
@@ -306,7 +355,8 @@ int at_offset(const Cmd& cmd, const LaneKind& k, const MarginStopFlag& stop, con
     DoClearInDestructor guard(cmd);
     if (const int refused = begin_walk(cmd, k, true, out, err); refused >= 0) return refused;
     if (const int applied = apply_step(cmd, k, stop, in, out, err); applied != WALK_ANSWERED) return applied;
-    if (!dwell_unless_stopped(stop, in.dwell_time) && stopped(stop, in.start_offset, out, err)) return WALK_NOT_BEGUN;
+    if (dwell_at_offset(cmd, stop, in.dwell_time, nullptr).stopped && stopped(stop, in.start_offset, out, err))
+        return WALK_NOT_BEGUN;
     return check_offset(cmd, k, in, out, err);
 }
 

@@ -15,6 +15,13 @@
 // - A step of 0 would never leave its first offset; it is refused with 1.
 // - Waiting out SETUP_IN_PROGRESS is bounded by 4 reads 10 ms apart, and the
 //   failure text says so.
+// - Early exit (MarginWalkInput::early_exit): a measured offset whose error
+//   count passes the threshold, or that the receiver stops with
+//   TOO_MANY_ERRORS, ends its dwell as soon as the lane status shows it.
+//   Counts only grow while a step holds, so the verdict is the one the full
+//   dwell would give; the time spent there is kept in the output. An offset
+//   that holds still sits out its full dwell. Reading the lane status sends
+//   no command, so the receiver margins on undisturbed.
 #pragma once
 
 #include <map>
@@ -64,6 +71,7 @@ struct MarginWalkInput {
     unsigned int end_offset = 0;
     unsigned int step = 1;
     unsigned int error_threshold = 0;  // most errors that still pass
+    bool early_exit = false;  // end a measured offset's dwell once its errors show (see above)
 };
 
 // MarginOutput of the timing lane.
@@ -73,6 +81,7 @@ struct TimingLaneMarginOutput {
     std::map<unsigned int, unsigned int> errors_by_offset;  // non-zero counts only
     unsigned int failing_offset = 0;
     int status = WALK_COMMAND_FAILED;  // a MarginWalkStatus; set by every walk that answers
+    unsigned int failing_dwell = 0;  // ms spent at the failing offset when early exit cut it short, else 0
 };
 
 // MarginOutput of the voltage lane: the same, with the failing offset first.
@@ -82,6 +91,7 @@ struct VrefLaneMarginOutput {
     unsigned int failing_offset = 0;
     std::map<unsigned int, unsigned int> errors_by_offset;
     int status = WALK_COMMAND_FAILED;
+    unsigned int failing_dwell = 0;
 };
 
 // What both lane classes offer; they differ in their commands and texts.

@@ -1,10 +1,11 @@
 #include "margin_pcie/pcie_margin_multi_pass.h"
 
 #include <algorithm>
-#include <atomic>
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -18,8 +19,10 @@
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
+#include "hardware/system_facts.h"
 #include "margin_pcie/margin_device_checks.h"
 #include "margin_pcie/margin_pcie_utils.h"
+#include "margin_pcie/margin_plan.h"
 #include "result_data/eq_data.h"
 
 using nlohmann::json;
@@ -88,23 +91,32 @@ VEXDeviceDetails vex_device_details(const VEX_DIE_INFO& die, const PortMap& port
 
 bool is_kx900_device_die(const std::string& name) { return name == "KX900X" || name == "KX900A" || name == "KX900C"; }
 
-// One walk of one side, as the lane class offers it.
+// What one walk of one side found, whichever lane class walked it.
+struct WalkFound {
+    std::vector<unsigned int> passed;
+    std::map<unsigned int, unsigned int> errors;
+    unsigned int failing_offset = 0;
+    unsigned int failing_dwell = 0;  // when early exit cut the failing offset short
+};
+
 template <class Lane>
-int walk(const Lane& lane, const MarginWalkInput& in, std::vector<unsigned int>& passed,
-         std::map<unsigned int, unsigned int>& errors, std::string& err) {
+int walk(const Lane& lane, const MarginWalkInput& in, WalkFound& found, std::string& err) {
     typename Lane::MarginOutput out;
     const int result = in.direction == DIRECTION_BOTH ? lane.margin_both_side(in, out, err)
                                                       : lane.margin_one_side(in, out, err);
-    passed = out.passed_offsets;
-    errors = out.errors_by_offset;
+    found.passed = out.passed_offsets;
+    found.errors = out.errors_by_offset;
+    found.failing_offset = out.failing_offset;
+    found.failing_dwell = out.failing_dwell;
     return result;
 }
 
 }  // namespace
 
-// What the lane threads of one run share. Everything but the counters is
+// What the lane threads of one run share. Everything but the progress is
 // fixed before the first thread starts; each thread writes only the entries
-// at its own position.
+// at its own position. The progress is guarded by its mutex, and the batch
+// fields change only between batches, when no lane thread runs.
 struct PCIEMarginMultiPass::RunContext {
     std::vector<unsigned int> lanes;
     MarginCapabilities capabilities;
@@ -112,9 +124,25 @@ struct PCIEMarginMultiPass::RunContext {
     int loop = 0;
     MarginRunTimeData data;
     std::map<unsigned int, json> lane_json;  // by position, all created up front
-    unsigned int sides_per_lane = 0;
-    std::atomic<unsigned int> lanes_done{0};
-    std::atomic<unsigned int> walks_done{0};
+    MarginPlan plan;
+
+    std::mutex progress_mutex;
+    unsigned int lanes_done = 0;
+    unsigned int sides_done = 0;
+    std::vector<unsigned int> sides_done_by_position;
+    std::size_t batch_begin = 0, batch_end = 0;
+    unsigned int batches_done = 0;
+    double last_remaining = -1;      // never reported higher again, whichever lane's clock reports
+    unsigned int slowest_sides = 0;  // fewest sides a lane of the current batch has finished
+    std::chrono::system_clock::time_point slowest_since;  // when that lane began its next side
+
+    void start_batch(std::size_t begin, std::size_t end) {
+        std::lock_guard lock(progress_mutex);
+        batch_begin = begin;
+        batch_end = end;
+        slowest_sides = 0;
+        slowest_since = system_facts().now();
+    }
 };
 
 PCIEMarginMultiPass::PCIEMarginMultiPass(std::vector<PCIDeviceDetails> devices, std::vector<VEX_DIE_INFO> dies,
@@ -145,7 +173,9 @@ unsigned int PCIEMarginMultiPass::margin_offset_of(const std::vector<OffsetData>
                                                    unsigned int error_threshold) {
     std::set<unsigned int> good, bad;
     for (const OffsetData& entry : list) {
-        if (entry.dwell != full_dwell) continue;  // quick passes only guide the walk
+        // Quick passes only guide the walk; an offset cut short by its errors
+        // counts as measured at the dwell its pass had.
+        if (entry.planned_dwell() != full_dwell) continue;
         (entry.error_count <= error_threshold ? good : bad).insert(entry.offset);
     }
     if (good.empty()) return 0;
@@ -165,6 +195,13 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
 
     MarginCapabilities capabilities;
     if (!_run_prechecks_for_margin(capabilities, device)) {
+        results.push_back(device);
+        return false;
+    }
+    const MarginRegisterClaim claim(_id(), _access.stop);
+    if (!claim.held()) {
+        _json.dump_information_msg(0, kStoppedText, device);
+        _json.dump_err_msg(0, kStoppedText, device);
         results.push_back(device);
         return false;
     }
@@ -211,6 +248,7 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
         results.push_back(device);
         return false;
     }
+    MarginRegisterClaim::remember_figures(_id(), _params.receiver, capabilities);
     _checks_on_the_values(capabilities, capability, device);
     _set_error_threshold(lanes, device);
     if (!capabilities.VoltSupported) _json.dump_information_msg(0, "Voltage margining not supported.", device);
@@ -224,8 +262,16 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
     run.capabilities = capabilities;
     run.dwell = dwell;
     run.loop = loop;
-    run.sides_per_lane = (capabilities.VoltSupported ? (capabilities.IndUpDownVolt ? 2 : 1) : 0) +
-                         (capabilities.LeftRightTiming ? 2 : 1);
+    const std::size_t batch = lanes_at_once(capabilities, _params.lane_mode == PARALLEL);
+    MarginPlanInput plan;
+    plan.dwell_ms = dwell;
+    plan.lanes = static_cast<unsigned int>(lanes.size());
+    plan.lanes_at_once = static_cast<unsigned int>(batch);
+    plan.figures = capabilities;
+    plan.stepthrough = _params.margin_method == STEPTHROUGH;
+    plan.early_exit = _params.early_exit;
+    run.plan = plan_margin(plan);
+    run.sides_done_by_position.assign(lanes.size(), 0);
     for (std::size_t position = 0; position < lanes.size(); ++position) {
         MarginDataLane lane_data;
         lane_data.lane = lanes[position];
@@ -236,12 +282,10 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
         run.lane_json[static_cast<unsigned int>(position)] = std::move(entry);
     }
 
-    const std::size_t batch = _params.lane_mode == PARALLEL && capabilities.IndErrSampler
-                                  ? static_cast<std::size_t>(capabilities.MaxLanes) + 1
-                                  : 1;
     std::vector<std::exception_ptr> failures(lanes.size());
     for (std::size_t begin = 0; begin < lanes.size() && !_access.stop.stop_requested(); begin += batch) {
         const std::size_t end = std::min(lanes.size(), begin + batch);
+        run.start_batch(begin, end);
         {
             // jthreads join when they leave scope, also when a later start throws.
             std::vector<std::jthread> threads;
@@ -259,6 +303,8 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
         for (std::size_t position = begin; position < end; ++position)
             (*_console)(DUMP_LANE_MARGINS, run.lane_json.at(static_cast<unsigned int>(position)),
                         static_cast<unsigned int>(position), std::cout);
+        std::lock_guard lock(run.progress_mutex);
+        ++run.batches_done;
     }
 
     json& head = run.lane_json.at(0);
@@ -338,7 +384,7 @@ void PCIEMarginMultiPass::_lane_body(RunContext& run, std::size_t position) cons
         _side_started(run, side_name(voltage, direction));
         _run_side(run, voltage, lane, direction, steps, list);
         if (_access.stop.stop_requested()) return;
-        _side_done(run, side_name(voltage, direction), last);
+        _side_done(run, position, side_name(voltage, direction), last);
     };
     if (c.VoltSupported) {
         if (c.IndUpDownVolt) {
@@ -408,23 +454,43 @@ void PCIEMarginMultiPass::_run_side(RunContext& run, bool voltage, unsigned int 
 }
 
 void PCIEMarginMultiPass::_side_started(RunContext& run, const std::string& direction) const {
-    _report_progress(run, direction, run.walks_done.load(), run.lanes_done.load());
+    std::lock_guard lock(run.progress_mutex);
+    _report_progress(run, direction);
 }
 
-void PCIEMarginMultiPass::_side_done(RunContext& run, const std::string& direction, bool lane_done) const {
-    const unsigned int walks_done = ++run.walks_done;
-    _report_progress(run, direction, walks_done, lane_done ? ++run.lanes_done : run.lanes_done.load());
+void PCIEMarginMultiPass::_side_done(RunContext& run, std::size_t position, const std::string& direction,
+                                     bool lane_done) const {
+    std::lock_guard lock(run.progress_mutex);
+    ++run.sides_done;
+    ++run.sides_done_by_position[position];
+    if (lane_done) ++run.lanes_done;
+    const auto first = run.sides_done_by_position.begin();
+    const unsigned int slowest = *std::min_element(first + static_cast<std::ptrdiff_t>(run.batch_begin),
+                                                   first + static_cast<std::ptrdiff_t>(run.batch_end));
+    if (slowest > run.slowest_sides) {
+        run.slowest_sides = slowest;
+        run.slowest_since = system_facts().now();
+    }
+    _report_progress(run, direction);
 }
 
-void PCIEMarginMultiPass::_report_progress(const RunContext& run, const std::string& direction,
-                                           unsigned int walks_done, unsigned int lanes_done) const {
+// Called with the progress mutex held, so reports leave in the order they
+// were counted.
+void PCIEMarginMultiPass::_report_progress(RunContext& run, const std::string& direction) const {
     if (!_access.progress) return;
     MarginProgress progress;
-    progress.walks_done = walks_done;
-    progress.lanes_done = lanes_done;
+    progress.lanes_done = run.lanes_done;
     progress.lanes_total = static_cast<unsigned int>(run.lanes.size());
-    progress.walks_total = progress.lanes_total * run.sides_per_lane;
+    progress.sides_done = run.sides_done;
+    progress.sides_total = run.plan.batches == 0 ? 0
+                                                 : progress.lanes_total *
+                                                       static_cast<unsigned int>(run.plan.side_seconds.size());
     progress.direction = direction;
+    const double in_side = std::chrono::duration<double>(system_facts().now() - run.slowest_since).count();
+    double remaining = run.plan.remaining_seconds(run.batches_done, run.slowest_sides, in_side);
+    if (run.last_remaining >= 0) remaining = std::min(remaining, run.last_remaining);
+    run.last_remaining = remaining;
+    progress.remaining_seconds = remaining;
     _access.progress(progress);
 }
 
@@ -437,21 +503,22 @@ bool PCIEMarginMultiPass::_margin_one_lane(const MarginLaneInput& in, std::vecto
     walk_in.end_offset = in.end_offset;
     walk_in.step = in.step;
     walk_in.error_threshold = in.error_threshold;
+    walk_in.early_exit = _params.early_exit;
     const unsigned int walk_back = in.voltage ? kVoltageWalkBack : kTimingWalkBack;
     // Each round either ends or starts lower, so the loop ends at start 0.
     for (;;) {
-        std::vector<unsigned int> passed;
-        std::map<unsigned int, unsigned int> errors;
+        WalkFound found;
         std::string cause;
         int result = WALK_NOT_BEGUN;
         if (in.voltage)
             result = walk(MarginVrefPCIELane(_id(), in.lane, _params.receiver, *_access.read, *_access.write,
                                              _access.stop),
-                          walk_in, passed, errors, cause);
+                          walk_in, found, cause);
         else
             result = walk(MarginTimingPCIELane(_id(), in.lane, _params.receiver, *_access.read, *_access.write,
                                                _access.stop),
-                          walk_in, passed, errors, cause);
+                          walk_in, found, cause);
+        const std::vector<unsigned int>& passed = found.passed;
         if (result == WALK_NOT_BEGUN || (passed.empty() && walk_in.start_offset == 0)) {
             std::ostringstream text;
             text << std::hex << _params.segment << ":" << _params.bus << ":" << _params.device << "."
@@ -460,8 +527,11 @@ bool PCIEMarginMultiPass::_margin_one_lane(const MarginLaneInput& in, std::vecto
             err = text.str();
             return false;
         }
-        for (const auto& [offset, count] : errors) list.push_back({offset, count, in.dwell});
-        for (const unsigned int offset : passed) list.push_back({offset, 0, in.dwell});
+        for (const auto& [offset, count] : found.errors) {
+            const bool cut_short = found.failing_dwell != 0 && offset == found.failing_offset;
+            list.push_back({offset, count, cut_short ? found.failing_dwell : in.dwell, cut_short ? in.dwell : 0});
+        }
+        for (const unsigned int offset : passed) list.push_back({offset, 0, in.dwell, 0});
         if (!passed.empty()) return true;
         walk_in.start_offset = walk_in.start_offset > walk_back ? walk_in.start_offset - walk_back : 0;
         NamedLockGuard console("ConsoleLock");

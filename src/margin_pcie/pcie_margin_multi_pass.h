@@ -20,9 +20,14 @@
 //   the service is shutting down" and the same words in "Information", so a
 //   stopped run never reads as a complete one. Lanes that never ran carry
 //   only their lane keys.
-// - Progress is reported after each side of each lane: lanes fully done,
-//   sides done, and the side just finished ("Voltage Down", "Timing Left",
-//   "Timing Both"...).
+// - Progress is reported as each side of each lane starts and ends: lanes
+//   fully done, sides done, the side ("Voltage Down", "Timing Left", "Timing
+//   Both"...), and the time left by the run's plan, counted down from the
+//   moment the current batch's slowest lane began its side, so the estimate
+//   moves with the clock instead of with the order in which lanes report.
+// - A run holds its function's margining registers (MarginRegisterClaim)
+//   from its first margin command to its end, and leaves the receiver's
+//   figures there for estimates made while it runs.
 // - Lane results live in a map keyed by the lane's position in the lane
 //   list, with every position created before a thread starts, so a lane
 //   thread only ever changes the contents of its own entry.
@@ -53,18 +58,11 @@
 #include "margin_pcie/execute_lane_margin_command.h"
 #include "margin_pcie/margin_console.h"
 #include "margin_pcie/margin_pcie_lane.h"
+#include "margin_pcie/margin_plan.h"
 #include "margin_pcie/margin_report_json.h"
 #include "margin_pcie/margin_stop_flag.h"
 
 namespace PCIE {
-
-struct MarginProgress {
-    unsigned int lanes_done = 0;
-    unsigned int lanes_total = 0;
-    std::string direction;  // e.g. "Voltage Down", "Timing Left" of the lane(s) being walked
-    unsigned int walks_done = 0;   // sides finished, over all lanes
-    unsigned int walks_total = 0;  // sides a full run walks
-};
 
 struct MarginEngineAccess {
     std::shared_ptr<ReadPCI> read;
@@ -90,6 +88,10 @@ public:
         unsigned int dwell_time = 0;   // ms; 0: from BER, error count and link speed
         LaneMode lane_mode = PARALLEL;
         MarginMethod margin_method = WALKBACK;
+        // Ends a failing offset's dwell as soon as its errors show; the
+        // verdict is the full dwell's (margin_pcie_lane.h). false: every
+        // measured offset sits out the full dwell.
+        bool early_exit = true;
         std::vector<unsigned int> lanes;  // empty: found from the port map or the receiver
     };
 
@@ -106,11 +108,14 @@ public:
         unsigned int error_threshold = 0;
     };
 
-    // One measurement.
+    // One measurement. dwell is the time actually spent at the offset;
+    // pass_dwell the pass's dwell when early exit ended it sooner (0: the same).
     struct OffsetData {
         unsigned int offset = 0;
         unsigned int error_count = 0;
         unsigned int dwell = 0;
+        unsigned int pass_dwell = 0;
+        unsigned int planned_dwell() const { return pass_dwell != 0 ? pass_dwell : dwell; }
     };
 
     // All that is known of one lane. Without independent sides, timing right
@@ -180,9 +185,8 @@ private:
     // Progress at the start of a side (so a minutes-long first walk is
     // visible) and at its end.
     void _side_started(RunContext& run, const std::string& direction) const;
-    void _side_done(RunContext& run, const std::string& direction, bool lane_done) const;
-    void _report_progress(const RunContext& run, const std::string& direction, unsigned int walks_done,
-                          unsigned int lanes_done) const;
+    void _side_done(RunContext& run, std::size_t position, const std::string& direction, bool lane_done) const;
+    void _report_progress(RunContext& run, const std::string& direction) const;
 
     Device_ID _id() const { return Device_ID(_params.segment, _params.bus, _params.device, _params.function); }
 

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "gui/gui_pcie_get_device.h"
+#include "gui/pcie_margin_estimate.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
@@ -127,6 +128,16 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     get("/api/1.0/GetDeviceListForEyeScan", J, &WebBackEnd::GetDeviceListForEyeScan);
     get("/api/1.0/GetAllCurrentResults", J, &WebBackEnd::GetAllCurrentResults);
     post_ref("/api/1.0/AddTestToQueue", &WebBackEnd::AddTestToQueue);
+    // Changes nothing (at most it reads a receiver's reports), so no Origin guard.
+    app.route(
+        "/api/1.0/EstimateTestDuration", HttpMethod::Post,
+        [this](const WireRequest& request) {
+            WireResponse response =
+                WireResponse::text(estimate_pcie_margin_duration(parse_request_body(request.body), _store).dump());
+            response.content_type = "application/json";
+            return response;
+        },
+        RouteEffect::ReadOnly);
     get("/api/1.0/GetResultsDateRange", J, &WebBackEnd::GetResultsDateRange);
     post_ref("/api/1.0/GetResultsByDate", &WebBackEnd::GetResultsByDate);
     post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);

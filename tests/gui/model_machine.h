@@ -9,6 +9,7 @@
 #include "gui/gui_pcie_get_device.h"
 #include "gui/gui_resource_store.h"
 #include "hardware/crn_factory.h"
+#include "margin_pcie/margin_plan.h"
 #include "simulator/platform.h"
 
 namespace gui_test {
@@ -30,6 +31,7 @@ struct ModelMachine {
         GUIPCIEGetDevice::forget_cached_list();
         reset_all_port_data();
         CRNFactory::reset();
+        PCIE::MarginRegisterClaim::forget_figures();
     }
 
     sim::Platform platform = sim::load_platform("", std::nullopt, 1e6);

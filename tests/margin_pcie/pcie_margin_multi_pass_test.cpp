@@ -62,6 +62,7 @@ TEST(MarginOffsetReduction, UsesOnlyFullDwellAndSkipsOffsetsThatAlsoFailed) {
         {"counts at the threshold pass", {{3, 2, full}, {4, 3, full}}, 3},
         {"good and bad at full dwell: the lower good one", {{2, 0, full}, {3, 0, full}, {4, 0, full}, {4, 8, full}}, 3},
         {"every good one also bad: the smallest", {{2, 0, full}, {3, 0, full}, {2, 9, full}, {3, 9, full}}, 2},
+        {"cut short by its errors: failed at the full dwell", {{3, 0, full}, {4, 0, full}, {4, 9, 30, full}}, 3},
     };
     for (const Case& c : cases) EXPECT_EQ(PCIEMarginMultiPass::margin_offset_of(c.list, full, threshold), c.expected) << c.what;
 }
@@ -217,6 +218,49 @@ TEST_F(OverModel, MarginsMatchTheProfileEyeWithinOneStep) {
     }
 }
 
+// Early exit ends a failing offset's dwell once its errors show. The margins
+// must be those of the full dwell on every lane and side, the failing offset's
+// entry must carry the time really spent there, and the offset that holds
+// must still have sat out the full dwell.
+TEST_F(OverModel, EarlyExitGivesTheFullDwellMarginsAndRecordsTheDwellSpent) {
+    constexpr unsigned kDwell = 5000;
+    const std::pair<const char*, const char*> sides[] = {{"PhaseLeftOffset", "PhaseLeftErrorMap"},
+                                                         {"PhaseRightOffset", "PhaseRightErrorMap"},
+                                                         {"VoltTopOffset", "VoltTopErrorMap"},
+                                                         {"VoltBottomOffset", "VoltBottomErrorMap"}};
+    json runs[2];
+    for (const bool early : {false, true}) {
+        load(nic_profile(31, true));
+        auto p = params(kDwell);
+        p.early_exit = early;
+        runs[early] = json::array();
+        ASSERT_TRUE(run(p, runs[early]));
+        ASSERT_EQ(runs[early].size(), kLanes);
+    }
+    // The dwell spent at offset of a side's error map, and its count; 0, 0 when absent.
+    auto entry = [](const json& map, unsigned offset, bool full) {
+        for (const json& e : map)
+            if (e["Offset"] == offset && (e["DwellTime"] == kDwell) == full)
+                return std::pair{e["DwellTime"].get<unsigned>(), e["ErrCnt"].get<unsigned>()};
+        return std::pair{0u, 0u};
+    };
+    for (unsigned lane = 0; lane < kLanes; ++lane)
+        for (const auto& [offset_key, map_key] : sides) {
+            SCOPED_TRACE(std::string(offset_key) + " lane " + std::to_string(lane));
+            const json& full = runs[false][lane];
+            const json& early = runs[true][lane];
+            const unsigned margin = full[offset_key];
+            EXPECT_EQ(early[offset_key], margin);
+            EXPECT_EQ(entry(early[map_key], margin, true), std::pair(kDwell, 0u)) << "the holding offset's full dwell";
+            EXPECT_GT(entry(full[map_key], margin + 1, true).second, 0u) << "full dwell: the failing offset";
+            EXPECT_EQ(entry(early[map_key], margin + 1, true), std::pair(0u, 0u)) << "early: not at the full dwell";
+            const auto [spent, count] = entry(early[map_key], margin + 1, false);
+            EXPECT_GT(count, 0u);
+            EXPECT_GT(spent, 0u);
+            EXPECT_LE(spent, 100u) << "errors show within the setup time and a few ms";
+        }
+}
+
 TEST_F(OverModel, LanesRunInBatchesOfMaxLanesPlusOne) {
     struct Case {
         const char* what;
@@ -257,8 +301,13 @@ TEST_F(OverModel, LanesRunInBatchesOfMaxLanesPlusOne) {
         }
         ASSERT_EQ(reports.size(), kLanes * 4 * 2) << "one report as each side starts, one as it ends";
         EXPECT_EQ(reports.back().lanes_done, kLanes);
-        EXPECT_EQ(reports.back().walks_done, kLanes * 4);
-        EXPECT_EQ(reports.back().walks_total, kLanes * 4);
+        EXPECT_EQ(reports.back().sides_done, kLanes * 4);
+        EXPECT_EQ(reports.back().sides_total, kLanes * 4);
+        // The time left comes from the plan and only ever counts down.
+        for (std::size_t i = 1; i < reports.size(); ++i)
+            ASSERT_LE(reports[i].remaining_seconds.value(), reports[i - 1].remaining_seconds.value()) << "report " << i;
+        EXPECT_GT(reports.front().remaining_seconds.value(), 0.0);
+        EXPECT_EQ(reports.back().remaining_seconds.value(), 0.0);
         access.progress = nullptr;
     }
 }
