@@ -36,7 +36,8 @@ json finished_summary(const json& record) {
     json summary = {{"TestID", record.value("TestID", json())}, {"Operation", record.value("Operation", json())}};
     const auto info = record.find("PCIeInfo");
     if (info != record.end() && info->is_object() && info->contains("SBDF")) summary["SBDF"] = (*info)["SBDF"];
-    const json output = record.value("TestOutput", json::object());
+    const auto found = record.find("TestOutput");
+    const json output = found != record.end() && found->is_object() ? *found : json::object();
     summary["Status"] = output.value("Status", json());
     if (output.contains("FailureReason")) summary["FailureReason"] = output["FailureReason"];
     const auto folder = output.find("ResultsFolder");
