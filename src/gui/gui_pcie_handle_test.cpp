@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "gui/test_archive.h"
 #include "gui/test_progress.h"
 #include "gui/test_record_checks.h"
 #include "hardware/atomic_file.h"
@@ -70,18 +71,16 @@ json pcie_margin_test_output(const json& report, const std::string& folder) {
         for (const json& lane : report) worst = std::min(worst, lane.at(figure.report_key).get<double>());
         output[figure.output_key] = worst;
     }
-    output["Time"] = make_date_time_user_readable(time_stamp());
+    const std::string stamp = time_stamp();
+    output["Time"] = make_date_time_user_readable(stamp);
+    output["TimeStamp"] = stamp;
     output["ResultsFolder"] = folder;
     output["FullMarginData"] = report;
     return output;
 }
 
 json failed_test_output(const std::string& reason, const std::string& folder) {
-    json output = {{"Status", "Failed"}, {"FailureReason", reason}};
-    for (const Figure& figure : kFigures) output[figure.output_key] = 0;
-    output["Time"] = make_date_time_user_readable(time_stamp());
-    output["ResultsFolder"] = folder;
-    return output;
+    return unmeasured_test_output("Failed", reason, folder);
 }
 
 std::string pcie_margin_csv(const json& report) {
@@ -116,6 +115,10 @@ GUIPCIEHandleTest::GUIPCIEHandleTest(GUIResourceStore& store, json& test, TestSt
 
 void GUIPCIEHandleTest::start() {
     const unsigned long id = _test.at("TestID").get<unsigned long>();
+    // A flag of this test's own, so a cancel stops this margin alone while
+    // the service's flag still stops it at shutdown.
+    _stop = _stop.linked();
+    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop(); });
     auto thread = std::make_shared<std::thread>(&GUIPCIEHandleTest::thread_fuction, *this);
     _scheduler.add_test(id, thread);
 }
@@ -155,6 +158,11 @@ void GUIPCIEHandleTest::thread_fuction() {
             Logger::get().log("PCIe margin test " + std::to_string(id) + ": no folder: " + error.what());
         }
     }
+    // A margin that ran to its end before the cancel reached it keeps its
+    // result; one the cancel cut short says so (raw_data.json holds the part done).
+    if (_test["TestOutput"].value("Status", std::string()) != "complete" &&
+        UpdateTestStorage::cancel_requested(_storage, id))
+        _test["TestOutput"] = unmeasured_test_output("Cancelled", kCancelledRunning, folder);
     if (!folder.empty()) {
         std::string error;
         if (!write_file_atomically(folder + "/output.json", _test.dump(4) + "\n", error))

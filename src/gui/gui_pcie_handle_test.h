@@ -27,8 +27,9 @@
 
 class GUIPCIEHandleTest {
 public:
-    // stop is shared by every running margin; raising it ends this one at its
-    // next offset with the lanes back at normal settings.
+    // stop is the service's flag, raised at shutdown; start gives the test a
+    // flag of its own linked to it, which CancelTest raises. Either ends the
+    // margin at its next offset with the lanes back at normal settings.
     GUIPCIEHandleTest(GUIResourceStore& store, nlohmann::json& test, TestStorage& storage, Scheduler& scheduler,
                       PCIE::MarginStopFlag stop = PCIE::MarginStopFlag());
 

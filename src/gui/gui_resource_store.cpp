@@ -1,5 +1,6 @@
 #include "gui/gui_resource_store.h"
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
@@ -9,6 +10,7 @@
 #include "hardware/pci_std.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
+#include "hardware/system_facts.h"
 #include "hardware/time_format.h"
 
 namespace {
@@ -67,10 +69,16 @@ std::string GUIResourceStore::get_directory_for_lanewright() const { return _roo
 std::string GUIResourceStore::get_directory_for_this_instance() {
     NamedLockGuard guard("INSTANCE_DIR");
     if (!_instance_folder_made) {
-        _instance_folder = OSSpecific().append_to_path(_root_folder, time_stamp());
         std::error_code error;
-        // Two runs in the same second share the folder; that is harmless.
-        std::filesystem::create_directories(_instance_folder, error);
+        std::filesystem::create_directories(_root_folder, error);
+        // TestIDs start at 0 in every run, so a run must never share the
+        // folder of an earlier one (a restart within the same second, or the
+        // run a crash left behind): the next free second names it instead.
+        const std::time_t now = std::chrono::system_clock::to_time_t(system_facts().now());
+        for (std::time_t second = 0; second < 60; ++second) {
+            _instance_folder = OSSpecific().append_to_path(_root_folder, time_stamp(now + second));
+            if (std::filesystem::create_directory(_instance_folder, error) || error) break;
+        }
         if (error) {
             Logger::get().log("Unable to create result folder " + _instance_folder + ": " + error.message());
         }

@@ -31,7 +31,9 @@ public:
 
     std::string get_directory_for_lanewright() const;
     // The folder of this run, named after the moment it was first asked for
-    // and created then: a process that runs no test leaves nothing on disk.
+    // and created then: a process that queues no test leaves nothing on disk.
+    // A name an earlier run holds already is never shared: the next free
+    // second's name is taken instead.
     std::string get_directory_for_this_instance();
 
 private:

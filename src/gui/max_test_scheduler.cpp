@@ -5,6 +5,7 @@
 
 #include "gui/hvl_conflict_check.h"
 #include "gui/pcie_conflict_check.h"
+#include "gui/test_archive.h"
 #include "gui/test_runner.h"
 #include "discovery/port_mapping.h"
 #include "hardware/file_logger.h"
@@ -52,35 +53,43 @@ int MaxTestScheduler::poll_and_start_tests() {
 
     // A test chosen on this pass counts as running for the queued tests
     // behind it: two margins of one receiver started together would disturb
-    // each other's commands and both report nonsense.
+    // each other's commands and both report nonsense. A held test names the
+    // first test it waits for, so the browser can say why it waits.
     std::vector<json> to_start;
     std::vector<json> busy = lists.running;
+    std::map<uint64_t, uint64_t> waits;
     for (const json& queued : lists.queued) {
-        bool conflict = false;
+        const json* blocker = nullptr;
         for (const json& running : busy) {
             if (_conflicts(running, queued)) {
-                conflict = true;
+                blocker = &running;
                 break;
             }
         }
-        if (!conflict) {
+        if (blocker) {
+            if (queued.contains("TestID") && blocker->contains("TestID"))
+                waits[queued["TestID"].get<uint64_t>()] = (*blocker)["TestID"].get<uint64_t>();
+        } else {
             to_start.push_back(queued);
             busy.push_back(queued);
         }
     }
-
-    for (json& test : to_start) {
-        UpdateTestStorage::remove_test_from_queue_list(_storage, test);
-        UpdateTestStorage::add_test_to_running_list(_storage, test);
-    }
+    UpdateTestStorage::set_waiting_for(_storage, waits);
 
     int started = 0;
     for (json& test : to_start) {
+        // A test cancelled since the snapshot has left the queue: skip it.
+        if (!UpdateTestStorage::move_to_running(_storage, test)) continue;
+        test.erase("WaitingFor");
         const auto runner = TestRunnerRegistry::get().find(operation_of(test));
         if (!runner) {
             // The queue refuses kinds without a runner; should one slip
-            // through, it must not stay "Running" for ever.
-            Logger::get().log("Scheduler: no runner for \"" + operation_of(test) + "\", test dropped");
+            // through, it must not stay "Running" for ever, nor vanish.
+            const std::string folder = create_dir_and_give_path(test["TestID"].get<unsigned long>());
+            test["TestOutput"] =
+                unmeasured_test_output("Failed", "No runner for \"" + operation_of(test) + "\"", folder);
+            std::string err;
+            if (!archive_in_folder(test, test["TestOutput"], folder, err)) Logger::get().log("Scheduler: " + err);
             UpdateTestStorage::remove_test_from_running_list(_storage, test);
             continue;
         }
@@ -98,6 +107,8 @@ std::string MaxTestScheduler::create_dir_and_give_path(unsigned long test_id) {
     std::error_code error;
     std::filesystem::create_directories(path, error);
     if (error) Logger::get().log("Cannot create test folder " + path + ": " + error.message());
+    // From now on the browser can open what the test has written.
+    UpdateTestStorage::set_result_id(_storage, test_id, result_id_of_folder(path));
     return path;
 }
 

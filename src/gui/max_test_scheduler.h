@@ -1,7 +1,8 @@
 // Starts as many tests at once as don't conflict with a running one: every
 // queued test that conflicts with nothing running, nor with an older test
 // started on the same pass, starts on that pass, each on a thread of its
-// own. All state lives in TestStorage.
+// own. A test held back carries "WaitingFor": the "TestID" of the first
+// running or chosen test it conflicts with. All state lives in TestStorage.
 #pragma once
 
 #include <nlohmann/json.hpp>

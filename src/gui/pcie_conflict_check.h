@@ -1,6 +1,7 @@
-// Two PCIe tests conflict when one works on a bridge whose bus range holds
-// the other's bus: margining a root port and a device below it at once would
-// disturb both links.
+// Two PCIe tests conflict when they work on the same function, or when one
+// works on a bridge whose bus range holds the other's bus: margining a root
+// port and a device below it at once would disturb both links. Functions on
+// another segment never conflict.
 #pragma once
 
 #include <cstdint>

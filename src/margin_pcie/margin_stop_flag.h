@@ -1,7 +1,8 @@
-// How a running margin is asked to stop. The service keeps one flag and
-// hands copies to the engines; every copy shares the same state, so raising
-// any of them stops every walk that holds one at its next offset. The walk
-// then ends with its lane back at normal settings.
+// How a running margin is asked to stop. The service keeps one flag for
+// shutdown and gives each test a flag of its own linked to it: raising the
+// shutdown flag stops every walk, raising a test's flag (a cancel) stops
+// only that test's. Copies share their state. A walk that sees the flag
+// raised ends at its next offset with its lane back at normal settings.
 #pragma once
 
 #include <atomic>
@@ -15,10 +16,19 @@ public:
     MarginStopFlag() : _flag(std::make_shared<std::atomic<bool>>(false)) {}
 
     void request_stop() const { _flag->store(true); }
-    bool stop_requested() const { return _flag->load(); }
+    bool stop_requested() const { return _flag->load() || (_parent && _parent->stop_requested()); }
+
+    // A new flag that reads raised when either it or this one is; raising it
+    // leaves this one alone.
+    MarginStopFlag linked() const {
+        MarginStopFlag child;
+        child._parent = std::make_shared<const MarginStopFlag>(*this);
+        return child;
+    }
 
 private:
     std::shared_ptr<std::atomic<bool>> _flag;
+    std::shared_ptr<const MarginStopFlag> _parent;
 };
 
 }  // namespace PCIE

@@ -19,11 +19,12 @@ void append_with_status(nlohmann::json& list, nlohmann::json record, const char*
 
 }  // namespace
 
-nlohmann::json build_test_list_message(const TestListsSnapshot& lists) {
+nlohmann::json build_test_list_message(const TestListsSnapshot& lists, const std::vector<nlohmann::json>& finished) {
     nlohmann::json test_list = nlohmann::json::array();
     for (const auto& record : lists.queued) append_with_status(test_list, record, "Queued");
     for (const auto& record : lists.running) append_with_status(test_list, record, "Running");
-    return nlohmann::json{{"key", "RunningTestsUpdate"}, {"TestList", std::move(test_list)}};
+    return nlohmann::json{
+        {"key", "RunningTestsUpdate"}, {"TestList", std::move(test_list)}, {"FinishedTests", finished}};
 }
 
 PollPass::PollPass(Scheduler* scheduler, TestStorage& storage, LtssmSource ltssm, Sender send)
@@ -32,14 +33,17 @@ PollPass::PollPass(Scheduler* scheduler, TestStorage& storage, LtssmSource ltssm
 void PollPass::run_once() {
     if (_scheduler) _scheduler->poll_and_start_tests();
     const TestListsSnapshot lists = snapshot_test_lists(_storage);
+    const std::vector<nlohmann::json> finished = UpdateTestStorage::take_finished(_storage);
     // While anything is queued or running the list goes out on every pass, so a
     // browser that connects mid-test is up to date within a second; after the
-    // last test one empty list goes out, then the service stays quiet.
+    // last test one empty list goes out, then the service stays quiet. Tests
+    // that ended since the last pass always go out, so one that started and
+    // ended between two passes is still seen.
     if (!lists.queued.empty() || !lists.running.empty()) {
         _list_was_empty = false;
-        _send(build_test_list_message(lists).dump());
-    } else if (!_list_was_empty) {
-        _send(build_test_list_message(lists).dump());
+        _send(build_test_list_message(lists, finished).dump());
+    } else if (!_list_was_empty || !finished.empty()) {
+        _send(build_test_list_message(lists, finished).dump());
         _list_was_empty = true;
     }
     if (port_status_update) {

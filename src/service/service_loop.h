@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -38,7 +39,9 @@ private:
 };
 
 // The "RunningTestsUpdate" message: queued copies first, then running ones,
-// each without "key" and with "Status" set.
-nlohmann::json build_test_list_message(const TestListsSnapshot& lists);
+// each without "key" and with "Status" set; "FinishedTests" lists the tests
+// that ended since the previous message.
+nlohmann::json build_test_list_message(const TestListsSnapshot& lists,
+                                       const std::vector<nlohmann::json>& finished = {});
 
 void poll_thread(Scheduler* scheduler, TestStorage& storage, WebBackEnd* backend);

@@ -9,11 +9,14 @@
 #include "gui/hvl_conflict_check.h"
 #include "gui/gui_pcie_handle_test.h"
 #include "gui/max_test_scheduler.h"
+#include "gui/test_archive.h"
+#include "gui/test_journal.h"
 #include "gui/test_runner.h"
 #include "gui/test_storage.h"
 #include "discovery/pci_detection.h"
 #include "hardware/crn_factory.h"
 #include "hardware/file_logger.h"
+#include "hardware/os_specific.h"
 #include "hardware/pci_std.h"
 #include "service/startup_inventory.h"
 #include "service/service_loop.h"
@@ -30,12 +33,14 @@ bool platform_refuses_gui(const std::vector<VEX_DIE_INFO>& dies) {
     return false;
 }
 
-// Queued tests die with the process; say so rather than drop them silently.
-void log_dropped_queue(TestStorage& storage) {
-    const TestListsSnapshot lists = snapshot_test_lists(storage);
-    if (!lists.queued.empty()) {
-        Logger::get().log("Service stopping: dropped " + std::to_string(lists.queued.size()) +
-                          " queued test(s)");
+// Tests a killed run left in the journal are archived before anything new
+// is queued, in the run folder they belonged to.
+void recover_journal(const std::string& root) {
+    const JournalRecovery recovery = recover_test_journal(root);
+    for (const auto& problem : recovery.problems) Logger::get().log("Test journal: " + problem);
+    if (!recovery.archived.empty()) {
+        Logger::get().log("Test journal: archived " + std::to_string(recovery.archived.size()) +
+                          " test(s) the previous run left unfinished");
     }
 }
 
@@ -65,10 +70,14 @@ int run_service(const ServiceOptions& options) {
         return 0;
     }
 
+    const std::string root = store.get_directory_for_lanewright();
+    recover_journal(root);
     TestStorage storage;
+    storage.journal = std::make_shared<TestJournal>(OSSpecific().append_to_path(root, TestJournal::kFileName),
+                                                    [&store] { return store.get_directory_for_this_instance(); });
     MaxTestScheduler scheduler(storage, store);
-    // One flag for every running margin: raised at shutdown so each stops at
-    // its next offset with its lanes back at normal settings.
+    // The service's flag: raised at shutdown so every running margin stops
+    // at its next offset with its lanes back at normal settings.
     PCIE::MarginStopFlag margin_stop;
     TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<PCIeMarginRunner>(margin_stop));
     std::unique_ptr<WebBackEnd> backend(new (std::nothrow) WebBackEnd(store, storage));
@@ -96,7 +105,9 @@ int run_service(const ServiceOptions& options) {
 
     stop_requested = true;
     poller.join();
-    log_dropped_queue(storage);
+    // Nothing queued disappears: what never started is archived as such.
+    if (const std::size_t dropped = archive_queue_at_stop(storage, store))
+        Logger::get().log("Service stopping: archived " + std::to_string(dropped) + " queued test(s) as not started");
     margin_stop.request_stop();
     scheduler.join_all_tests();
     backend.reset();

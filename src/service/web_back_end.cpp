@@ -4,6 +4,7 @@
 
 #include "gui/gui_pcie_get_device.h"
 #include "gui/pcie_margin_estimate.h"
+#include "gui/test_archive.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
@@ -138,6 +139,7 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
             return response;
         },
         RouteEffect::ReadOnly);
+    post_ref("/api/1.0/CancelTest", &WebBackEnd::CancelTest);
     get("/api/1.0/GetResultsDateRange", J, &WebBackEnd::GetResultsDateRange);
     post_ref("/api/1.0/GetResultsByDate", &WebBackEnd::GetResultsByDate);
     post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);
@@ -238,7 +240,17 @@ std::string WebBackEnd::AddTestToQueue(const std::string& body) {
         return json{{"OperationStatus", false}, {"ErrMsg", *refusal}}.dump();
     }
     UpdateTestStorage::add_test_to_queue_list(_storage, record);
-    return json{{"OperationStatus", true}, {"ErrMsg", ""}}.dump();
+    return json{{"OperationStatus", true}, {"ErrMsg", ""}, {"TestID", record["TestID"]}}.dump();
+}
+
+std::string WebBackEnd::CancelTest(const std::string& body) {
+    const json request = parse_request_body(body);
+    const auto id = request.find("TestID");
+    if (id == request.end() || !id->is_number_unsigned())
+        return json{{"OperationStatus", false}, {"ErrMsg", "\"TestID\" must be a whole number."}}.dump();
+    if (const auto refusal = cancel_test(_storage, _store, id->get<uint64_t>()))
+        return json{{"OperationStatus", false}, {"ErrMsg", *refusal}}.dump();
+    return json{{"OperationStatus", true}}.dump();
 }
 
 std::string WebBackEnd::GetResultsDateRange() {

@@ -43,6 +43,9 @@ public:
     std::string GetDeviceListForEyeScan();
     std::string GetAllCurrentResults();
     std::string AddTestToQueue(const std::string& body);
+    // {"TestID": n}: a queued test leaves the queue archived "Cancelled", a
+    // running one stops at its next safe point and archives itself so.
+    std::string CancelTest(const std::string& body);
     std::string GetResultsDateRange();
     std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);

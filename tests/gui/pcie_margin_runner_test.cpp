@@ -11,7 +11,9 @@
 #include "discovery/port_mapping.h"
 #include "gui/gui_pcie_handle_test.h"
 #include "gui/max_test_scheduler.h"
+#include "gui/test_archive.h"
 #include "gui/test_progress.h"
+#include "margin_pcie/execute_lane_margin_command.h"
 #include "hardware/crn_factory.h"
 #include "simulator/platform.h"
 
@@ -186,6 +188,61 @@ TEST_F(RunnerOverModel, StopRequestEndsTheRunFailedAndStillArchived) {
     const json result = only_output()["TestOutput"];
     EXPECT_EQ(result["Status"], "Failed") << result.dump(2);
     EXPECT_FALSE(result.value("FailureReason", std::string()).empty());
+}
+
+// Cancel over the model: a queued test leaves the queue archived at once, a
+// running margin stops at its next offset with its lanes back at normal
+// settings and keeps what it measured; the service's own flag stays down.
+TEST_F(RunnerOverModel, CancelEndsQueuedAndRunningTestsArchivedCancelled) {
+    MaxTestScheduler scheduler(storage, store);
+    // 10^-15: each full dwell lasts seconds of real time even at this scale.
+    json test = {{"Operation", "PCIe Margin"},
+                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
+                 {"TestParams", {{"BER", "15"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({0, 1})}}}};
+    json second = test;
+    UpdateTestStorage::add_test_to_queue_list(storage, test);
+    UpdateTestStorage::add_test_to_queue_list(storage, second);
+    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
+    EXPECT_EQ(snapshot_test_lists(storage).queued.at(0)["WaitingFor"], 0) << "same function";
+
+    ASSERT_EQ(cancel_test(storage, store, 1), std::nullopt);
+    EXPECT_TRUE(snapshot_test_lists(storage).queued.empty());
+    EXPECT_EQ(cancel_test(storage, store, 7), "No queued or running test has TestID 7.");
+
+    // Cancel once the margin has begun walking.
+    for (int i = 0; i < 2000; ++i) {
+        const auto running = snapshot_test_lists(storage).running;
+        if (!running.empty() && running[0].contains("Progress") && running[0].contains("ResultId")) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(cancel_test(storage, store, 0), std::nullopt);
+    EXPECT_EQ(snapshot_test_lists(storage).running.at(0)["Cancelling"], true);
+    run_to_end(scheduler);
+    EXPECT_FALSE(stop.stop_requested());
+
+    const fs::path run = fs::path(store.get_directory_for_this_instance());
+    const json running = read_json(run / "test_0" / "output.json");
+    EXPECT_EQ(running["TestOutput"]["Status"], "Cancelled");
+    EXPECT_EQ(running["TestOutput"]["FailureReason"], "Cancelled by the user");
+    EXPECT_TRUE(fs::exists(run / "test_0" / "raw_data.json"));
+    EXPECT_FALSE(running.contains("Cancelling"));
+    const json queued = read_json(run / "test_1" / "output.json");
+    EXPECT_EQ(queued["TestOutput"]["Status"], "Cancelled");
+    EXPECT_EQ(queued["TestOutput"]["FailureReason"], "Cancelled before it started");
+    EXPECT_EQ(queued["TestParams"], second["TestParams"]) << "kept so it can be run again";
+    EXPECT_EQ(UpdateTestStorage::take_finished(storage).size(), 2u);
+
+    // A lane left margining keeps sampling; one at normal settings has its log cleared.
+    for (const unsigned lane : {0u, 1u}) {
+        PCIE::ExecuteLaneMarginCmd cmd(PCIE::Device_ID(0, 3, 0, 0), lane, 6, *platform.read_pci(),
+                                       *platform.write_pci());
+        PCIE::ExecuteLaneMarginCmd::MarginLaneData out;
+        std::string err;
+        ASSERT_TRUE(cmd.send_cmd_and_read_response(1, 0x8F, out, err)) << err;
+        platform.model().clock().sleep_for(std::chrono::seconds(1));
+        ASSERT_TRUE(cmd.send_cmd_and_read_response(1, 0x8F, out, err)) << err;
+        EXPECT_EQ(out._margin_payload, 0u) << "lane " << lane << " still margining";
+    }
 }
 
 }  // namespace

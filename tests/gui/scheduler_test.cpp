@@ -93,25 +93,31 @@ TEST_F(SchedulerTest, StartsEveryQueuedTestThatConflictsWithNothingOnOnePass) {
     EXPECT_EQ(lists.running.size(), 3u);
 }
 
-TEST_F(SchedulerTest, TwoQueuedTestsOnOnePortNeverStartOnTheSamePass) {
-    queue(pcie_test("0:2:1.0", true, 3, 5));
-    queue(pcie_test("0:2:1.0", true, 3, 5));
-    queue(pcie_test("0:9:0.0"));
+// A held test names the test it waits for: an older one chosen on the same
+// pass, or one already running; the name goes when it starts.
+TEST_F(SchedulerTest, HeldTestsNameWhatTheyWaitFor) {
+    queue(pcie_test("0:2:1.0", true, 3, 5));  // 0
+    queue(pcie_test("0:2:1.0", true, 3, 5));  // 1: same port as 0
+    queue(pcie_test("0:9:0.0"));              // 2
+    queue(pcie_test("0:9:0.0"));              // 3: same function as 2
     EXPECT_EQ(scheduler.poll_and_start_tests(), 2);
-    const auto lists = snapshot_test_lists(storage);
-    ASSERT_EQ(lists.queued.size(), 1u);
-    EXPECT_EQ(lists.queued[0]["PCIeInfo"]["SBDF"], "0:2:1.0");
-}
-
-TEST_F(SchedulerTest, ConflictingTestWaitsWhileAYoungerOneOvertakes) {
-    queue(pcie_test("0:2:1.0", true, 3, 5));
-    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
-    queue(pcie_test("0:4:0.0"));  // below the running bridge
-    queue(pcie_test("0:9:0.0"));  // elsewhere
+    queue(pcie_test("0:4:0.0"));  // 4: below the running bridge
+    queue(pcie_test("0:a:0.0"));  // 5: elsewhere, overtakes
     EXPECT_EQ(scheduler.poll_and_start_tests(), 1);
-    const auto lists = snapshot_test_lists(storage);
-    ASSERT_EQ(lists.queued.size(), 1u);
-    EXPECT_EQ(lists.queued[0]["PCIeInfo"]["SBDF"], "0:4:0.0");
+    auto lists = snapshot_test_lists(storage);
+    ASSERT_EQ(lists.queued.size(), 3u);
+    EXPECT_EQ(lists.queued[0]["WaitingFor"], 0);
+    EXPECT_EQ(lists.queued[1]["WaitingFor"], 2);
+    EXPECT_EQ(lists.queued[2]["WaitingFor"], 0);
+    for (const auto& running : lists.running) EXPECT_FALSE(running.contains("WaitingFor"));
+
+    runner->release_all();
+    for (int i = 0; i < 400 && runner->started < 6; ++i) {
+        scheduler.poll_and_start_tests();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(runner->started, 6);
+    for (const auto& running : snapshot_test_lists(storage).running) EXPECT_FALSE(running.contains("WaitingFor"));
 }
 
 TEST_F(SchedulerTest, CompletedThreadsAreJoinedOnTheNextPass) {
@@ -171,7 +177,11 @@ TEST_P(PCIEConflictTable, Answers) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, PCIEConflictTable,
-    ::testing::Values(ConflictCase{"SameEndpoint", {0, 4, 0, 0}, {0, 4, 0, 0}, false},
+    ::testing::Values(ConflictCase{"SameFunction", {0, 4, 0, 0}, {0, 4, 0, 0}, true},
+                      ConflictCase{"SameBridge", {0, 2, 1, 0, true, 3, 5}, {0, 2, 1, 0, true, 3, 5}, true},
+                      ConflictCase{"OtherFunctionOfOneDevice", {0, 4, 0, 0}, {0, 4, 0, 1}, false},
+                      ConflictCase{"UnrelatedEndpoints", {0, 4, 0, 0}, {0, 9, 0, 0}, false},
+                      ConflictCase{"SameFunctionOtherSegment", {0, 4, 0, 0}, {1, 4, 0, 0}, false},
                       ConflictCase{"BridgeOverEndpoint", {0, 2, 1, 0, true, 3, 5}, {0, 4, 0, 0}, true},
                       ConflictCase{"OtherSegment", {0, 2, 1, 0, true, 3, 5}, {1, 4, 0, 0}, false},
                       ConflictCase{"EndpointPastRange", {0, 2, 1, 0, true, 3, 5}, {0, 6, 0, 0}, false},

@@ -1,76 +1,15 @@
-// The service as a process: what it prints, and that every way of ending it
-// ends it cleanly with exit code 0.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <thread>
-
+// The service as a process: what it prints, that every way of ending it
+// ends it cleanly with exit code 0, and that no way of ending it, not even
+// kill -9, loses a test a user queued.
 #include <gtest/gtest.h>
 
-#include "wire_client.h"
+#include <fstream>
 
-namespace {
+#include <nlohmann/json.hpp>
 
-struct ServiceProcess {
-    pid_t pid = -1;
-    int output = -1;  // the child's standard output
-    unsigned port = 0;
-    std::filesystem::path results;
+#include "service_process.h"
 
-    explicit ServiceProcess(unsigned listen_port) : port(listen_port) {
-        results = std::filesystem::temp_directory_path() / ("lanewright_proc_" + std::to_string(::getpid()));
-        int pipe_fds[2];
-        if (::pipe(pipe_fds) != 0) throw std::runtime_error("pipe");
-        pid = ::fork();
-        if (pid == 0) {
-            ::dup2(pipe_fds[1], STDOUT_FILENO);
-            ::close(pipe_fds[0]);
-            const std::string port_text = std::to_string(port);
-            ::execl(LANEWRIGHT_SIM_PATH, LANEWRIGHT_SIM_PATH, "--port", port_text.c_str(), "--results",
-                    results.c_str(), nullptr);
-            ::_exit(127);
-        }
-        ::close(pipe_fds[1]);
-        output = pipe_fds[0];
-    }
-    ~ServiceProcess() {
-        if (pid > 0) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
-        ::close(output);
-        std::filesystem::remove_all(results);
-    }
-
-    // Collects standard output until the text appears or the process ends.
-    std::string read_until(const std::string& text) {
-        std::string collected;
-        while (collected.find(text) == std::string::npos) {
-            const std::string part = wire_test::receive_some(output, 10000);
-            if (part.empty()) break;
-            collected += part;
-        }
-        return collected;
-    }
-
-    // The exit code, or -1 if the process didn't end within ten seconds.
-    int wait_for_exit() {
-        for (int i = 0; i < 1000; ++i) {
-            int status = 0;
-            if (::waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
-    }
-};
-
-}  // namespace
+using wire_test::ServiceProcess;
 
 TEST(ServiceProcessTest, AnnouncesItselfAndEndsWithZeroOnStop) {
     ServiceProcess service(wire_test::free_port());
@@ -107,3 +46,91 @@ TEST(ServiceProcessTest, TakenPortIsReportedNotCrashed) {
     wire_test::request(first.port, "GET", "/stop");
     EXPECT_EQ(first.wait_for_exit(), 0);
 }
+
+// However the service ends, every test a user queued is found in the
+// archive with what became of it. Three margins run (one per function) and
+// two wait behind them; at 10^-14 and this time scale no margin can finish
+// before the end comes.
+struct EndCase {
+    const char* name;
+    int signal;  // 0: the "/stop" route
+    const char* running_reason;
+    const char* queued_reason;
+};
+
+class QueueAtEndTest : public ::testing::TestWithParam<EndCase> {};
+
+TEST_P(QueueAtEndTest, EveryQueuedTestIsArchivedWithItsReason) {
+    namespace fs = std::filesystem;
+    using nlohmann::json;
+    const EndCase& c = GetParam();
+    const fs::path results = fs::temp_directory_path() / ("lanewright_end_" + std::to_string(::getpid()) + c.name);
+    fs::remove_all(results);
+    const std::vector<std::string> slow = {"--time-scale", "1000"};
+    const fs::path journal = results / "queue_journal.json";
+    std::vector<json> records;
+    {
+        ServiceProcess service(wire_test::free_port(), results, slow);
+        service.read_until("(chrome recommended):  http://");
+        for (const char* sbdf : {"0:3:0.0", "0:3:0.0", "0:c1:0.0", "0:c1:0.0", "0:41:0.0"}) {
+            json record = {{"Operation", "PCIe Margin"},
+                           {"PCIeInfo", {{"SBDF", sbdf}, {"DeviceType", "Endpoint"}}},
+                           {"TestParams", {{"BER", "14"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", {0}}}}};
+            const auto answer = wire_test::request(service.port, "POST", "/api/1.0/AddTestToQueue", record.dump());
+            const json accepted = json::parse(answer.body);
+            ASSERT_EQ(accepted["OperationStatus"], true) << answer.body;
+            record["TestID"] = accepted["TestID"];
+            records.push_back(record);
+        }
+        // Wait until the journal shows the first pass: three running, two waiting.
+        bool started = false;
+        for (int i = 0; i < 500 && !started; ++i) {
+            std::ifstream in(journal);
+            const json document = json::parse(in, nullptr, false);
+            started = !document.is_discarded() && document["Running"].size() == 3 && document["Queued"].size() == 2;
+            if (!started) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_TRUE(started) << "the journal never showed three running tests";
+        if (c.signal == 0)
+            wire_test::request(service.port, "GET", "/stop");
+        else
+            ::kill(service.pid, c.signal);
+        EXPECT_EQ(service.wait_for_exit(), c.signal == SIGKILL ? 128 + SIGKILL : 0);
+    }
+    if (c.signal == SIGKILL) {
+        // The next start archives what the killed run left, before serving.
+        ServiceProcess restarted(wire_test::free_port(), results, slow);
+        restarted.read_until("(chrome recommended):  http://");
+        wire_test::request(restarted.port, "GET", "/stop");
+        EXPECT_EQ(restarted.wait_for_exit(), 0);
+    }
+
+    EXPECT_FALSE(fs::exists(journal)) << "the journal outlived its tests";
+    std::vector<fs::path> runs;
+    for (const auto& entry : fs::directory_iterator(results))
+        if (entry.is_directory()) runs.push_back(entry.path());
+    ASSERT_EQ(runs.size(), 1u) << "all five belong to the first run";
+    for (const json& record : records) {
+        const unsigned id = record["TestID"].get<unsigned>();
+        SCOPED_TRACE("test " + std::to_string(id));
+        std::ifstream in(runs[0] / ("test_" + std::to_string(id)) / "output.json");
+        ASSERT_TRUE(in.good());
+        const json archived = json::parse(in);
+        const json& output = archived["TestOutput"];
+        EXPECT_EQ(output["Status"], "Failed");
+        const std::string reason = output.value("FailureReason", "");
+        const bool ran = id == 0 || id == 2 || id == 4;
+        EXPECT_EQ(reason.rfind(ran ? c.running_reason : c.queued_reason, 0), 0u) << reason;
+        EXPECT_EQ(archived["TestParams"], record["TestParams"]) << "kept so it can be run again";
+        EXPECT_EQ(output["ResultsFolder"], (runs[0] / ("test_" + std::to_string(id))).string());
+    }
+    fs::remove_all(results);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ends, QueueAtEndTest,
+    ::testing::Values(EndCase{"Stop", 0, "Margin stopped", "Not started: the service stopped"},
+                      EndCase{"Sigterm", SIGTERM, "Margin stopped", "Not started: the service stopped"},
+                      EndCase{"Sigkill", SIGKILL, "Interrupted: the service ended while this test ran",
+                              "Not started: the service ended before this test ran"}),
+    [](const auto& info) { return std::string(info.param.name); });

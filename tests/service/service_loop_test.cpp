@@ -70,6 +70,20 @@ TEST(PollPassTest, PushRulesFromIdleThroughTheLastTest) {
     ASSERT_EQ(pushes.sent.size(), 3u) << "exactly one empty list after the last test";
     EXPECT_TRUE(pushes.sent.back()["TestList"].empty());
     EXPECT_EQ(pushes.sent.back()["key"], "RunningTestsUpdate");
+
+    // A test that starts and ends between two passes is still pushed, once.
+    json quick = queue(storage, "PCIe Margin");
+    quick["PCIeInfo"] = {{"SBDF", "0:3:0.0"}};
+    ASSERT_TRUE(UpdateTestStorage::move_to_running(storage, quick));
+    quick["TestOutput"] = {{"Status", "Failed"}, {"FailureReason", "no link"}, {"ResultsFolder", "/r/2026_01_02-03_04_05/test_2"}};
+    UpdateTestStorage::remove_test_from_running_list(storage, quick);
+    pass.run_once();
+    pass.run_once();
+    ASSERT_EQ(pushes.sent.size(), 4u);
+    EXPECT_TRUE(pushes.sent.back()["TestList"].empty());
+    EXPECT_EQ(pushes.sent.back()["FinishedTests"],
+              json::array({{{"TestID", 2}, {"Operation", "PCIe Margin"}, {"SBDF", "0:3:0.0"}, {"Status", "Failed"},
+                            {"FailureReason", "no link"}, {"ResultId", "2026_01_02-03_04_05/test_2"}}}));
 }
 
 TEST(PollPassTest, LtssmPushEveryPassOnceRequested) {

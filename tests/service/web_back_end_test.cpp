@@ -22,6 +22,7 @@ const std::vector<std::pair<std::string, HttpMethod>> kApiRoutes = {
     {"/api/1.0/GetHVLDeviceListForMargin", HttpMethod::Get},  {"/api/1.0/GetCurrentHVLResults", HttpMethod::Get},
     {"/api/1.0/GetDeviceListForEyeScan", HttpMethod::Get},    {"/api/1.0/GetAllCurrentResults", HttpMethod::Get},
     {"/api/1.0/AddTestToQueue", HttpMethod::Post},           {"/api/1.0/EstimateTestDuration", HttpMethod::Post},
+    {"/api/1.0/CancelTest", HttpMethod::Post},
     {"/api/1.0/GetResultsDateRange", HttpMethod::Get},
     {"/api/1.0/GetResultsByDate", HttpMethod::Post},         {"/api/1.0/DownloadToCSV", HttpMethod::Post},
     {"/api/1.0/GetASPMInfo", HttpMethod::Get},               {"/api/1.0/SetL0Enabled", HttpMethod::Post},
@@ -124,9 +125,9 @@ TEST(WebBackEndQueue, AddTestToQueueAnswersAndQueuesWithId) {
     const auto response = request(service.port, "POST", "/api/1.0/AddTestToQueue",
                                   margin_record("0:3:0.0", json::array({0, "1,2"})).dump());
     TestRunnerRegistry::get().clear();
-    EXPECT_EQ(response.body, R"({"ErrMsg":"","OperationStatus":true})");
     const auto queued = snapshot_test_lists(*service.storage).queued;
     ASSERT_EQ(queued.size(), before + 1);
+    EXPECT_EQ(response.body, json({{"ErrMsg", ""}, {"OperationStatus", true}, {"TestID", queued.back()["TestID"]}}).dump());
     EXPECT_NE(queued.back()["TestID"], 99);
     EXPECT_EQ(queued.back()["Operation"], "PCIe Margin");
 }
