@@ -184,10 +184,10 @@ int view_getattr(const char* path, struct stat* st, fuse_file_info*) {
         st->st_size = kConfigSize;
         break;
     case Node::Kind::text:
-        // As sysfs: one page, whatever the text.
+        // Its true length (sysfs says one page): the kernel caches these.
         st->st_mode = S_IFREG | 0444;
         st->st_nlink = 1;
-        st->st_size = 4096;
+        st->st_size = static_cast<off_t>(n->text.size());
         break;
     }
     return 0;
@@ -221,7 +221,8 @@ int view_open(const char* path, fuse_file_info* fi) {
     if (n->kind == Node::Kind::folder) return -EISDIR;
     if ((fi->flags & O_ACCMODE) != O_RDONLY && n->kind != Node::Kind::config) return -EACCES;
     if (fi->flags & O_TRUNC) return -EACCES;
-    fi->direct_io = 1;
+    fi->direct_io = n->kind == Node::Kind::config;
+    fi->keep_cache = n->kind == Node::Kind::text;
     fi->fh = reinterpret_cast<uint64_t>(n);
     return 0;
 }
@@ -301,10 +302,11 @@ int view_truncate(const char* path, off_t, fuse_file_info*) {
 }
 
 void* view_init(fuse_conn_info*, fuse_config* config) {
-    // Nothing is cached: attributes never change, but a listing must never
-    // outlive the mount, and contents always come from the model.
-    config->direct_io = 1;
-    config->kernel_cache = 0;
+    // The tree and the attribute files are fixed while the view is mounted,
+    // so the kernel may keep names, attributes and texts; config files are
+    // direct I/O (see open).
+    config->entry_timeout = config->attr_timeout = config->negative_timeout = 3600;
+    config->direct_io = 0;
     return fuse_get_context()->private_data;
 }
 
