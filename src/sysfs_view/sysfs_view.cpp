@@ -71,8 +71,10 @@ struct SysfsView::State {
     std::thread server;
     std::mutex unmount_mutex;
     bool mounted = false;
+    bool made_folder = false;  // removed again at unmount
 
     void build();
+    void mount();
     void add(const std::string& path, Node node) {
         const auto slash = path.find_last_of('/');
         const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
@@ -352,12 +354,16 @@ std::string SysfsView::unusable_folder(const std::string& folder) {
     namespace fs = std::filesystem;
     std::error_code error;
     if (folder.empty()) return "no folder given";
-    const fs::path canonical = fs::canonical(folder, error);
+    const fs::path path = fs::weakly_canonical(fs::absolute(folder), error);
     if (error) return folder + ": " + error.message();
     for (const char* system : {"/sys", "/proc", "/dev"})
-        if (inside(canonical, system)) return folder + ": the view is never mounted inside " + system;
-    if (!fs::is_directory(canonical, error)) return folder + ": not a folder";
-    if (!fs::is_empty(canonical, error) || error)
+        if (inside(path, system)) return folder + ": the view is never mounted inside " + system;
+    if (!fs::exists(path, error)) {
+        if (!fs::is_directory(path.parent_path(), error)) return folder + ": its parent folder does not exist";
+        return "";  // made at mount
+    }
+    if (!fs::is_directory(path, error)) return folder + ": not a folder";
+    if (!fs::is_empty(path, error) || error)
         return folder + ": " + (error ? error.message() : std::string("the folder is not empty"));
     return "";
 }
@@ -367,9 +373,22 @@ SysfsView::SysfsView(std::shared_ptr<PlatformModel> model, const std::string& fo
     if (const std::string reason = unusable_folder(folder); !reason.empty()) throw SysfsViewError(reason);
     State& s = *_state;
     s.model = std::move(model);
-    s.folder = std::filesystem::canonical(folder).string();
     if (::access("/dev/fuse", R_OK | W_OK) != 0)
         throw SysfsViewError("/dev/fuse: " + std::string(std::strerror(errno)) + " (FUSE is not available here)");
+    std::error_code error;
+    s.made_folder = std::filesystem::create_directory(folder, error);
+    if (error) throw SysfsViewError(folder + ": " + error.message());
+    s.folder = std::filesystem::canonical(folder).string();
+    try {
+        s.mount();
+    } catch (const SysfsViewError&) {
+        if (s.made_folder) std::filesystem::remove(s.folder, error);
+        throw;
+    }
+}
+
+void SysfsView::State::mount() {
+    State& s = *this;
     s.build();
 
     fuse_args args = FUSE_ARGS_INIT(0, nullptr);
@@ -412,6 +431,8 @@ void SysfsView::unmount() {
     fuse_destroy(s.session);
     ::close(s.stop_fd);
     s.session = nullptr;
+    std::error_code ignored;
+    if (s.made_folder) std::filesystem::remove(s.folder, ignored);
 }
 
 }  // namespace sim

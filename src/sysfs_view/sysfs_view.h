@@ -28,7 +28,8 @@
 //   resource line is zero and irq is 0.
 // - Accesses come from outside, in real time, so the serving thread follows
 //   the model clock's wall-clock time (see ModelClock).
-// - The folder must be an existing empty folder outside /sys, /proc and /dev.
+// - The folder must be an empty folder outside /sys, /proc and /dev. A
+//   missing one whose parent exists is made, and removed at unmount.
 //
 // The view is served by a thread of its own and unmounted by the destructor
 // or unmount(). A process killed outright leaves the mount behind; remove it
