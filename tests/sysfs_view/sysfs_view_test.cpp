@@ -3,12 +3,15 @@
 // Skipped where FUSE or pciutils are missing.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -322,6 +325,54 @@ TEST_F(ModelSysfsView, RealBackendOverTheViewAgreesWithTheModelInProcess) {
     ASSERT_EQ(expected.size(), 2u);
     EXPECT_GT(expected[0][1].get<double>(), 0.0);
     EXPECT_EQ(margins(view_access), expected);
+}
+
+// Whichever signal ends lanewright-sim, its view is unmounted and the
+// folder it made is gone.
+TEST(SysfsViewProcess, SignalsEndItWithTheViewUnmounted) {
+    if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable here";
+    for (const int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        char parent[] = "/tmp/lw-sysfs-process-XXXXXX";
+        ASSERT_TRUE(::mkdtemp(parent));
+        const std::string folder = std::string(parent) + "/view";
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        std::vector<std::string> args = {LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"};
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        pid_t pid = 0;
+        ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        auto wait_exit = [&](int& status) {
+            for (int i = 0; i < 500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+                if (::waitpid(pid, &status, WNOHANG) == pid) return true;
+            return false;
+        };
+        int status = 0;
+        bool mounted = false;
+        for (int i = 0; i < 500 && !mounted; ++i) {
+            mounted = std::filesystem::exists(folder + "/bus/pci/devices");
+            if (!mounted && ::waitpid(pid, &status, WNOHANG) == pid) break;
+            if (!mounted) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        if (!mounted) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            std::filesystem::remove_all(parent);
+            GTEST_SKIP() << "lanewright-sim could not mount its view here";
+        }
+        ::kill(pid, signal);
+        const bool ended = wait_exit(status);
+        if (!ended) ::kill(pid, SIGKILL);
+        ASSERT_TRUE(ended) << "still running 10 s after the signal";
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_FALSE(std::filesystem::exists(folder));
+        std::error_code ignored;
+        std::filesystem::remove(parent, ignored);
+    }
 }
 
 }  // namespace
