@@ -8,13 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <filesystem>
 #include <map>
-#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -40,89 +38,56 @@ using nlohmann::json;
 
 namespace {
 
+// Starts a program (no shell) with standard output to out_fd, standard
+// error discarded; 0 when it can't start.
+pid_t spawn(std::vector<std::string> args, int out_fd) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, out_fd, 1);
+    posix_spawn_file_actions_addopen(&actions, out_fd >= 0 ? 2 : 1, "/dev/null", O_WRONLY, 0);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = 0;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
 struct Output {
-    bool started = false;
-    int status = -1;
+    int status = 127;  // exit status; 127: could not run
     std::string text;  // standard output
 };
 
-// Runs a program (no shell), standard error discarded.
 Output run(const std::vector<std::string>& args) {
     Output out;
-    int pipe_fds[2];
-    if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return out;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipe_fds[1]);
-    if (spawned == 0) {
-        char buffer[4096];
-        for (ssize_t n; (n = ::read(pipe_fds[0], buffer, sizeof(buffer))) > 0;) out.text.append(buffer, n);
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        out.started = WIFEXITED(status) && WEXITSTATUS(status) != 127;
-        out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ::close(pipe_fds[0]);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return out;
+    const pid_t pid = spawn(args, fds[1]);
+    ::close(fds[1]);
+    char buffer[4096];
+    for (ssize_t n; pid && (n = ::read(fds[0], buffer, sizeof(buffer))) > 0;) out.text.append(buffer, n);
+    ::close(fds[0]);
+    int status = 0;
+    if (pid && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) out.status = WEXITSTATUS(status);
     return out;
-}
-
-std::string sbdf(unsigned segment, unsigned bus, unsigned device, unsigned function) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%04x:%02x:%02x.%x", segment, bus, device, function);
-    return text;
-}
-
-// `lspci -D ...` split into one block per function.
-std::map<std::string, std::string> records(const std::string& text) {
-    static const std::regex header(R"(^([0-9a-f]{4}:[0-9a-f]{2}:[0-9a-f]{2}\.[0-7]) )");
-    std::map<std::string, std::string> blocks;
-    std::string* current = nullptr;
-    std::istringstream in(text);
-    for (std::string row; std::getline(in, row);) {
-        std::smatch m;
-        if (std::regex_search(row, m, header)) current = &blocks[m[1].str()];
-        if (current) *current += row + "\n";
-    }
-    return blocks;
 }
 
 class ModelSysfsView : public ::testing::Test {
 protected:
+    // The view makes its folder and removes it again.
     static void SetUpTestSuite() {
         platform = new sim::Platform(sim::load_platform("", std::nullopt, 1e5));
-        char folder[] = "/tmp/lw-sysfs-view-XXXXXX";
-        if (!::mkdtemp(folder)) {
-            skip_reason = "no temporary folder";
-            return;
-        }
         try {
-            view = new sim::SysfsView(platform->model_ptr(), folder);
+            view = new sim::SysfsView(platform->model_ptr(), "/tmp/lw-sysfs-view-" + std::to_string(::getpid()));
         } catch (const sim::SysfsViewError& error) {
             skip_reason = std::string("FUSE is not usable here: ") + error.what();
-            std::filesystem::remove(folder);
-            return;
         }
-        if (!run({"lspci", "--version"}).started) skip_reason = "lspci is not installed (package pciutils)";
+        if (view && run({"lspci", "--version"}).status == 127) skip_reason = "lspci is not installed (package pciutils)";
     }
     static void TearDownTestSuite() {
-        if (view) {
-            const std::string folder = view->folder();
-            delete view;
-            view = nullptr;
-            std::error_code ignored;
-            std::filesystem::remove(folder, ignored);
-        }
+        delete view;
         delete platform;
-        platform = nullptr;
     }
     void SetUp() override {
         if (!skip_reason.empty()) GTEST_SKIP() << skip_reason;
@@ -186,7 +151,11 @@ TEST_F(ModelSysfsView, LspciListsExactlyTheModelsFunctions) {
 TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem) {
     const Output out = tool("lspci", {"-D", "-vvv"});
     ASSERT_EQ(out.status, 0);
-    const auto blocks = records(out.text);
+    std::map<std::string, std::string> blocks;  // by address, from `lspci -D`'s blank-line separated records
+    for (size_t at = 0, end; at < out.text.size(); at = end + 2) {
+        end = std::min(out.text.find("\n\n", at), out.text.size());
+        blocks[out.text.substr(at, 12)] = out.text.substr(at, end - at);
+    }
     static const std::regex link_status(R"(LnkSta:\s+Speed ([0-9.]+)GT/s[^,]*, Width x([0-9]+))");
     static const char* const speeds[] = {"", "2.5", "5", "8", "16", "32"};
     const std::map<unsigned, std::regex> decoded = {
@@ -197,7 +166,8 @@ TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem
     };
     unsigned links = 0, margining = 0, at_32 = 0;
     for (const PCIDeviceDetails& f : platform->model().present_functions()) {
-        const std::string name = sbdf(f.segment, f.bus, f.device, f.function);
+        char name[16];
+        std::snprintf(name, sizeof(name), "%04x:%02x:%02x.%x", f.segment, f.bus, f.device, f.function);
         SCOPED_TRACE(name);
         ASSERT_TRUE(blocks.count(name));
         const std::string& block = blocks.at(name);
@@ -333,45 +303,31 @@ TEST(SysfsViewProcess, SignalsEndItWithTheViewUnmounted) {
     if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable here";
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
-        char parent[] = "/tmp/lw-sysfs-process-XXXXXX";
-        ASSERT_TRUE(::mkdtemp(parent));
-        const std::string folder = std::string(parent) + "/view";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        std::vector<std::string> args = {LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"};
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        pid_t pid = 0;
-        ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        auto wait_exit = [&](int& status) {
+        const std::string folder = "/tmp/lw-sysfs-process-" + std::to_string(::getpid());
+        const pid_t pid = spawn({LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"}, -1);
+        ASSERT_NE(pid, 0);
+        // Polls every 20 ms for up to 10 s; false when it ran out.
+        auto until = [](auto done) {
             for (int i = 0; i < 500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-                if (::waitpid(pid, &status, WNOHANG) == pid) return true;
+                if (done()) return true;
             return false;
         };
         int status = 0;
-        bool mounted = false;
-        for (int i = 0; i < 500 && !mounted; ++i) {
-            mounted = std::filesystem::exists(folder + "/bus/pci/devices");
-            if (!mounted && ::waitpid(pid, &status, WNOHANG) == pid) break;
-            if (!mounted) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        bool exited = false;
+        const bool mounted = until([&] {
+            exited = exited || ::waitpid(pid, &status, WNOHANG) == pid;
+            return exited || std::filesystem::exists(folder + "/bus/pci/devices");
+        }) && !exited;
         if (!mounted) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            std::filesystem::remove_all(parent);
+            if (!exited) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
             GTEST_SKIP() << "lanewright-sim could not mount its view here";
         }
         ::kill(pid, signal);
-        const bool ended = wait_exit(status);
+        const bool ended = until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
         if (!ended) ::kill(pid, SIGKILL);
         ASSERT_TRUE(ended) << "still running 10 s after the signal";
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
         EXPECT_FALSE(std::filesystem::exists(folder));
-        std::error_code ignored;
-        std::filesystem::remove(parent, ignored);
     }
 }
 
