@@ -355,6 +355,8 @@ std::string SysfsView::unusable_folder(const std::string& folder) {
     std::error_code error;
     if (folder.empty()) return "no folder given";
     const fs::path path = fs::weakly_canonical(fs::absolute(folder), error);
+    if (error == std::errc::not_connected)
+        return folder + ": a view left behind by a process that was killed; remove it with fusermount3 -u " + folder;
     if (error) return folder + ": " + error.message();
     for (const char* system : {"/sys", "/proc", "/dev"})
         if (inside(path, system)) return folder + ": the view is never mounted inside " + system;
