@@ -393,20 +393,25 @@ void SysfsView::State::mount() {
     State& s = *this;
     s.build();
 
-    fuse_args args = FUSE_ARGS_INIT(0, nullptr);
+    // With auto_unmount, fusermount3 stays behind as a watchdog and unmounts
+    // the view even when this process is killed outright; without the
+    // helper the view is mounted plainly.
     const fuse_operations ops = view_operations();
-    if (fuse_opt_add_arg(&args, "lanewright-sim") != 0 ||
-        fuse_opt_add_arg(&args, "-ofsname=lanewright-sim,subtype=sysfs") != 0) {
+    for (const char* options : {"-ofsname=lanewright-sim,subtype=sysfs,auto_unmount",
+                                "-ofsname=lanewright-sim,subtype=sysfs"}) {
+        fuse_args args = FUSE_ARGS_INIT(0, nullptr);
+        if (fuse_opt_add_arg(&args, "lanewright-sim") != 0 || fuse_opt_add_arg(&args, options) != 0) {
+            fuse_opt_free_args(&args);
+            throw SysfsViewError("FUSE: out of memory");
+        }
+        s.session = fuse_new(&args, &ops, sizeof(ops), &s);
         fuse_opt_free_args(&args);
-        throw SysfsViewError("FUSE: out of memory");
-    }
-    s.session = fuse_new(&args, &ops, sizeof(ops), &s);
-    fuse_opt_free_args(&args);
-    if (!s.session) throw SysfsViewError("FUSE: could not set up the file system");
-    if (fuse_mount(s.session, s.folder.c_str()) != 0) {
+        if (!s.session) throw SysfsViewError("FUSE: could not set up the file system");
+        if (fuse_mount(s.session, s.folder.c_str()) == 0) break;
         fuse_destroy(s.session);
-        throw SysfsViewError(s.folder + ": FUSE mount failed (see the message above)");
+        s.session = nullptr;
     }
+    if (!s.session) throw SysfsViewError(s.folder + ": FUSE mount failed (see the message above)");
     s.stop_fd = ::eventfd(0, EFD_CLOEXEC);
     if (s.stop_fd < 0) {
         fuse_unmount(s.session);

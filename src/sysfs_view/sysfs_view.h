@@ -32,8 +32,9 @@
 //   missing one whose parent exists is made, and removed at unmount.
 //
 // The view is served by a thread of its own and unmounted by the destructor
-// or unmount(). A process killed outright leaves the mount behind; remove it
-// with `fusermount3 -u DIR` (or `umount DIR` as root).
+// or unmount(). For a process killed outright, fusermount3 (package fuse3)
+// watches and unmounts; where it is missing the mount stays behind and
+// `fusermount3 -u DIR` (or `umount DIR` as root) removes it.
 #pragma once
 
 #include <memory>
