@@ -63,6 +63,7 @@ constexpr unsigned kStatusCapabilityList = 1u << 4;
 constexpr unsigned kCapPowerManagement = 0x01, kCapPciExpress = 0x10;
 constexpr unsigned kExtCapAer = 0x0001, kExtCapSerialNumber = 0x0003, kExtCapAcs = 0x000D;
 constexpr unsigned kExtCapSecondaryPcie = 0x0019, kExtCapLaneMargining = 0x0027;
+constexpr unsigned kExtCapPhysicalLayer16 = 0x0026, kExtCapPhysicalLayer32 = 0x002A;
 
 // Where the model puts its standard capabilities. The PCI Express one sits
 // where the chip's own port registers mirror it (link capabilities at 0x64).
@@ -85,6 +86,11 @@ constexpr unsigned kPortEndpoint = 0, kPortRoot = 4, kPortUpstream = 5, kPortDow
 
 // Inside Lane Margining at the Receiver.
 constexpr unsigned kMarginPortCapabilities = 0x04, kMarginPortStatus = 0x06, kMarginLaneControl = 0x08;
+// Inside Physical Layer 16.0 GT/s and 32.0 GT/s: the status register (low
+// four bits: equalisation complete, phases 1 to 3 successful) and the first
+// lane's equalisation control byte.
+constexpr unsigned kPhysicalLayerStatus = 0x0C, kPhysicalLayerLaneControl = 0x20;
+constexpr unsigned kEqualisationDone = 0x0F;
 // A lane's control and status at rest: receiver 0, "no command", payload 0x9C.
 constexpr unsigned kMarginNoCommand = 0x9C38;
 }  // namespace cfg

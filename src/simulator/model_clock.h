@@ -14,6 +14,15 @@
 // - sleep_for(nominal) advances the caller's time by nominal and really
 //   waits nominal / time scale.
 //
+// - A thread that serves outside clients (the sysfs view) follows the wall
+//   clock instead: its time is the real time since the model started times
+//   the time scale, so a tool that sleeps in real time sees model time move
+//   at the scale. All such threads share one identity, so what one of them
+//   starts the others see as their own. Their time also moves the frontier.
+//   Results of code that sleeps through the model stay exact; outside
+//   clients, which pay real time for every access, see at least the time
+//   they waited and usually a little more.
+//
 // Something that one thread starts and another waits for (a retrain, say)
 // is timed with ModelDeadline, which lets each observer see the wait run out
 // after the nominal time on its own clock, so a thread whose clock lags far
@@ -41,6 +50,8 @@ public:
 
     ModelTime now();
     void sleep_for(std::chrono::nanoseconds nominal);
+    // From now on the calling thread's time follows the wall clock (see above).
+    void follow_wall_clock();
 
     std::chrono::system_clock::time_point start() const { return _start; }
     std::chrono::system_clock::time_point to_system(int64_t ns) const {
@@ -53,11 +64,15 @@ private:
     struct ThreadState;
     ThreadState& _state();
     void _advance_frontier(int64_t ns);
+    int64_t _wall_ns();
 
     const uint64_t _id;
+    const uint64_t _wall_thread;  // the identity wall-clock threads share
     const std::chrono::system_clock::time_point _start;
+    const std::chrono::steady_clock::time_point _steady_start;
     const double _time_scale;
     std::atomic<int64_t> _frontier{0};
+    std::atomic<int64_t> _wall_latest{0};
 };
 
 // A wait that one thread starts and any thread may look at.

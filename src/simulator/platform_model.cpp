@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 #include "hardware/chips/chip_identity.h"
 #include "simulator/equalisation_model.h"
@@ -51,6 +52,7 @@ struct PlatformModel::Function {
     unsigned segment = 0, bus = 0, device = 0, function = 0;  // where it was built
     ConfigSpace space;
     unsigned pm = 0, pcie = 0, aer = 0, secondary = 0, margining = 0, margining_lanes = 0;
+    unsigned physical16 = 0, physical32 = 0;  // Physical Layer 16.0 / 32.0 GT/s capabilities
     Link* link = nullptr;        // ports: the link below; endpoints and upstream ports: the link above
     Die* die = nullptr;          // root functions: the die behind the index/data pair
     const MarginingProfile* receiver = nullptr;
@@ -82,6 +84,7 @@ struct Shape {
     unsigned port_type = 0;
     unsigned max_speed = 1, max_width = 1, port_number = 0;
     bool power_management = false, aer = false, secondary = false, margining = false;
+    bool physical16 = false, physical32 = false;
     bool acs = false;         // downstream ports
     uint64_t serial = 0;      // endpoints and upstream ports: device serial number (0: none)
     unsigned buses = 0;  // bridges: primary | secondary << 8 | subordinate << 16
@@ -150,7 +153,8 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
             c.define(p + cfg::kRootControl, 2, 0, 0x001F);
             c.define(p + cfg::kRootStatus, 4, 0, 0, 0x00010000);
         }
-        c.define(p + cfg::kDeviceCapabilities2, 4, ds ? 0x83F : 0x81F);
+        // From 16 GT/s a function must complete 10-bit tags.
+        c.define(p + cfg::kDeviceCapabilities2, 4, (ds ? 0x83F : 0x81F) | (s.max_speed >= kSpeed16GT ? 1u << 16 : 0));
         c.define(p + cfg::kDeviceControl2, 2, 0, ds ? 0x043F : 0x041F);
         c.define(p + cfg::kLinkCapabilities2, 4, ((1u << s.max_speed) - 1) << 1);
         c.define(p + cfg::kLinkControl2, 2, s.max_speed, ds ? 0xFFFF : 0xFFBF);
@@ -209,6 +213,23 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
             c.define(m + cfg::kMarginLaneControl + 4 * lane + 2, 2, cfg::kMarginNoCommand);
         }
     }
+    // Physical Layer 16.0 and 32.0 GT/s: the status follows the link (see
+    // _sync); parity mismatch status per lane is write-one-to-clear; each
+    // lane's equalisation control byte holds the transmitter presets that
+    // firmware chose for both ends (preset 7, as for 8 GT/s).
+    const uint32_t lane_bits = s.max_width >= 32 ? 0xFFFFFFFFu : (1u << s.max_width) - 1;
+    auto physical_layer = [&](unsigned id) {
+        const unsigned p = add_ext(id, 1, cfg::kPhysicalLayerLaneControl + s.max_width);
+        c.define(p + cfg::kPhysicalLayerStatus, 4, 0, 0, 0x10);       // link equalisation request RW1C
+        if (id == cfg::kExtCapPhysicalLayer16)
+            for (unsigned r = 0x10; r <= 0x18; r += 4) c.define(p + r, 4, 0, 0, lane_bits);
+        else
+            c.define(p + 0x08, 4, 0, 0x3);                             // bypass / no-equalisation disables
+        for (unsigned lane = 0; lane < s.max_width; ++lane) c.define(p + cfg::kPhysicalLayerLaneControl + lane, 1, 0x77);
+        return p;
+    };
+    if (s.physical16) f.physical16 = physical_layer(cfg::kExtCapPhysicalLayer16);
+    if (s.physical32) f.physical32 = physical_layer(cfg::kExtCapPhysicalLayer32);
 }
 
 namespace {
@@ -229,6 +250,8 @@ Shape port_shape(const PortProfile& port, unsigned port_type, unsigned primary_b
     s.aer = port.capabilities.aer;
     s.secondary = port.capabilities.secondary_pcie.value_or(port.max_speed >= kSpeed8GT);
     s.margining = port.capabilities.lane_margining.value_or(port.max_speed >= kSpeed16GT);
+    s.physical16 = port.max_speed >= kSpeed16GT;
+    s.physical32 = port.max_speed >= kSpeed32GT;
     s.buses = primary_bus | port.secondary_bus.value_or(0) << 8 | port.subordinate_bus.value_or(0) << 16;
     s.acs = true;
     return s;
@@ -250,6 +273,8 @@ Shape device_shape(const DeviceProfile& device, const FunctionProfile& fn, bool 
     // Port-wide capabilities live in function 0 only.
     s.secondary = function_zero && fn.capabilities.secondary_pcie.value_or(device.max_speed >= kSpeed8GT);
     s.margining = function_zero && fn.capabilities.lane_margining.value_or(device.max_speed >= kSpeed16GT);
+    s.physical16 = function_zero && device.max_speed >= kSpeed16GT;
+    s.physical32 = function_zero && device.max_speed >= kSpeed32GT;
     return s;
 }
 
@@ -592,6 +617,13 @@ void PlatformModel::_sync(Function& f, const ModelTime& now) {
     f.space.set(ls2, 2, equalised | (f.space.get(ls2, 2) & 0x0020));
     if (f.margining)
         f.space.set(f.margining + cfg::kMarginPortStatus, 2, up && !training && link.speed >= kSpeed16GT ? 1 : 0);
+    // Equalisation at a rate is complete while the link runs at or above it.
+    for (const auto& [at, rate] : {std::pair{f.physical16, kSpeed16GT}, std::pair{f.physical32, kSpeed32GT}}) {
+        if (!at) continue;
+        const unsigned status = at + cfg::kPhysicalLayerStatus;
+        const uint32_t done = up && link.speed >= rate ? cfg::kEqualisationDone : 0;
+        f.space.set(status, 4, done | (f.space.get(status, 4) & ~cfg::kEqualisationDone));
+    }
 }
 
 namespace {

@@ -26,6 +26,7 @@ public:
 // 3 = 8, 4 = 16, 5 = 32.
 constexpr unsigned kSpeed8GT = 3;
 constexpr unsigned kSpeed16GT = 4;
+constexpr unsigned kSpeed32GT = 5;
 
 struct MachineFacts {
     std::string host_name = "lanewright-sim";

@@ -38,6 +38,33 @@ TEST(ModelClock, ThreadsKeepTheirOwnTimeAndNewThreadsStartAtTheFrontier) {
     EXPECT_EQ(clock.to_system(clock.now().ns), system_clock::time_point(seconds(1'700'000'005)));
 }
 
+// Threads serving outside clients share one identity whose time is real
+// time times the scale, never behind what either saw, and carries the
+// frontier along; threads that sleep through the model keep their own.
+TEST(ModelClock, WallClockThreadsSeeRealTimeAtTheScale) {
+    sim::ModelClock clock(system_clock::time_point(seconds(1'700'000'000)), 1000);
+    clock.sleep_for(seconds(5));
+    sim::ModelTime first, second, third;
+    std::thread outside([&] {
+        clock.follow_wall_clock();
+        first = clock.now();
+        std::this_thread::sleep_for(milliseconds(20));
+        second = clock.now();
+    });
+    outside.join();
+    std::thread another([&] {
+        clock.follow_wall_clock();
+        third = clock.now();
+    });
+    another.join();
+    EXPECT_GE(second.ns - first.ns, 20'000'000'000);
+    EXPECT_EQ(second.thread, first.thread);
+    EXPECT_EQ(third.thread, first.thread);
+    EXPECT_GE(third.ns, second.ns);
+    EXPECT_GE(clock.frontier(), third.ns);
+    EXPECT_EQ(clock.now().ns, 5'000'000'000);
+}
+
 // The thread that starts a wait sees it end after the nominal time on its
 // own clock; another thread far behind sees it end after the same nominal
 // time from when it first looked, not when its clock catches up.
