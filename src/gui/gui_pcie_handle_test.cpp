@@ -118,7 +118,7 @@ void GUIPCIEHandleTest::start() {
     // A flag of this test's own, so a cancel stops this margin alone while
     // the service's flag still stops it at shutdown.
     _stop = _stop.linked();
-    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop(); });
+    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop("Margin stopped: cancelled by the user"); });
     auto thread = std::make_shared<std::thread>(&GUIPCIEHandleTest::thread_fuction, *this);
     _scheduler.add_test(id, thread);
 }

@@ -15,8 +15,19 @@ public:
     // A fresh flag that nobody has raised.
     MarginStopFlag() : _flag(std::make_shared<std::atomic<bool>>(false)) {}
 
-    void request_stop() const { _flag->store(true); }
+    // reason must outlive the flag (a string literal): the report names it.
+    void request_stop(const char* reason = kShutdownReason) const {
+        _reason->store(reason);
+        _flag->store(true);
+    }
     bool stop_requested() const { return _flag->load() || (_parent && _parent->stop_requested()); }
+    // Why the walk was stopped: this flag's reason, else the one it is linked to.
+    const char* stop_reason() const {
+        if (_flag->load()) return _reason->load();
+        return _parent ? _parent->stop_reason() : kShutdownReason;
+    }
+
+    static constexpr const char* kShutdownReason = "Margin stopped: the service is shutting down";
 
     // A new flag that reads raised when either it or this one is; raising it
     // leaves this one alone.
@@ -28,6 +39,7 @@ public:
 
 private:
     std::shared_ptr<std::atomic<bool>> _flag;
+    std::shared_ptr<std::atomic<const char*>> _reason = std::make_shared<std::atomic<const char*>>(kShutdownReason);
     std::shared_ptr<const MarginStopFlag> _parent;
 };
 

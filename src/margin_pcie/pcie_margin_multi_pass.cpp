@@ -35,7 +35,6 @@ constexpr unsigned int kQuickDwellMs = 50;  // first pass of walkback
 constexpr unsigned int kHighestErrorThreshold = 63;
 constexpr unsigned int kVoltageWalkBack = 1;
 constexpr unsigned int kTimingWalkBack = 4;
-constexpr const char* kStoppedText = "Margin stopped: the service is shutting down";
 constexpr const char* kNotAvailable = "Not Available";
 
 std::string side_name(bool voltage, DirectionOfMargin direction) {
@@ -200,8 +199,8 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
     }
     const MarginRegisterClaim claim(_id(), _access.stop);
     if (!claim.held()) {
-        _json.dump_information_msg(0, kStoppedText, device);
-        _json.dump_err_msg(0, kStoppedText, device);
+        _json.dump_information_msg(0, _access.stop.stop_reason(), device);
+        _json.dump_err_msg(0, _access.stop.stop_reason(), device);
         results.push_back(device);
         return false;
     }
@@ -311,8 +310,8 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
     _populate_pcie_device_details(0, 2, head);
     const bool stopped = _access.stop.stop_requested();
     if (stopped) {
-        _json.dump_information_msg(0, kStoppedText, head);
-        _json.dump_err_msg(0, kStoppedText, head);
+        _json.dump_information_msg(0, _access.stop.stop_reason(), head);
+        _json.dump_err_msg(0, _access.stop.stop_reason(), head);
     }
     // Equalisation and silicon details, for a mapped port whose lanes all
     // reach its SerDes link. A stopped run skips them to end sooner.

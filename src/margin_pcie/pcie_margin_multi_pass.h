@@ -16,8 +16,9 @@
 //   progress callback (MarginEngineAccess). When the flag is raised, every
 //   walk ends at its next offset with its lane back at normal settings, no
 //   further side or batch starts, and margin returns false with what it has:
-//   the first object gets "ErrorPresent" true, "ErrorMsg" "Margin stopped:
-//   the service is shutting down" and the same words in "Information", so a
+//   the first object gets "ErrorPresent" true, "ErrorMsg" the flag's reason
+//   ("Margin stopped: the service is shutting down", or the cancel's) and the
+//   same words in "Information", so a
 //   stopped run never reads as a complete one. Lanes that never ran carry
 //   only their lane keys.
 // - Progress is reported as each side of each lane starts and ends: lanes
