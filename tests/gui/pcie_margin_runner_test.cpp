@@ -66,24 +66,19 @@ INSTANTIATE_TEST_SUITE_P(
                     report.push_back({{"ErrorPresent", true}, {"ErrorMsg", "lanes are not mapped\n"}});
                 },
                 true, "lanes are not mapped\n"},
-        // Lane 5 lies outside the link: the receiver refused its threshold
-        // and never answered; lane 7 measured timing only though voltage is supported.
+        // Lane 5 lies outside the link (threshold refused, nothing measured);
+        // lane 7 measured no voltage though the receiver supports it.
         EndCase{"LanesThatGaveNoMeasurement",
                 [](json& report) {
-                    const json measured = json::array({{{"Offset", 0}, {"DwellTime", 50}, {"ErrCnt", 0}}});
-                    auto lane = [&](unsigned number, bool timing, bool voltage) {
-                        return json{{"LanePCIeNo", number},
-                                    {"PhaseLeftErrorMap", timing ? measured : json::array()},
-                                    {"PhaseRightErrorMap", timing ? measured : json::array()},
-                                    {"VoltTopErrorMap", voltage ? measured : json::array()},
-                                    {"VoltBottomErrorMap", voltage ? measured : json::array()}};
-                    };
-                    report.push_back(lane(2, true, true));
+                    const json some = json::array({{{"Offset", 0}, {"DwellTime", 50}, {"ErrCnt", 0}}});
+                    const json none = json::array();
+                    for (const auto& [lane, timing, voltage] :
+                         {std::tuple{2u, some, some}, {5u, none, none}, {7u, some, none}, {15u, some, some}})
+                        report.push_back({{"LanePCIeNo", lane}, {"PhaseLeftErrorMap", timing},
+                                          {"PhaseRightErrorMap", timing}, {"VoltTopErrorMap", voltage},
+                                          {"VoltBottomErrorMap", voltage}});
                     report[0]["VoltSupported"] = true;
                     report[0]["WarningMsg"] = "  Failed set error threshold for lane: 5. Reason: no answer\n";
-                    report.push_back(lane(5, false, false));
-                    report.push_back(lane(7, true, false));
-                    report.push_back(lane(15, true, true));
                 },
                 true,
                 "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured), "
