@@ -48,7 +48,8 @@ bool is_hvl_link(const VEX_DIE_INFO& die, const std::string& link) {
 // "a, b, c" of a JSON array's elements as they are written.
 std::string listed(const json& values) {
     std::string text;
-    for (const json& value : values) text += (text.empty() ? "" : ", ") + (value.is_string() ? value.get<std::string>() : value.dump());
+    for (const json& value : values)
+        text += (text.empty() ? "" : ", ") + (value.is_string() ? value.get<std::string>() : value.dump());
     return text.empty() ? "none" : text;
 }
 

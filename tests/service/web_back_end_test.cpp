@@ -167,7 +167,8 @@ INSTANTIATE_TEST_SUITE_P(
                                   "0:4:0.0 doesn't support margining: PCIe device speed is lower than 16 GT/s"},
                       RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "99"}}),
                                   "\"BER\" \"99\" is not offered for 0:3:0.0"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "4294967296"}}), "is not offered"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "4294967296"}}),
+                                  "is not offered"},
                       RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "16"}}), "is not offered"},
                       RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 0}}), "outside 1 to 63"},
                       RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 64}}), "outside 1 to 63"},
@@ -180,7 +181,8 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalCase{margin_record("0:3:0.0", json::array({nullptr})), "lane null is not a lane number"},
                       RefusalCase{margin_record("0:3:0.0", json::array({json::object()})), "lane {} is not a lane"},
                       RefusalCase{margin_record("0:3:0.0", json::array({4, 5, 6, 7})),
-                                  "lanes 4, 5, 6, 7 are not lanes of the trained link of 0:3:0.0 (offered: 0, 1, 2, 3)"},
+                                  "lanes 4, 5, 6, 7 are not lanes of the trained link of 0:3:0.0 (offered: 0, 1, 2, "
+                                  "3)"},
                       RefusalCase{margin_record("0:80:2.0", json::array({0, 8}), {{"Receiver", 1}}),
                                   "lane 8 is not a lane of the trained link of 0:80:2.0 (offered: 0, 1, 2, 3, 4, 5, "
                                   "6, 7)"}));
