@@ -38,6 +38,19 @@ bool read_express_dword(const ReadPCI& read, const Device_ID& device, DetectThis
     return true;
 }
 
+// A link width field: 1, 2, 4, 8, 16 or 32 lanes.
+bool width_from_field(unsigned int field, GetCurrentLinkWidth::WIDTH& value, std::string& error) {
+    switch (field) {
+        case GetCurrentLinkWidth::X1: case GetCurrentLinkWidth::X2: case GetCurrentLinkWidth::X4:
+        case GetCurrentLinkWidth::X8: case GetCurrentLinkWidth::X16: case GetCurrentLinkWidth::X32:
+            value = static_cast<GetCurrentLinkWidth::WIDTH>(field);
+            return true;
+        default:
+            error = "Unable to detect width value";
+            return false;
+    }
+}
+
 // Reads the speed code at the given offset and checks it against the supported vector.
 bool read_link_speed(const ReadPCI& read, const Device_ID& device, DetectThisPCIECapability& capability,
                      unsigned int relative, unsigned int shift, LINK_SPEEDS& value, std::string& error,
@@ -95,15 +108,7 @@ bool GetMaxLinkSpeed::get(std::string& value, std::string& error) const {
 bool GetCurrentLinkWidth::get(WIDTH& value, std::string& error) const {
     unsigned int dword = 0;
     if (!read_express_dword(_read, _device, _capability, kLinkControlStatusOffset, dword, error)) return false;
-    const unsigned int width = (dword >> 20) & 0x3F;
-    switch (width) {
-        case X1: case X2: case X4: case X8: case X16: case X32:
-            value = static_cast<WIDTH>(width);
-            return true;
-        default:
-            error = "Unable to detect width value";
-            return false;
-    }
+    return width_from_field((dword >> 20) & 0x3F, value, error);
 }
 
 bool GetCurrentLinkWidth::get(std::string& value, std::string& error) const {
@@ -116,6 +121,19 @@ bool GetCurrentLinkWidth::get(std::string& value, std::string& error) const {
     }
     error = "Unknown width value";
     return false;
+}
+
+bool GetMaxLinkWidth::get(WIDTH& value, std::string& error) const {
+    unsigned int dword = 0;
+    if (!read_express_dword(_read, _device, _capability, kLinkCapabilitiesOffset, dword, error)) return false;
+    return width_from_field((dword >> 4) & 0x3F, value, error);
+}
+
+bool GetMaxLinkWidth::get(std::string& value, std::string& error) const {
+    WIDTH width{};
+    if (!get(width, error)) return false;
+    value = "x" + std::to_string(static_cast<unsigned int>(width));
+    return true;
 }
 
 bool GetPowerState::get_power_state(POWER_STATE& value, std::string& error) const {

@@ -69,6 +69,16 @@ public:
 
 };
 
+// The widest link the port supports, from its link capabilities; the same
+// values and text as GetCurrentLinkWidth.
+class GetMaxLinkWidth : public PCIeCapabilityReader {
+public:
+    using PCIeCapabilityReader::PCIeCapabilityReader;
+    using WIDTH = GetCurrentLinkWidth::WIDTH;
+    bool get(WIDTH& value, std::string& error) const;
+    bool get(std::string& value, std::string& error) const;
+};
+
 class GetPowerState : public PCIeCapabilityReader {
 public:
     using PCIeCapabilityReader::PCIeCapabilityReader;

@@ -47,21 +47,51 @@ unsigned int current_width(const PCIE::Device_ID& id, ReadPCI& read) {
     return width;
 }
 
-// The pre-check's reason is of no use to the list: only whether it passed.
-bool passes_margin_pre_check(const PCIDeviceDetails& device, ReadPCI& read) {
+// Whether a margin test can run on the function; when not, reason says why
+// (the pre-check's own text), so the browser can tell the user.
+bool margin_supported(const PCIDeviceDetails& device, ReadPCI& read, bool fast_enough, std::string& reason) {
     const PCIE::Device_ID id(device.segment, device.bus, device.device, device.function);
     PCIE::DetectThisPCIECapability capability(id, read);
     PCIE::DetectThisPCIEExtendedCapability extended(id, read);
     std::string error;
-    return PCIE::MarginDeviceChecks(id, {read, capability, extended}).run_pre_check(error);
-}
-
-bool contains(const std::vector<PCIDeviceDetails>& devices, const PCIDeviceDetails& device) {
-    for (const auto& listed : devices) {
-        if (listed == device) return true;
-    }
+    const bool passed = PCIE::MarginDeviceChecks(id, {read, capability, extended}).run_pre_check(error);
+    if (passed && fast_enough) return true;
+    reason = passed ? "PCIe device speed is lower than 16 GT/s" : error;
+    // The pre-check appends its sentences to the search's own text, which
+    // may leave ". " at the start or ".." between them.
+    while (!reason.empty() && (reason.front() == '.' || reason.front() == ' ')) reason.erase(0, 1);
+    for (auto at = reason.find(".."); at != std::string::npos; at = reason.find("..")) reason.erase(at, 1);
+    if (reason.empty()) reason = "The margin pre-check failed";
     return false;
 }
+
+// The SerDes lanes the trained link runs on. The port's logical lanes follow
+// the link, its lane reversal included, so a link narrower than the port runs
+// on logical lanes 0 to width - 1; each is offered as its SerDes lane.
+json trained_serdes_lanes(const PortMap& port, unsigned int width) {
+    json lanes = json::array();
+    for (const auto& [logical, serdes] : port.logical_to_serdes_lane)
+        if (logical < width) lanes.push_back(serdes);
+    return lanes;
+}
+
+// A link that is up but runs slower or narrower than the function's link
+// capabilities allow (the far end may be what holds it back). A link that is
+// down, or a reader that fails, doesn't count as downtrained.
+bool downtrained(const PCIE::Device_ID& id, ReadPCI& read) {
+    PCIE::DetectThisPCIECapability capability(id, read);
+    PCIE::LINK_SPEEDS speed{}, max_speed{};
+    PCIE::GetCurrentLinkWidth::WIDTH width{}, max_width{};
+    std::string error;
+    if (!PCIE::GetCurrentLinkWidth(id, read, capability).get(width, error)) return false;
+    const bool slower = PCIE::GetCurrentLinkSpeed(id, read, capability).get(speed, error) &&
+                        PCIE::GetMaxLinkSpeed(id, read, capability).get(max_speed, error) && speed < max_speed;
+    const bool narrower = PCIE::GetMaxLinkWidth(id, read, capability).get(max_width, error) && width < max_width;
+    return slower || narrower;
+}
+
+// Platform functions carry IDs no public database names; they get ours.
+constexpr const char* kPlatformVendorName = "Platform";
 
 // Receiver numbers of Lane Margining at the Receiver a test may ask for: the
 // port's own receiver (1) on root and downstream ports, the far end's (6) on
@@ -110,32 +140,29 @@ json GUIPCIEGetDevice::_build(const std::vector<PCIDeviceDetails>& devices,
     for (const auto& device : devices) {
         if (speed_known(device)) listed.push_back(device);
     }
-    std::vector<PCIDeviceDetails> margin_devices;
-    for (const auto& device : listed) {
-        if (gen4_and_above(device) && passes_margin_pre_check(device, *read)) margin_devices.push_back(device);
-    }
-
     const PortMapData port_map = get_all_port_data(_store.get_die_list(), devices, read);
 
     json list = json::array();
     for (const auto& device : listed) {
         json element;
         element["PCIeInfo"] = _get_pcie_info(device, read);
-        element["PCIeMarginSupported"] = contains(margin_devices, device);
+        std::string unsupported;
+        element["PCIeMarginSupported"] = margin_supported(device, *read, gen4_and_above(device), unsupported);
+        if (!unsupported.empty()) element["PCIeMarginUnsupportedReason"] = unsupported;
         element["PCIeMarginData"] = _get_pcie_margin_data(device, read);
         if (bridge(device) && vex_device(device) &&
             is_device_mapped(device.segment, device.bus, device.device, device.function, port_map)) {
             const auto [die, port] =
                 get_mapped_device(device.segment, device.bus, device.device, device.function, port_map);
-            json lanes = json::array();
-            for (const auto& [logical, serdes] : port.logical_to_serdes_lane) lanes.push_back(serdes);
-            element["EyeScanSupported"] = !lanes.empty();
-            element["PCIeMarginData"]["Lanes"] = std::move(lanes);
+            const unsigned int width = current_width(port.device, *read);
+            if (!port.lc_state.empty()) element["PCIeInfo"]["LTSSM"] = port.lc_state;
+            element["EyeScanSupported"] = !port.logical_to_serdes_lane.empty();
+            element["PCIeMarginData"]["Lanes"] = trained_serdes_lanes(port, width);
             element["SERDES"] = _get_serdes_data(die, port);
             element["PCIeCtrlInfo"] = _get_pcie_ctrl_data(die, port);
             element["EyeScanData"] = _get_eyescan_data(port);
             element["NonDestMarginSupported"] = false;
-            element["NonDestMarginData"] = _get_nd_margin_data(port, current_width(port.device, *read));
+            element["NonDestMarginData"] = _get_nd_margin_data(port, width);
         } else {
             element["EyeScanSupported"] = false;
             element["NonDestMarginSupported"] = false;
@@ -149,15 +176,21 @@ json GUIPCIEGetDevice::_get_pcie_info(const PCIDeviceDetails& device, const std:
     const PCIE::Device_ID id(device.segment, device.bus, device.device, device.function);
     PCIE::DetectThisPCIECapability capability(id, *read);
     // A reader that fails leaves its text empty; the list shows no errors.
-    std::string speed, width, error;
+    std::string speed, width, max_speed, max_width, error;
     PCIE::GetCurrentLinkSpeed(id, *read, capability).get(speed, error);
     PCIE::GetCurrentLinkWidth(id, *read, capability).get(width, error);
+    PCIE::GetMaxLinkSpeed(id, *read, capability).get(max_speed, error);
+    PCIE::GetMaxLinkWidth(id, *read, capability).get(max_width, error);
     const bool is_bridge = FilterPCIDevices(FilterPCIDevices::BRIDGE_DEVICE, read)(device);
+    const bool is_platform = FilterPCIDevices(FilterPCIDevices::VEX_DEVICE, read)(device);
 
     json info = {{"SBDF", sbdf_text(device)},
-                 {"VendorName", PCIE::GetVendorName(id, *read)().first},
+                 {"VendorName", is_platform ? kPlatformVendorName : PCIE::GetVendorName(id, *read)().first},
                  {"Speed", speed},
                  {"Width", width},
+                 {"MaxSpeed", max_speed},
+                 {"MaxWidth", max_width},
+                 {"Downtrained", downtrained(id, *read)},
                  {"DeviceType", is_bridge ? "Bridge" : "Endpoint"}};
     if (is_bridge) {
         const auto [secondary, subordinate] = GetSecondarySubordinateBus()(device, read);

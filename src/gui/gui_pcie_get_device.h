@@ -7,6 +7,14 @@
 // The list is built at the first request and served from a cache until the
 // process ends: the pre-checks walk every function's configuration space, and
 // the first answer stands even if a link retrains later.
+//
+// Beyond the record's keys, "PCIeInfo" tells "MaxSpeed" and "MaxWidth" (the
+// link capabilities, in the text form of "Speed" and "Width"), "Downtrained"
+// and, for mapped ports, "LTSSM" (the port's link state); a function that
+// can't be margined carries "PCIeMarginUnsupportedReason", the pre-check's
+// reason. "PCIeMarginData"."Lanes" holds the lanes of the trained link only,
+// so a narrow card in a wide slot isn't margined on lanes it doesn't have.
+// The queue checks test records against this list.
 #pragma once
 
 #include <memory>

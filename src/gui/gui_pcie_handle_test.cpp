@@ -62,6 +62,32 @@ void write_result_file(const std::string& folder, const std::string& name, const
         throw std::runtime_error("Unable to write " + name + ": " + error);
 }
 
+// Lanes of a report that gave no margin: the receiver refused the error
+// threshold, or a side it margins holds no measurement at all (a lane outside
+// the trained link never answers). Their zeros would read as measured
+// margins, so such a test fails, naming them.
+std::optional<std::string> unmargined_lanes(const json& report) {
+    const json& first = report.at(0);
+    const std::string warnings = first.value("WarningMsg", std::string());
+    std::vector<const char*> sides = {"PhaseLeftErrorMap", "PhaseRightErrorMap"};
+    if (first.value("VoltSupported", false)) sides.insert(sides.end(), {"VoltTopErrorMap", "VoltBottomErrorMap"});
+    std::string named;
+    for (const json& lane : report) {
+        const std::string number = std::to_string(lane.value("LanePCIeNo", 0u));
+        std::string causes;
+        if (warnings.find("Failed set error threshold for lane: " + number + ".") != std::string::npos)
+            causes = "error threshold not set";
+        const bool unmeasured = std::any_of(sides.begin(), sides.end(), [&lane](const char* side) {
+            const auto map = lane.find(side);
+            return map == lane.end() || !map->is_array() || map->empty();
+        });
+        if (unmeasured) causes += std::string(causes.empty() ? "" : "; ") + "no offset measured";
+        if (!causes.empty()) named += (named.empty() ? "lane " : ", lane ") + number + " (" + causes + ")";
+    }
+    if (named.empty()) return std::nullopt;
+    return "Some lanes could not be margined: " + named;
+}
+
 }  // namespace
 
 json pcie_margin_test_output(const json& report, const std::string& folder) {
@@ -105,6 +131,7 @@ json run_and_write_pcie_margin(const std::function<void(json&)>& margin, const s
     if (report.empty()) return failed_test_output("The margin engine reported no lanes", folder);
     const json& first = report.at(0);
     if (first.value("ErrorPresent", false)) return failed_test_output(first.value("ErrorMsg", std::string()), folder);
+    if (const auto reason = unmargined_lanes(report)) return failed_test_output(*reason, folder);
     write_result_file(folder, "pcie_margin.csv", pcie_margin_csv(report));
     return pcie_margin_test_output(report, folder);
 }

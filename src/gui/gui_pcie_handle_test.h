@@ -53,7 +53,9 @@ nlohmann::json failed_test_output(const std::string& reason, const std::string& 
 
 // Runs margin (the engine's call, filling the report) and writes what it
 // gives into folder: "raw_data.json" unless it threw, "pcie_margin.csv"
-// unless the report shows an error. Returns "TestOutput". Throws only when a
+// unless the report shows an error. Returns "TestOutput": "Failed" also when
+// a lane could not be margined (error threshold refused, or a side without a
+// single measurement), with a reason naming those lanes. Throws only when a
 // file can't be written.
 nlohmann::json run_and_write_pcie_margin(const std::function<void(nlohmann::json&)>& margin,
                                          const std::string& folder);

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <sstream>
 
+#include "gui/gui_pcie_get_device.h"
 #include "gui/gui_resource_store.h"
 #include "gui/test_runner.h"
 #include "discovery/lane_generic_information.h"
@@ -42,6 +43,76 @@ bool is_hvl_link(const VEX_DIE_INFO& die, const std::string& link) {
     } catch (const std::runtime_error&) {
         return false;
     }
+}
+
+// "a, b, c" of a JSON array's elements as they are written.
+std::string listed(const json& values) {
+    std::string text;
+    for (const json& value : values)
+        text += (text.empty() ? "" : ", ") + (value.is_string() ? value.get<std::string>() : value.dump());
+    return text.empty() ? "none" : text;
+}
+
+// Whether the unsigned JSON number is one of values (numbers), compared
+// without narrowing, so 4294967302 is not taken for 6.
+bool offers_number(const json& values, const json& number) {
+    const auto wanted = number.get<unsigned long long>();
+    return std::any_of(values.begin(), values.end(), [wanted](const json& value) {
+        return is_unsigned(value) && value.get<unsigned long long>() == wanted;
+    });
+}
+
+// The device list's element of a function; nothing when it isn't listed.
+std::optional<json> listed_element(const PCIE::Device_ID& address, GUIResourceStore& store) {
+    const json list = GUIPCIEGetDevice(store).get_device_list(store.get_pcie_device_list());
+    for (const json& element : list) {
+        const auto sbdf = parse_sbdf(element.at("PCIeInfo").value("SBDF", std::string()));
+        if (sbdf && *sbdf == address) return element;
+    }
+    return std::nullopt;
+}
+
+// The margin parameters against what the device list offers this function,
+// so that a record runs only with choices the browser could have made.
+std::optional<std::string> check_offered_choices(const json& params, const json& offer, const std::string& sbdf) {
+    const std::string ber = params.at("BER").get<std::string>();
+    const json& bers = offer.at("BER");
+    if (std::find(bers.begin(), bers.end(), json(ber)) == bers.end())
+        return "\"BER\" \"" + ber + "\" is not offered for " + sbdf + " (choices: " + listed(bers) + ")";
+
+    const auto count = params.at("ErrCnt").get<unsigned long long>();
+    const auto lowest = offer.at("ErrCnt").at("Min").get<unsigned long long>();
+    const auto highest = offer.at("ErrCnt").at("Max").get<unsigned long long>();
+    if (count < lowest || count > highest)
+        return "\"ErrCnt\" " + std::to_string(count) + " is outside " + std::to_string(lowest) + " to " +
+               std::to_string(highest);
+
+    const json& receiver = params.at("Receiver");
+    if (!offers_number(offer.at("Receivers"), receiver))
+        return "Receiver " + receiver.dump() + " is not offered for " + sbdf + " (offered: " +
+               listed(offer.at("Receivers")) + ")";
+
+    // The runner skips lane elements that are neither numbers nor texts;
+    // here they would silently widen the test to every lane, so they refuse.
+    for (const json& element : params.at("Lanes"))
+        if (!element.is_number() && !element.is_string()) return "lane " + element.dump() + " is not a lane number";
+    std::string error;
+    const auto lanes = parse_lanes(params.at("Lanes"), error);
+    if (!lanes) return error;
+    if (lanes->empty()) return "\"Lanes\" names no lane";
+    std::vector<unsigned int> seen;
+    std::vector<unsigned int> outside;
+    for (const unsigned int lane : *lanes) {
+        if (std::find(seen.begin(), seen.end(), lane) != seen.end())
+            return "lane " + std::to_string(lane) + " is named more than once";
+        seen.push_back(lane);
+        if (!offers_number(offer.at("Lanes"), json(lane))) outside.push_back(lane);
+    }
+    if (!outside.empty())
+        return std::string(outside.size() == 1 ? "lane " : "lanes ") + listed(json(outside)) +
+               (outside.size() == 1 ? " is not a lane" : " are not lanes") + " of the trained link of " + sbdf +
+               " (offered: " + listed(offer.at("Lanes")) + ")";
+    return std::nullopt;
 }
 
 }  // namespace
@@ -125,8 +196,15 @@ std::optional<std::string> check_pcie_margin_record(const json& test, GUIResourc
     const bool found = std::any_of(devices.begin(), devices.end(), [&](const PCIDeviceDetails& device) {
         return PCIE::Device_ID(device) == *address;
     });
-    if (!found) return "no PCI function " + sbdf->get<std::string>() + " on this machine";
-    return check_margin_params(test, true);
+    const std::string name = sbdf->get<std::string>();
+    if (!found) return "no PCI function " + name + " on this machine";
+    if (const auto refusal = check_margin_params(test, true)) return refusal;
+    const auto element = listed_element(*address, store);
+    if (!element) return "PCI function " + name + " has no link to margin (its link speed can't be read)";
+    if (!element->value("PCIeMarginSupported", false))
+        return "PCI function " + name + " doesn't support margining: " +
+               element->value("PCIeMarginUnsupportedReason", std::string("the margin pre-check failed"));
+    return check_offered_choices(test.at("TestParams"), element->at("PCIeMarginData"), name);
 }
 
 std::optional<std::string> check_hvl_record(const json& test, GUIResourceStore& store) {

@@ -25,7 +25,11 @@ std::optional<std::vector<unsigned int>> parse_lanes(const nlohmann::json& lanes
 std::optional<std::string> check_margin_params(const nlohmann::json& test, bool with_receiver);
 
 // A PCIe margin record: "PCIeInfo"."SBDF" well formed and naming a function
-// found at start-up, and the margin parameters with "Receiver".
+// found at start-up, and the margin parameters with "Receiver"; then, against
+// that function's element of the margin device list: it supports margining,
+// "BER" is one of its "BER" choices, "ErrCnt" lies within its range,
+// "Receiver" is one of its "Receivers", and "Lanes" names at least one lane,
+// none twice, all of them lanes it offers (those of the trained link).
 std::optional<std::string> check_pcie_margin_record(const nlohmann::json& test, GUIResourceStore& store);
 
 // An hVL record (margin or eye scan on an hVL link): "HVLCtrlInfo" with

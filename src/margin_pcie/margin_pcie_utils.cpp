@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <stdexcept>
 
 #include "discovery/pci_capability.h"
 #include "discovery/pci_readers.h"
@@ -133,6 +135,15 @@ double getDwellTime(unsigned int errors, unsigned int ber_exponent, double data_
     return std::pow(10.0, ber_exponent) * factor / data_rate;
 }
 
+unsigned int dwell_milliseconds(double seconds) {
+    const double milliseconds = 1000 * seconds;
+    // The negated test also catches NaN.
+    if (!(milliseconds >= 0 && milliseconds <= static_cast<double>(std::numeric_limits<unsigned int>::max())))
+        throw std::runtime_error("The dwell time of this BER and error count is out of range (" +
+                                 std::to_string(seconds) + " s)");
+    return static_cast<unsigned int>(milliseconds);
+}
+
 double ComputeDwellTime::operator()(unsigned int errors, unsigned int ber_exponent, double data_rate) const {
     return getDwellTime(errors, ber_exponent, data_rate);
 }
@@ -250,9 +261,18 @@ bool place_holder_function(ReadPCI& read, WritePCI& write, unsigned int bus, uns
     }
     double rate = 0;
     if (!link_data_rate(id, read, rate, err)) return false;
-    const int final_dwell =
-        dwell_time != 0 ? static_cast<int>(dwell_time)
-                        : static_cast<int>(1000 * getDwellTime(error_threshold, ber_exponent, rate));
+    unsigned int dwell_ms = dwell_time;
+    try {
+        if (dwell_ms == 0) dwell_ms = dwell_milliseconds(getDwellTime(error_threshold, ber_exponent, rate));
+    } catch (const std::runtime_error& error) {
+        err = error.what();
+        return false;
+    }
+    if (dwell_ms > static_cast<unsigned int>(std::numeric_limits<int>::max())) {
+        err = "The dwell time is out of range (" + std::to_string(dwell_ms) + " ms)";
+        return false;
+    }
+    const int final_dwell = static_cast<int>(dwell_ms);
     for (const unsigned int lane : lanes) {
         std::string cause;
         if (!ExecuteLaneMarginCmd(id, lane, receiver, read, write).set_error_threshold(kHighestErrorThreshold, cause))

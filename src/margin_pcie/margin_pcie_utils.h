@@ -24,6 +24,11 @@ namespace PCIE {
 // above 10 take the factor for 0.
 double getDwellTime(unsigned int errors, unsigned int ber_exponent, double data_rate);
 
+// A dwell in seconds as whole milliseconds. Throws std::runtime_error when it
+// doesn't fit an unsigned 32-bit number (a BER of 10^-30 asks for ~10^20 s),
+// rather than letting the conversion overflow.
+unsigned int dwell_milliseconds(double seconds);
+
 class ComputeDwellTime {
 public:
     double operator()(unsigned int errors, unsigned int ber_exponent, double data_rate) const;

@@ -214,7 +214,7 @@ bool PCIEMarginMultiPass::margin(json& results, int loop) const {
 
     const unsigned int dwell = _params.dwell_time != 0
                                    ? _params.dwell_time
-                                   : static_cast<unsigned int>(1000 * _get_dwell_time(mapped ? &port : nullptr));
+                                   : dwell_milliseconds(_get_dwell_time(mapped ? &port : nullptr));
     _populate_margin_params(0, dwell, device);
 
     std::vector<unsigned int> lanes = _params.lanes;

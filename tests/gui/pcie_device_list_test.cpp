@@ -56,7 +56,9 @@ const Expected kMachine[] = {
     {"0:41:0.0", "32 GT/s", "x16", false, true, 6, nullptr},
     {"0:41:0.1", "32 GT/s", "x16", false, false, 6, nullptr},  // margining lives on function 0
     {"0:80:1.0", "32 GT/s", "x16", true, true, 1, "P0"},
+    {"0:80:2.0", "32 GT/s", "x8", true, true, 1, "P1"},  // x16 slot of a x8 card
     {"0:81:0.0", "32 GT/s", "x16", false, true, 6, nullptr},
+    {"0:82:0.0", "32 GT/s", "x8", false, true, 6, nullptr},
     {"0:c0:1.0", "16 GT/s", "x4", true, true, 1, "P2"},
     {"0:c0:2.0", "8 GT/s", "x8", true, false, 1, "G2"},
     {"0:c1:0.0", "16 GT/s", "x4", false, true, 6, nullptr},
@@ -106,9 +108,10 @@ TEST_F(PCIEDeviceList, BridgeCarriesItsBusRange) {
     }
 }
 
-// A mapped port's margin lanes are its SerDes lanes (the map's values in key
-// order); the eye scan offers the logical lanes, and the non-destructive
-// margin the logical lane on each SerDes lane the link runs on.
+// A mapped port's margin lanes are the SerDes lanes of the logical lanes the
+// trained link runs on; the eye scan offers all logical lanes, and the
+// non-destructive margin the logical lane on each SerDes lane up to the width.
+// A x8 card in the reversed x16 slot7 runs on its top lanes.
 TEST_F(PCIEDeviceList, MappedPortsOfferTheirSerdesLanes) {
     const json answer = list();
     const struct {
@@ -118,7 +121,8 @@ TEST_F(PCIEDeviceList, MappedPortsOfferTheirSerdesLanes) {
         {"0:0:1.0", range(0, 16), range(0, 16), range(0, 16)},
         {"0:40:1.0", range(0, 16, true), range(0, 16), range(0, 16, true)},  // SerDes lanes reversed
         {"0:c0:2.0", range(0, 8, true), range(0, 8), range(0, 8, true)},
-        {"0:0:1.1", range(0, 4), range(0, 4), json::array()},  // link down: no width to walk
+        {"0:80:2.0", range(8, 8, true), range(0, 16), range(8, 8, true)},
+        {"0:0:1.1", json::array(), range(0, 4), json::array()},  // link down: no lanes to margin
     };
     for (const auto& p : ports) {
         SCOPED_TRACE(p.sbdf);
@@ -136,9 +140,13 @@ TEST_F(PCIEDeviceList, ElementOfAMappedRootPortInFull) {
     const json expected = {
         {"PCIeInfo",
          {{"SBDF", "0:c0:1.0"},
-          {"VendorName", ""},
+          {"VendorName", "Platform"},
           {"Speed", "16 GT/s"},
           {"Width", "x4"},
+          {"MaxSpeed", "32 GT/s"},
+          {"MaxWidth", "x4"},
+          {"Downtrained", true},
+          {"LTSSM", "L0(0x10)"},
           {"DeviceType", "Bridge"},
           {"BridgeInfo", {{"SecondaryBus", 0xC1}, {"SubordinateBus", 0xC1}}}}},
         {"PCIeMarginSupported", true},
@@ -155,6 +163,38 @@ TEST_F(PCIEDeviceList, ElementOfAMappedRootPortInFull) {
         {"NonDestMarginData", {{"BER", ber_eye}, {"Lanes", {0, 1, 2, 3}}}},
     };
     EXPECT_EQ(element(list(), "0:c0:1.0"), expected);
+}
+
+// What the link can do beside what it does, its state where the platform
+// tells it, and why margining is refused.
+TEST_F(PCIEDeviceList, LinkCapabilitiesStateAndRefusalReason) {
+    const json answer = list();
+    const struct {
+        const char* sbdf;
+        const char* max_speed;
+        const char* max_width;
+        bool downtrained;
+        const char* ltssm;   // nullptr: not known for this function
+        const char* reason;  // part of "PCIeMarginUnsupportedReason"; nullptr: margining supported
+    } cases[] = {
+        {"0:80:2.0", "32 GT/s", "x16", true, "L0(0x10)", nullptr},  // narrower than the slot
+        {"0:82:0.0", "32 GT/s", "x8", false, nullptr, nullptr},
+        {"0:2:1.0", "16 GT/s", "x8", true, nullptr, "speed is lower than 16 GT/s"},  // slower than it can
+        {"0:0:1.1", "32 GT/s", "x4", false, "Detect(0x1)", "speed is lower than 16 GT/s"},  // link down
+        {"0:41:0.1", "32 GT/s", "x16", false, nullptr, "lacking Lane Margining feature Capability"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sbdf);
+        const json e = element(answer, c.sbdf);
+        EXPECT_EQ(e["PCIeInfo"]["MaxSpeed"], c.max_speed);
+        EXPECT_EQ(e["PCIeInfo"]["MaxWidth"], c.max_width);
+        EXPECT_EQ(e["PCIeInfo"]["Downtrained"], c.downtrained);
+        EXPECT_EQ(e["PCIeInfo"].value("LTSSM", ""), c.ltssm ? c.ltssm : "");
+        EXPECT_EQ(e.contains("PCIeMarginUnsupportedReason"), c.reason != nullptr);
+        if (c.reason) EXPECT_NE(e["PCIeMarginUnsupportedReason"].get<std::string>().find(c.reason), std::string::npos);
+    }
+    // The platform's own functions, which no ID database names.
+    EXPECT_EQ(element(answer, "0:81:0.0")["PCIeInfo"]["VendorName"], "Platform");
 }
 
 // The first answer stands for the life of the process, whatever the machine

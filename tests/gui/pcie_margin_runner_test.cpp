@@ -67,7 +67,24 @@ INSTANTIATE_TEST_SUITE_P(
                 [](json& report) {
                     report.push_back({{"ErrorPresent", true}, {"ErrorMsg", "lanes are not mapped\n"}});
                 },
-                true, "lanes are not mapped\n"}),
+                true, "lanes are not mapped\n"},
+        // Lane 5 lies outside the link (threshold refused, nothing measured);
+        // lane 7 measured no voltage though the receiver supports it.
+        EndCase{"LanesThatGaveNoMeasurement",
+                [](json& report) {
+                    const json some = json::array({{{"Offset", 0}, {"DwellTime", 50}, {"ErrCnt", 0}}});
+                    const json none = json::array();
+                    for (const auto& [lane, timing, voltage] :
+                         {std::tuple{2u, some, some}, {5u, none, none}, {7u, some, none}, {15u, some, some}})
+                        report.push_back({{"LanePCIeNo", lane}, {"PhaseLeftErrorMap", timing},
+                                          {"PhaseRightErrorMap", timing}, {"VoltTopErrorMap", voltage},
+                                          {"VoltBottomErrorMap", voltage}});
+                    report[0]["VoltSupported"] = true;
+                    report[0]["WarningMsg"] = "  Failed set error threshold for lane: 5. Reason: no answer\n";
+                },
+                true,
+                "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured), "
+                "lane 7 (no offset measured)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(RunnerFigures, EachFigureIsTheWorstLaneOfItsOwnDirection) {
@@ -174,6 +191,23 @@ TEST_F(RunnerOverModel, MarginRunsToCompleteWithTheThreeFilesAndTheProfilesMargi
     EXPECT_FALSE(output.contains("Progress"));
     EXPECT_GT(result["PhaseLeft (UI)"].get<double>(), 0.0);
     EXPECT_GT(result["VrefTop (mv)"].get<double>(), 0.0);
+}
+
+// Lane 5 of a x4 link: the engine walks it without a single answer, and the
+// test says so instead of archiving its zeros as margins.
+TEST_F(RunnerOverModel, LaneOutsideTheLinkFailsTheTestByName) {
+    MaxTestScheduler scheduler(storage, store);
+    json test = {{"Operation", "PCIe Margin"},
+                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
+                 {"TestParams", {{"BER", "8"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({2, 5})}}}};
+    UpdateTestStorage::add_test_to_queue_list(storage, test);
+    run_to_end(scheduler);
+
+    const json result = only_output()["TestOutput"];
+    EXPECT_EQ(result["Status"], "Failed") << result.dump(2);
+    EXPECT_EQ(result["FailureReason"],
+              "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured)");
+    EXPECT_TRUE(fs::exists(fs::path(result["ResultsFolder"].get<std::string>()) / "raw_data.json"));
 }
 
 TEST_F(RunnerOverModel, StopRequestEndsTheRunFailedAndStillArchived) {

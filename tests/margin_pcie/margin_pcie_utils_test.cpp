@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "margin_pcie/fake_margin_receiver.h"
 #include "margin_pcie/margin_pcie_utils.h"
 
@@ -17,7 +19,10 @@ TEST(DwellTime, FollowsTheFactorTable) {
         EXPECT_NEAR(getDwellTime(c.errors, c.ber, c.rate), c.seconds, 1e-9) << c.errors;
         EXPECT_EQ(ComputeDwellTime()(c.errors, c.ber, c.rate), getDwellTime(c.errors, c.ber, c.rate));
     }
-    EXPECT_EQ(static_cast<int>(1000 * getDwellTime(0, 12, 32e9)), 93687);
+    EXPECT_EQ(dwell_milliseconds(getDwellTime(0, 12, 32e9)), 93687u);
+    // Exponents no one can wait for are refused rather than cast into nonsense.
+    for (const double seconds : {getDwellTime(4, 30, 16e9), getDwellTime(4, 4294967295u, 16e9), -1.0, std::nan("")})
+        EXPECT_THROW(dwell_milliseconds(seconds), std::runtime_error) << seconds;
 }
 
 TEST(DwellLadder, GrowsTenfoldAndEndsOnTheFinalDwell) {

@@ -22,7 +22,7 @@ TEST(PCIEDeviceListRoute, AnswersTheListOfTheStoredMachine) {
     EXPECT_EQ(response.status, 200);
     EXPECT_EQ(response.content_type, "application/json");
     const json answer = json::parse(response.body);
-    ASSERT_EQ(answer.size(), 18u);  // every function of the machine with a readable link speed
+    ASSERT_EQ(answer.size(), 20u);  // every function of the machine with a readable link speed
     EXPECT_EQ(answer[0]["PCIeInfo"]["SBDF"], "0:0:1.0");
     EXPECT_EQ(answer[0]["SERDES"]["SERDES"], "P0");
 }

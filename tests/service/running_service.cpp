@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "service/web_back_end.h"
+#include "simulator/platform.h"
 #include "service/wire_server.h"
 #include "wire_client.h"
 
@@ -15,6 +16,9 @@ namespace {
 
 struct ServiceState {
     RunningService info;
+    // Configuration space of the stored functions: the embedded machine,
+    // reached only through the store (nothing is installed process-wide).
+    sim::Platform machine = sim::load_platform("", std::nullopt, 1e6);
     std::unique_ptr<GUIResourceStore> store;
     std::unique_ptr<TestStorage> storage;
     std::unique_ptr<WebBackEnd> backend;
@@ -50,9 +54,12 @@ RunningService& running_service() {
     g_state->info.results_root =
         std::filesystem::temp_directory_path() / ("lanewright_results_" + std::to_string(::getpid()));
     g_state->store = std::make_unique<GUIResourceStore>(g_state->info.results_root.string());
-    // One function the queue tests can name: 0:3:0.0.
-    std::vector<PCIDeviceDetails> devices{PCIDeviceDetails(0, 3, 0, 0)};
-    g_state->store->store_pcie_device_list(devices);
+    // Functions the queue tests can name: 0:3:0.0, a x4 endpoint that can be
+    // margined; 0:4:0.0, one that can't (8 GT/s); 0:80:2.0, a x16 slot with a
+    // x8 link (no dies are stored, so it counts as an unmapped port).
+    std::vector<PCIDeviceDetails> devices{PCIDeviceDetails(0, 3, 0, 0), PCIDeviceDetails(0, 4, 0, 0),
+                                          PCIDeviceDetails(0, 0x80, 2, 0)};
+    g_state->store->store_pcie_device_list(devices, g_state->machine.read_pci(), g_state->machine.write_pci());
     g_state->storage = std::make_unique<TestStorage>();
     g_state->backend = std::make_unique<WebBackEnd>(*g_state->store, *g_state->storage);
     g_state->backend->RegisterServices();

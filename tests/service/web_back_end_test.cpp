@@ -110,12 +110,16 @@ public:
     void start(const json&, GUIResourceStore&, TestStorage&, Scheduler&) const override {}
 };
 
-json margin_record(const std::string& sbdf, const json& lanes) {
-    return {{"Operation", "PCIe Margin"},
-            {"PCIeInfo", {{"SBDF", sbdf}}},
-            {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 1}, {"Lanes", lanes}}},
-            {"TestID", 99},
-            {"key", "x"}};
+// A record for 0:3:0.0 (x4, receiver 6) unless told otherwise; changes
+// replace parts of "TestParams".
+json margin_record(const std::string& sbdf, const json& lanes, const json& changes = json::object()) {
+    json record = {{"Operation", "PCIe Margin"},
+                   {"PCIeInfo", {{"SBDF", sbdf}}},
+                   {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", lanes}}},
+                   {"TestID", 99},
+                   {"key", "x"}};
+    record["TestParams"].update(changes);
+    return record;
 }
 
 TEST(WebBackEndQueue, AddTestToQueueAnswersAndQueuesWithId) {
@@ -157,9 +161,33 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalCase{{{"Operation", "EyeScan"}}, "can't run in this version"},
                       RefusalCase{margin_record("0:3:0", json::array({0})), "is not of the form"},
                       RefusalCase{margin_record("0:3:20.0", json::array({0})), "is not of the form"},
-                      RefusalCase{margin_record("0:4:0.0", json::array({0})), "no PCI function 0:4:0.0"},
+                      RefusalCase{margin_record("0:9:0.0", json::array({0})), "no PCI function 0:9:0.0"},
                       RefusalCase{margin_record("0:3:0.0", json::array({"4,x"})), "\"x\" is not a lane number"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({-1})), "not a lane number"}));
+                      RefusalCase{margin_record("0:3:0.0", json::array({-1})), "not a lane number"},
+                      // Records that would run wrong or for ever: only what the device list offers.
+                      RefusalCase{margin_record("0:4:0.0", json::array({0})),
+                                  "0:4:0.0 doesn't support margining: PCIe device speed is lower than 16 GT/s"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "99"}}),
+                                  "\"BER\" \"99\" is not offered for 0:3:0.0"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "4294967296"}}),
+                                  "is not offered"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "16"}}), "is not offered"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 0}}), "outside 1 to 63"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 64}}), "outside 1 to 63"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 4294967302ULL}}),
+                                  "Receiver 4294967302 is not offered for 0:3:0.0 (offered: 6)"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 7}}), "Receiver 7 is not"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 6.0}}), "whole number"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({0, 0, 0})), "lane 0 is named more than once"},
+                      RefusalCase{margin_record("0:3:0.0", json::array()), "\"Lanes\" names no lane"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({nullptr})), "lane null is not a lane number"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({json::object()})), "lane {} is not a lane"},
+                      RefusalCase{margin_record("0:3:0.0", json::array({4, 5, 6, 7})),
+                                  "lanes 4, 5, 6, 7 are not lanes of the trained link of 0:3:0.0 (offered: 0, 1, 2, "
+                                  "3)"},
+                      RefusalCase{margin_record("0:80:2.0", json::array({0, 8}), {{"Receiver", 1}}),
+                                  "lane 8 is not a lane of the trained link of 0:80:2.0 (offered: 0, 1, 2, 3, 4, 5, "
+                                  "6, 7)"}));
 
 struct BadBodyCase {
     std::string path, body;

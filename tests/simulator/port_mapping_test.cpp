@@ -60,6 +60,7 @@ TEST_F(PortMapping, EveryRootPortMapsToItsCoreLinkAndLanes) {
         {0x00, 1, 1, 0, "PCIE4_nbio0", 1, 1, "P4", 4, false, false, 0x06, 0x06, "Detect(0x1)"},
         {0x40, 1, 0, 0, "PCIE0_nbio1", 0, 0, "P2", 16, false, true, 0x41, 0x41, "L0(0x10)"},
         {0x80, 1, 0, 1, "PCIE0_nbio0", 0, 0, "P0", 16, false, false, 0x81, 0x81, "L0(0x10)"},
+        {0x80, 2, 0, 1, "PCIE3_nbio0", 0, 0, "P1", 16, true, true, 0x82, 0x82, "L0(0x10)"},
         {0xC0, 1, 0, 1, "PCIE0_nbio1", 0, 0, "P2", 4, false, false, 0xC1, 0xC1, "L0(0x10)"},
         {0xC0, 2, 0, 1, "PCIE1_nbio1", 0, 0, "G2", 8, true, true, 0xC2, 0xC2, "L0(0x10)"},
     };
