@@ -243,7 +243,7 @@ CorvaneE32LANEDATA GetCorvaneE32LaneData::operator()(unsigned int version, const
     }
     const unsigned int base = e32::record_address(get_lane_base_address(*_lanes, _link, _lane), data.layout, _lane);
     data.bytes.resize(e32::kRecordBytes);
-    for (unsigned int i = 0; i < e32::kRecordBytes; ++i) data.bytes[i] = static_cast<uint8_t>(_phy->read(base, i, 1));
+    for (unsigned int i = 0; i < e32::kRecordBytes; ++i) data.bytes[i] = static_cast<uint8_t>(_phy->read(0, base + i, 1));
     const auto& b = data.bytes;
     auto u16 = [&](unsigned int at) { return static_cast<unsigned int>(b[at] | b[at + 1] << 8); };
     data.active_cache = b[e32::kActiveCacheByte];

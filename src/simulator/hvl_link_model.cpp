@@ -36,7 +36,8 @@ void expect_keys(const json& value, const std::string& path, std::initializer_li
 
 // A JSON integer or a text such as "1" or "0x1", as everywhere in profiles.
 unsigned whole_number(const json& value, const std::string& path) {
-    if (value.is_number_unsigned() && value.get<uint64_t>() <= 0xFFFF) return value.get<unsigned>();
+    if (value.is_number_integer() && value.get<int64_t>() >= 0 && value.get<int64_t>() <= 0xFFFF)
+        return value.get<unsigned>();
     if (value.is_string()) {
         const std::string text = value.get<std::string>();
         try {

@@ -32,6 +32,7 @@ struct LinkShared;
 
 struct LaneState {
     bool requested = false, never_granted = false;
+    unsigned grants_left = ~0u;  // requests granted before a never-granted fault bites
     ModelDeadline grant, busy;
     uint32_t response = 0;
     int phase = 0, voltage = 0;
@@ -39,7 +40,7 @@ struct LaneState {
     HvlLaneEdges edges;
     uint32_t phy_ovrd = 0, phy_parm0 = 0, phy_parm1 = 0;
 
-    bool granted(const ModelTime& now) { return requested && !never_granted && grant.expired(now); }
+    bool granted(const ModelTime& now) { return requested && !never_granted && grant.active() && grant.expired(now); }
 };
 
 struct EndState {
@@ -126,7 +127,7 @@ void touch(EndState& end, const ModelTime& now) {
     if (end.link) update_link(*end.link, now);
 }
 
-uint32_t capability(const EndState& end, unsigned index) {
+uint32_t capability(const EndState& end, const LaneState& lane, unsigned index) {
     switch (index) {
     case e32::kCapRevision: return 1;
     case e32::kCapTimingSteps: return kHvlTimingSteps;
@@ -134,6 +135,9 @@ uint32_t capability(const EndState& end, unsigned index) {
     case e32::kCapVoltSteps: return kHvlVoltSteps;
     case e32::kCapMaxVoltOffset: return kHvlMaxVoltOffset;
     case e32::kCapVersion: return end.version;
+    case e32::kCapPhaseOffset: return static_cast<uint32_t>(lane.phase) & 0xFF;
+    case e32::kCapVoltageOffset: return static_cast<uint32_t>(lane.voltage) & 0xFF;
+    case e32::kCapCdrCount: return lane.cdr_commands & 0xFF;
     default: return 0;
     }
 }
@@ -156,13 +160,14 @@ void run_command(EndState& end, LaneState& lane, uint32_t code, uint32_t paramet
         break;
     }
     case e32::kCmdCdr: ++lane.cdr_commands; break;
-    case e32::kCmdTxRxCap: lane.response = capability(end, parameter & 0xFF) & 0xFF; break;
+    case e32::kCmdTxRxCap: lane.response = capability(end, lane, parameter & 0xFF) & 0xFF; break;
     default: break;
     }
 }
 
 unsigned whole(const json& value, const std::string& path) {
-    if (!value.is_number_unsigned()) fail(path, "expected an unsigned number, got " + value.dump());
+    if (!value.is_number_integer() || value.get<int64_t>() < 0 || value.get<int64_t>() > 0xFFFF)
+        fail(path, "expected an unsigned number, got " + value.dump());
     return value.get<unsigned>();
 }
 
@@ -285,6 +290,8 @@ std::vector<HvlFault> read_hvl_faults(const json& faults, const std::vector<Sock
         } else if (fault.type == "hvl_active_cache_invalid") {
             fail(path, "missing field 'lane'");
         }
+        if (fault.type == "hvl_override_never_granted" && entry.contains("grants"))
+            fault.value = whole(entry.at("grants"), path + ".grants");
         if (fault.type == "hvl_link_drop") {
             if (!entry.contains("offset")) fail(path, "missing field 'offset'");
             fault.value = whole(entry.at("offset"), path + ".offset");
@@ -334,7 +341,8 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
             e->lanes.resize(link.lanes);
             for (unsigned lane = 0; lane < link.lanes; ++lane) {
                 LaneState& l = e->lanes[lane];
-                l.never_granted = find_fault(faults, "hvl_override_never_granted", s, link.name, lane) != nullptr;
+                if (const HvlFault* f = find_fault(faults, "hvl_override_never_granted", s, link.name, lane))
+                    l.grants_left = f->value;
                 const uint32_t phy_base = link.chiplet_base.at(lane / chips::kLanesPerChiplet);
                 fill_record(*space, e32::record_address(phy_base, layout, lane), layout,
                             !find_fault(faults, "hvl_active_cache_invalid", s, link.name, lane), noise,
@@ -346,12 +354,18 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
                 space->define(param, 0);
                 space->on_write(param, [e, &l, world](uint32_t, uint32_t& value, uint32_t, const ModelTime& now) {
                     l.busy.start(now, kBusyNs);
-                    if (l.granted(now)) run_command(*e, l, value & 0xFF, value >> 8, now);
+                    // Capability queries are answered without the override;
+                    // commands that move the receiver need it.
+                    if (l.granted(now) || (value & 0xFF) == e32::kCmdTxRxCap) run_command(*e, l, value & 0xFF, value >> 8, now);
                 });
                 space->define(readback, 0, 1u << e32::kOverrideRequestBit);
                 space->on_write(readback, [&l](uint32_t, uint32_t& value, uint32_t, const ModelTime& now) {
                     const bool request = value & (1u << e32::kOverrideRequestBit);
-                    if (request && !l.requested) l.grant.start(now, kGrantDelayNs);
+                    if (request && !l.requested) {
+                        if (l.grants_left == 0) l.never_granted = true;
+                        else --l.grants_left;
+                        l.grant.start(now, kGrantDelayNs);
+                    }
                     if (!request) l.grant.clear();
                     l.requested = request;
                 });

@@ -43,7 +43,8 @@
 namespace sim {
 
 // Injected faults of the hVL model ("faults" entries of the profile):
-//   {"type": "hvl_override_never_granted", "socket", "link", "lane"?}
+//   {"type": "hvl_override_never_granted", "socket", "link", "lane"?, "grants"?}
+//       the override is granted for the first "grants" requests (default 0)
 //   {"type": "hvl_link_drop", "socket", "link", "offset"}   any lane past offset
 //   {"type": "hvl_firmware_version", "socket", "link", "version"}
 //   {"type": "hvl_active_cache_invalid", "socket", "link", "lane"}

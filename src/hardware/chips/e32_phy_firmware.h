@@ -36,6 +36,11 @@ enum Capability : unsigned int {
     kCapVoltSteps = 3,
     kCapMaxVoltOffset = 4,
     kCapVersion = 64,  // record layout version: 1, 2 or 3
+    // The receiver's applied margin offsets (two's-complement bytes) and how
+    // many CDR commands it took, for checks after a margin.
+    kCapPhaseOffset = 65,
+    kCapVoltageOffset = 66,
+    kCapCdrCount = 67,
 };
 
 constexpr unsigned int kRecordBytes = 768;
