@@ -32,7 +32,9 @@ const char* direction_name(CorvanehVLMargin::Direction d) {
 bool remote_tx_eq(const HVLMarginHandler::InputParam& p, unsigned int lane, TxEq& tx) {
     if (!p.partner_finder) return false;
     try {
-        const HVLLinkInfo partner = (*p.partner_finder)(HVLLinkInfo{p.die, p.link, ""});
+        const auto found = find_hvl_partner_end(p.die, p.link, p.all_dies);
+        if (!found) return false;
+        const HVLLinkInfo partner = (*p.partner_finder)(HVLLinkInfo{p.die, p.link, found->link});
         for (const VEX_DIE_INFO& die : p.all_dies) {
             if (die.full_name() != partner.die.full_name()) continue;
             const unsigned int status = get_register_store(die)->get_link_register("PCS_HVL3X16_PCS_STATUS1", partner.link)->read();
@@ -46,6 +48,18 @@ bool remote_tx_eq(const HVLMarginHandler::InputParam& p, unsigned int lane, TxEq
 }
 
 }  // namespace
+
+std::optional<HVLLinkInfo> find_hvl_partner_end(const VEX_DIE_INFO& die, const std::string& link,
+                                                const std::vector<VEX_DIE_INFO>& dies) {
+    try {
+        const auto generator = get_hvl_info_list_generator(die, dies);
+        (*generator)();
+        for (const auto& [end, other] : generator->get_pairs())
+            if (end.die.full_name() == die.full_name() && end.link == link) return other;
+    } catch (const std::runtime_error&) {
+    }
+    return std::nullopt;
+}
 
 unsigned int HVLMarginHandler::dwell_ms(int ber, int err_cnt, double rate_gbps) {
     const unsigned int errors = err_cnt > 0 ? static_cast<unsigned int>(err_cnt) : kDefaultErrCnt;

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,11 @@ struct HvlMarginProgress {
     unsigned int lane = 0, lanes_done = 0, lanes_total = 0, sides_done = 0, sides_total = 0;
     std::string direction;
 };
+
+// The other end of `link` of `die` among the dies, by the platform's
+// wiring table; nothing when the link isn't wired.
+std::optional<HVLLinkInfo> find_hvl_partner_end(const VEX_DIE_INFO& die, const std::string& link,
+                                                const std::vector<VEX_DIE_INFO>& dies);
 
 class HVLMarginHandler {
 public:

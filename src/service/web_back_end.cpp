@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "gui/gui_hvl_get_device.h"
 #include "gui/gui_pcie_get_device.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
@@ -209,7 +210,9 @@ std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
 std::string WebBackEnd::GetPCIEDeviceListForMargin() {
     return GUIPCIEGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
 }
-std::string WebBackEnd::GetHVLDeviceListForMargin() { return json::array().dump(); }
+std::string WebBackEnd::GetHVLDeviceListForMargin() {
+    return GUIHVLGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
+}
 std::string WebBackEnd::GetDeviceListForEyeScan() { return json::array().dump(); }
 
 std::string WebBackEnd::GetCurrentPCIeResults() { return current_pcie_results_sample().dump(); }
