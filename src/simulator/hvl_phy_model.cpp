@@ -6,6 +6,7 @@
 #include "hardware/chips/corvane_lanes.h"
 #include "hardware/chips/e32_phy_firmware.h"
 #include "hardware/chips/mcu_mailboxes.h"
+#include "hardware/chips/server_registers.h"
 #include "hardware/register_storage.h"
 
 namespace sim {
@@ -20,6 +21,7 @@ constexpr uint32_t kStateL0 = 0x81, kStateRecovery = 0x04;
 constexpr uint32_t kCountEnableBit = 1u << 21, kCountClearBit = 1u << 23;
 constexpr uint32_t kBerFlagBit = 1u << 6, kRecoveredBit = 1u << 17;
 constexpr uint32_t kPerfRecoveries = 2;
+constexpr uint32_t kPcieControllerEnabled = 1 | 1u << 1;  // enabled, protocol 1 (PCIe)
 // Error control as the firmware leaves it after training; margin runs must
 // give it back.
 constexpr uint32_t kTrainedErrorControl = 0x00010000;
@@ -391,6 +393,11 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
                     else value &= ~(1u << e32::kOverrideGrantBit);
                 });
                 space->define(reg("CMD_STATUS"), 0, 0);
+                // A lane the PCIe port map drives runs the PCIe controller.
+                const uint32_t mapped = space->peek(reg(chips::server_io::kLaneMap.lane_register));
+                const uint32_t controller = reg(chips::server_io::kLaneControllerRegister);
+                if (chips::server_io::kLaneMap.valid.extract(mapped) && !space->defined(controller))
+                    space->define(controller, kPcieControllerEnabled);
             }
             by_end[{s, link.name}] = e;
             world->ends.push_back(std::move(end));
