@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "gui/gui_hvl_get_device.h"
+#include "gui/gui_hvl_handle_test.h"
 #include "gui/gui_pcie_get_device.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
@@ -128,6 +129,7 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     get("/api/1.0/GetDeviceListForEyeScan", J, &WebBackEnd::GetDeviceListForEyeScan);
     get("/api/1.0/GetAllCurrentResults", J, &WebBackEnd::GetAllCurrentResults);
     post_ref("/api/1.0/AddTestToQueue", &WebBackEnd::AddTestToQueue);
+    post_ref("/api/1.0/EstimateHVLTestDuration", &WebBackEnd::EstimateHVLTestDuration);
     get("/api/1.0/GetResultsDateRange", J, &WebBackEnd::GetResultsDateRange);
     post_ref("/api/1.0/GetResultsByDate", &WebBackEnd::GetResultsByDate);
     post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);
@@ -231,6 +233,10 @@ std::string WebBackEnd::AddTestToQueue(const std::string& body) {
     }
     UpdateTestStorage::add_test_to_queue_list(_storage, record);
     return json{{"OperationStatus", true}, {"ErrMsg", ""}}.dump();
+}
+
+std::string WebBackEnd::EstimateHVLTestDuration(const std::string& body) {
+    return estimate_hvl_margin(parse_request_body(body), _store).dump();
 }
 
 std::string WebBackEnd::GetResultsDateRange() {

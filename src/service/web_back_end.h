@@ -43,6 +43,8 @@ public:
     std::string GetDeviceListForEyeScan();
     std::string GetAllCurrentResults();
     std::string AddTestToQueue(const std::string& body);
+    // Nominal duration of an hVL margin record before it is queued.
+    std::string EstimateHVLTestDuration(const std::string& body);
     std::string GetResultsDateRange();
     std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);
