@@ -1,6 +1,7 @@
 #include "margin_hvl/corvane_hvl_margin.h"
 
 #include <chrono>
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 
@@ -10,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned int kScanDwellMs = 50, kSliceMs = 50, kMaxDiscardedSlices = 20;
+constexpr unsigned int kScanDwellMs = 50, kSliceMs = 50, kMaxDiscardedSlices = 20, kSaturated = 255;
 constexpr const char* kExceeded = "Error count exceeded threshold";
 constexpr const char* kNotL0 = "Link state not correct";
 
@@ -80,8 +81,16 @@ bool CorvanehVLMargin::margin_at_offset(Direction direction, unsigned int offset
     _operations->clear_errors_recovery_flag(_lane);
     _operations->init_error_regs(control, mask, _lane);
     const unsigned int before = _operations->get_error_count(_lane);
-    OSSpecific().milli_secs_sleep(dwell_ms);
-    const unsigned int after = _operations->get_error_count(_lane);
+    // The 8-bit counter saturates: once it reads 255 the rest of the dwell
+    // can't change the count, so a long dwell past the edge ends there.
+    unsigned int after = before;
+    for (unsigned int waited = 0; waited < dwell_ms;) {
+        const unsigned int chunk = std::min(dwell_ms - waited, kSliceMs);
+        OSSpecific().milli_secs_sleep(chunk);
+        waited += chunk;
+        after = _operations->get_error_count(_lane);
+        if (after == kSaturated) break;
+    }
     OffsetData& record = offsets.back();
     record.err_cnt = after - before;
     if (_operations->get_ber_exceeded_flag(_lane)) record.err_cnt = 255;
