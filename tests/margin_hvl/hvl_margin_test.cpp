@@ -16,6 +16,7 @@
 #include "hardware/mcu_message.h"
 #include "hardware/register_storage.h"
 #include "hardware/system_facts.h"
+#include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_link_operations.h"
 #include "margin_hvl/hvl_margin_handler.h"
 #include "simulator/platform.h"
@@ -116,6 +117,53 @@ TEST_F(HvlOnModel, FullMarginFindsEachLanesEyeAndRestoresTheReceiver) {
     EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
     EXPECT_EQ(store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", 0)->read() & 0x3000u, 0u);
     EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_STATE_HIST1", "G1")->read() & 0xFFu, 0x81u);
+}
+
+// The walk that follows the scan: a plain walk-back at a 50 ms dwell and on
+// the timing sides, the back-and-forth walk in slices elsewhere; Top and
+// Bottom scan three times, each pass retesting where the last one stopped.
+TEST_F(HvlOnModel, TheScanAndTheWalkBackFollowDwellAndDirection) {
+    boot();
+    struct Case {
+        const char* name;
+        CorvanehVLMargin::Direction direction;
+        unsigned int dwell_ms, edge, scan_passes;
+        bool back_and_forth;
+    };
+    const Case cases[] = {
+        {"Top at 50 ms", CorvanehVLMargin::Top, 50, 20, 3, false},
+        {"Top at full dwell", CorvanehVLMargin::Top, 329, 20, 3, true},
+        {"Bottom at full dwell", CorvanehVLMargin::Bottom, 329, 17, 3, true},
+        {"Right at full dwell", CorvanehVLMargin::Right, 329, 13, 1, false},
+    };
+    const auto store = get_register_store(die0);
+    auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die0));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto commands = std::make_shared<CorvaneE32PCSCommands>("G1", 0, store);
+        auto lanes = get_lane_generic_info(die0);
+        CorvanehVLMargin engine("G1", 0, store, std::make_shared<CorvaneVersionCheck>("G1", die0, commands), commands,
+                                std::make_shared<GetCorvaneE32LaneData>("G1", 0, phy, lanes), lanes,
+                                std::make_shared<CorvanehVLOperations>(dies, die0, "G1", store));
+        ASSERT_TRUE(commands->enable_override());
+        std::vector<OffsetData> offsets;
+        std::string error;
+        ASSERT_TRUE(engine.margin(c.direction, 64, c.dwell_ms, 5, offsets, error)) << error;
+        commands->disable_override();
+        EXPECT_EQ(offsets.back().offset, c.edge);
+        // Scan: 0 .. edge + 1, then edge + 1 once more per further pass.
+        unsigned int scan_end = 0;
+        while (offsets[scan_end].offset == scan_end && scan_end <= c.edge + 1) ++scan_end;
+        ASSERT_EQ(scan_end, c.edge + 2);
+        for (unsigned int pass = 1; pass < c.scan_passes; ++pass) EXPECT_EQ(offsets[scan_end + pass - 1].offset, c.edge + 1);
+        const OffsetData& before_last = offsets[offsets.size() - 2];
+        // The back-and-forth walk ends by repeating its best record.
+        EXPECT_EQ(before_last.offset, c.back_and_forth ? c.edge : c.edge + 1);
+        EXPECT_EQ(offsets.size(), scan_end + (c.scan_passes - 1) + (c.back_and_forth ? 3 : 2));
+    }
+    EXPECT_EQ(hvl_scan_limit(5, 50), 5u) << "no 1 added at or under 50 ms";
+    EXPECT_EQ(hvl_scan_limit(5, 329), 2u);
+    EXPECT_EQ(_compute_error_count(25, 100, 3), 12u);
 }
 
 TEST_F(HvlOnModel, AnEyeWiderThanTheRangeIsReportedAtTheBoundary) {
