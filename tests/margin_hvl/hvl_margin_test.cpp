@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 
 #include <nlohmann/json.hpp>
 
@@ -18,6 +20,7 @@
 #include "hardware/system_facts.h"
 #include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_link_operations.h"
+#include "margin_hvl/hvl_margin_batch.h"
 #include "margin_hvl/hvl_margin_handler.h"
 #include "simulator/platform.h"
 #include "simulator/profile.h"
@@ -242,6 +245,48 @@ TEST_F(HvlOnModel, MailboxMessagesChangeTheControllersStateOrFailCleanly) {
     VEX_DIE_INFO die1 = dies[0].socket() == 1 ? dies[0] : dies[1];
     EXPECT_FALSE(disable_power_states_for_hvl(die1, error));
     EXPECT_NE(error.find("TestMsg 61 was not answered"), std::string::npos) << error;
+}
+
+TEST_F(HvlOnModel, BothEndsOfALinkRunInDifferentGroupsAndTheBatchWritesItsReports) {
+    boot();
+    const VEX_DIE_INFO die1 = dies[0].socket() == 1 ? dies[0] : dies[1];
+    const DIELinkLanes g1{die0, "G1", {0}}, g3{die1, "G3", {0}}, p1{die0, "P1", {0}};
+    struct Case {
+        const char* name;
+        std::vector<DIELinkLanes> jobs;
+        std::vector<std::vector<size_t>> groups;  // empty: refused
+    };
+    const Case cases[] = {
+        {"two ends of one link", {g1, g3}, {{0}, {1}}},
+        {"another link joins the first group", {g1, g3, p1}, {{0, 2}, {1}}},
+        {"one end named twice", {g1, g1}, {{0}, {1}}},
+        {"a link that fits no group", {g1, g3, g1}, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::vector<size_t>> groups;
+        std::string error;
+        const bool placed = group_hvl_jobs(c.jobs, dies, groups, error);
+        EXPECT_EQ(placed, !c.groups.empty());
+        if (placed) EXPECT_EQ(groups, c.groups);
+        else EXPECT_EQ(error, "Error: Unexpected scenario in do_hvl_margin");
+    }
+
+    const auto root = std::filesystem::temp_directory_path() / ("hvl_batch_" + std::to_string(::getpid()));
+    HvlBatchSettings settings;
+    settings.ber = 9;
+    settings.output_root = root.string();
+    std::string error, csv;
+    ASSERT_EQ(do_hvl_margin({{die0, "G1", {0, 1}, {}}, {die1, "G3", {2}, {}}}, false, dies, settings, error, &csv), 1)
+        << error;
+    std::ifstream in(csv);
+    std::string line;
+    int rows = 0;
+    while (std::getline(in, line)) rows += !line.empty();
+    EXPECT_EQ(rows, 4) << "header and three lanes";
+    EXPECT_TRUE(std::filesystem::exists(csv.substr(0, csv.size() - 4) + ".bin"));
+    EXPECT_FALSE(std::filesystem::is_empty(root / "ev_cloud"));
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace
