@@ -13,6 +13,7 @@
 #include "hardware/file_logger.h"
 #include "hardware/system_facts.h"
 #include "hardware/time_format.h"
+#include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_link_operations.h"
 #include "margin_hvl/hvl_margin_handler.h"
 #include "result_data/data_handler.h"
@@ -192,11 +193,11 @@ void GUIHVLHandleTest::thread_fuction() {
         write_result_file(folder, "raw_data.json", report.dump(4) + "\n");
         if (!report.empty()) write_result_file(folder, "hvl_margin.csv", hvl_margin_csv(report));
         _test["TestOutput"] = hvl_margin_test_output(report, *lanes, folder);
+        // The flag this runner holds is the service's shutdown flag: a margin
+        // it stopped is archived as stopped, never as complete.
         if (_stop.stop_requested() && _test["TestOutput"]["Status"] == "Failed" &&
-            _test["TestOutput"].value("FailureReason", "").find("Cancelled by the user") != std::string::npos) {
-            _test["TestOutput"]["Status"] = "Cancelled";
-            _test["TestOutput"]["FailureReason"] = "Cancelled by the user";
-        }
+            _test["TestOutput"].value("FailureReason", "").find(CorvanehVLMargin::kCancelled) != std::string::npos)
+            _test["TestOutput"]["FailureReason"] = "Margin stopped: the service is shutting down";
     } catch (const std::exception& error) {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
         _test["TestOutput"]["TimeStamp"] = time_stamp();
