@@ -59,6 +59,7 @@ struct EndState {
 
 struct LinkShared {
     bool up = true;
+    bool held_down = false;  // a fault keeps it out of L0
     ModelDeadline retrain;
     std::array<EndState*, 2> ends{};
 };
@@ -108,7 +109,7 @@ bool at_trained_point(const LinkShared& link) {
 }
 
 void update_link(LinkShared& link, const ModelTime& now) {
-    if (link.up) return;
+    if (link.up || link.held_down) return;
     if (!at_trained_point(link)) {
         link.retrain.clear();
         return;
@@ -255,7 +256,8 @@ void attach_mailboxes(RegisterSpace* space, const chips::McuMailboxes& boxes, un
 }  // namespace
 
 bool is_hvl_fault(const std::string& type) {
-    return type == "hvl_override_never_granted" || type == "hvl_link_drop" || type == "hvl_firmware_version" ||
+    return type == "hvl_override_never_granted" || type == "hvl_link_drop" || type == "hvl_link_down" ||
+           type == "hvl_firmware_version" ||
            type == "hvl_active_cache_invalid" || type == "mailbox_silent";
 }
 
@@ -414,6 +416,7 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
             EndState* e = found->second;
             e->link = link;
             e->drop_past_edge = profile.drop_past_edge;
+            if (find_fault(faults, "hvl_link_down", side->socket, side->link)) link->up = false, link->held_down = true;
             link->ends[index++] = e;
             for (unsigned lane = 0; lane < e->lanes.size(); ++lane)
                 e->lanes[lane].edges = hvl_lane_edges(profile, side->socket, lane, noise);

@@ -46,6 +46,7 @@ namespace sim {
 //   {"type": "hvl_override_never_granted", "socket", "link", "lane"?, "grants"?}
 //       the override is granted for the first "grants" requests (default 0)
 //   {"type": "hvl_link_drop", "socket", "link", "offset"}   any lane past offset
+//   {"type": "hvl_link_down", "socket", "link"}   the link never reaches L0
 //   {"type": "hvl_firmware_version", "socket", "link", "version"}
 //   {"type": "hvl_active_cache_invalid", "socket", "link", "lane"}
 //   {"type": "mailbox_silent", "socket", "mailbox": "BIOS"|"Test"|"Host"|"PSP"}

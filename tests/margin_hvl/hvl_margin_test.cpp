@@ -195,6 +195,7 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
         {"link drops at offset 5", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 5}}, "", 4},
         {"link drops at offset 1", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 1}},
          "Margin Failed. Link not in L0 state."},
+        {"link never in L0", {{"type", "hvl_link_down"}, {"socket", 1}, {"link", "G3"}}, "Margin failed at offset zero"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
