@@ -5,6 +5,7 @@
 #include <cmath>
 #include <iostream>
 
+#include "hardware/crn_factory.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
 #include "hardware/system_facts.h"
@@ -303,4 +304,110 @@ bool CorvanehVLMargin::margin(Direction direction, unsigned int max_offset, unsi
     if (offsets.back().offset == max_offset) offsets.back().message = "Margin found at boundary";
     restore(true);
     return true;
+}
+
+Corvane4pthVLMargin::Corvane4pthVLMargin(std::vector<VEX_DIE_INFO> dies, const VEX_DIE_INFO& die,
+                                         const std::string& link, const std::vector<unsigned int>& lanes)
+    : _dies(std::move(dies)) {
+    const auto store = get_register_store(die);
+    const auto info = get_lane_generic_info(die);
+    const auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die));
+    for (unsigned int lane : lanes) {
+        lane_data data;
+        data.link = link;
+        data.lane = lane;
+        data.commands = std::make_shared<CorvaneE32PCSCommands>(link, lane, store);
+        data.lane_data_reader = std::make_shared<GetCorvaneE32LaneData>(link, lane, phy, info);
+        data.operations = std::make_shared<CorvanehVLOperations>(_dies, die, link, store);
+        CorvaneVersionCheck version(link, die, data.commands);
+        _phy_version = version();
+        _full_version = version.full_version();
+        _lanes.push_back(std::move(data));
+    }
+}
+
+void Corvane4pthVLMargin::set_back_to_trained_point(std::string& error_text) {
+    for (lane_data& lane : _lanes) {
+        lane.commands->do_rx_margin(0, 0, _field_a, _field_b, false, error_text);
+        OSSpecific().milli_secs_sleep(10);
+    }
+}
+
+bool Corvane4pthVLMargin::margin_at_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
+                                           std::string& error_text) {
+    int phase = 0, voltage = 0;
+    phase_voltage(direction, offset, phase, voltage);
+    for (lane_data& lane : _lanes) {
+        if (lane.operations->check_link_state(lane.lane) < 1) {
+            offsets.push_back({offset, 0, kNotL0});
+            return false;
+        }
+        lane.commands->do_rx_margin(phase, voltage, _field_a, _field_b, true, error_text);
+        lane.operations->deinit_error_regs(lane.control_backup, lane.mask_backup, 0);
+        lane.operations->clear_errors_recovery_flag(0);
+        lane.operations->init_error_regs(lane.control_backup, lane.mask_backup, 0);
+    }
+    offsets.push_back({offset, 0, ""});
+    return true;
+}
+
+bool Corvane4pthVLMargin::check_err_count_per_offset(unsigned int err_limit, std::vector<OffsetData>& offsets) {
+    CorvanehVLOperations& operations = *_lanes.front().operations;
+    OffsetData& record = offsets.back();
+    record.err_cnt = operations.get_error_count(0);
+    if (operations.check_link_state(_lanes.front().lane) != 1) {
+        record.message = kNotL0;
+        return false;
+    }
+    if (record.err_cnt < err_limit && !operations.get_ber_exceeded_flag(0)) return true;
+    record.message = kExceeded;
+    return false;
+}
+
+bool Corvane4pthVLMargin::four_pt_margin(Direction direction, unsigned int dwell_ms, unsigned int err_limit,
+                                         std::map<unsigned int, std::vector<OffsetData>>& offsets_by_lane,
+                                         std::string& error_text, unsigned int start, unsigned int stop,
+                                         unsigned int step) {
+    if (step == 0) {
+        error_text = "Four-point margin needs a step above 0";
+        return false;
+    }
+    // The words found before the run are what the end restores.
+    std::vector<std::pair<unsigned int, unsigned int>> found;
+    for (lane_data& lane : _lanes) {
+        const CorvaneE32LANEDATA data = (*lane.lane_data_reader)(_phy_version, _full_version);
+        if (!data.active_cache_valid()) {
+            error_text = "Active Cache not valid for Lane: " + std::to_string(lane.lane) + " of link: " + lane.link;
+            return false;
+        }
+        lane.operations->init_error_regs(lane.control_backup, lane.mask_backup, 0);
+        found.emplace_back(lane.control_backup, lane.mask_backup);
+    }
+    std::vector<OffsetData> offsets;
+    bool failed = false;
+    unsigned int offset = start;
+    for (; offset <= stop; offset += step) {
+        if (!margin_at_offset(direction, offset, offsets, error_text)) {
+            failed = true;
+            break;
+        }
+        OSSpecific().milli_secs_sleep(dwell_ms);
+        if (!check_err_count_per_offset(err_limit, offsets)) {
+            failed = true;
+            break;
+        }
+    }
+    for (const lane_data& lane : _lanes) offsets_by_lane[lane.lane] = offsets;
+    std::string ignored;
+    set_back_to_trained_point(ignored);
+    for (size_t i = 0; i < _lanes.size(); ++i) {
+        lane_data& lane = _lanes[i];
+        if (offset == stop && !offsets_by_lane[lane.lane].empty())
+            offsets_by_lane[lane.lane].back().message = "Margin found at boundary";
+        lane.commands->do_rx_cdr(1, true, ignored);
+        lane.operations->clear_errors_recovery_flag(0);
+        lane.operations->deinit_error_regs(found[i].first, found[i].second, 0);
+    }
+    if (failed && error_text.empty()) error_text = offsets.empty() ? kNotL0 : offsets.back().message;
+    return !failed;
 }

@@ -79,3 +79,41 @@ private:
 unsigned int hvl_scan_limit(unsigned int err_limit, unsigned int dwell_ms);
 // round(total * dwell / elapsed) in single precision.
 unsigned int _compute_error_count(double elapsed_ms, unsigned int dwell_ms, unsigned int total);
+
+// Four-point margin: a caller-given series of offsets applied to all lanes
+// of a link at once, stopping at the first offset that fails. Every lane is
+// restored at the end, also after a failure.
+class Corvane4pthVLMargin {
+public:
+    using Direction = CorvanehVLMargin::Direction;
+    struct lane_data {
+        std::string link;
+        unsigned int lane = 0;
+        std::shared_ptr<CorvaneE32PCSCommands> commands;
+        std::shared_ptr<GetE32LaneData> lane_data_reader;
+        std::shared_ptr<CorvanehVLOperations> operations;
+        // The PCS error words as found; 0 until the first run saves them.
+        unsigned int control_backup = 0, mask_backup = 0;
+    };
+
+    Corvane4pthVLMargin(std::vector<VEX_DIE_INFO> dies, const VEX_DIE_INFO& die, const std::string& link,
+                        const std::vector<unsigned int>& lanes);
+
+    // Offsets start, start + step, ... up to stop. A step of 0 would never
+    // end: it is refused with error_text.
+    bool four_pt_margin(Direction direction, unsigned int dwell_ms, unsigned int err_limit,
+                        std::map<unsigned int, std::vector<OffsetData>>& offsets_by_lane, std::string& error_text,
+                        unsigned int start, unsigned int stop, unsigned int step);
+    void set_back_to_trained_point(std::string& error_text);
+
+private:
+    bool margin_at_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
+                          std::string& error_text);
+    bool check_err_count_per_offset(unsigned int err_limit, std::vector<OffsetData>& offsets);
+
+    std::vector<VEX_DIE_INFO> _dies;
+    unsigned int _field_a = 0, _field_b = 0;
+    unsigned int _phy_version = 0;
+    std::string _full_version;
+    std::vector<lane_data> _lanes;
+};

@@ -14,6 +14,8 @@
 
 #include "discovery/hvl_links.h"
 #include "hardware/vex_die_info.h"
+#include "discovery/e32_phy.h"
+#include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_margin_report.h"
 
 struct DIELinkLanes {
@@ -57,8 +59,11 @@ public:
     // Full margin (scan and walk-back) of every lane. A lane that fails gets
     // "ErrorPresent" true and "ErrorMsg", and the job ends there: the
     // remaining lanes of the link are not margined.
-    void margin(DumpHVLMarginDataToConsole& console, nlohmann::json& results);
+    void margin(DumpHVLMarginDataToConsole& console, nlohmann::json& results, bool four_pt = false);
     void full_margin_using_walk_back(DumpHVLMarginDataToConsole& console, nlohmann::json& results);
+    // All lanes of the link at once over the four ranges; each lane's
+    // margin is its last passing offset. A range with a step of 0 is refused.
+    void four_pt_margin(DumpHVLMarginDataToConsole& console, nlohmann::json& results);
 
     // Nominal seconds of a full margin of `lanes` lanes at a dwell of
     // dwell_ms when every edge lies `edge` steps out: per lane and
@@ -71,5 +76,29 @@ public:
     static unsigned int dwell_ms(int ber, int err_cnt, double rate_gbps);
 
 private:
+    struct PreparedLane {
+        unsigned int lane = 0;
+        bool texl = false;
+        std::shared_ptr<CorvaneE32PCSCommands> commands;
+        std::shared_ptr<CorvaneVersionCheck> version;
+        std::shared_ptr<GetE32LaneData> lane_data;
+        std::shared_ptr<CorvanehVLOperations> operations;
+        nlohmann::json object;
+        MarginCapabilities caps;
+        double rate = 0;
+        unsigned int dwell = 0, err_cnt = 0;
+    };
+    void _open();
+    // Builds the lane's commands, reads its settings, capabilities and
+    // equalisation into its object; false when the lane failed (its object
+    // is then in results).
+    bool _prepare_lane(unsigned int lane, const char* margin_type, PreparedLane& out,
+                       DumpHVLMarginDataToConsole& console, nlohmann::json& results, bool& partner_warned);
+    static void fail_lane(PreparedLane& lane, const std::string& reason, DumpHVLMarginDataToConsole& console,
+                          nlohmann::json& results);
+
     InputParam _params;
+    std::shared_ptr<PhyAccessor> _phy;
+    std::shared_ptr<LaneGenericInformation> _lanes_info;
+    std::shared_ptr<RegisterStorage> _store;
 };

@@ -290,4 +290,44 @@ TEST_F(HvlOnModel, BothEndsOfALinkRunInDifferentGroupsAndTheBatchWritesItsReport
     std::filesystem::remove_all(root);
 }
 
+// Four-point margin: all lanes at once, so the link's weakest lane decides;
+// a range that ends inside the eye is reported at its end; a step of 0 is
+// refused rather than looping for good.
+TEST_F(HvlOnModel, FourPointMarginStepsAllLanesThroughTheRanges) {
+    boot();
+    auto four_point = [&](HVLMarginHandler::Range left) {
+        HVLMarginHandler::InputParam p;
+        p.die = die0;
+        p.link = "G1";
+        p.lanes = {0, 5};
+        p.ber = 9;
+        p.err_cnt = 5;
+        p.all_dies = dies;
+        p.top = {0, 30, 2};
+        p.bottom = {0, 10, 5};
+        p.right = {0, 13, 1};
+        p.left = left;
+        DumpHVLMarginDataToConsole console;
+        json results = json::array();
+        HVLMarginHandler(p).margin(console, results, true);
+        return results;
+    };
+    const json results = four_point({4, 20, 4});
+    ASSERT_EQ(results.size(), 2u);
+    for (const json& lane : results) {
+        SCOPED_TRACE(lane.dump());
+        EXPECT_FALSE(lane["ErrorPresent"].get<bool>());
+        EXPECT_EQ(lane["MarginType"], "std-4pt");
+        EXPECT_EQ(lane["VoltTopOffset"], 20) << "lane 0's top edge limits both";
+        EXPECT_EQ(lane["VoltBottomOffset"], 10);
+        EXPECT_EQ(lane["PhaseRightOffset"], 13);
+        EXPECT_EQ(lane["PhaseLeftOffset"], 4) << "lane 5's left edge is 7";
+        EXPECT_EQ(lane["PhaseRightErrorMap"].back().value("OffsetStatus", ""), "");
+    }
+    EXPECT_EQ(capability(5, chips::e32::kCapPhaseOffset), 0u);
+    const json refused = four_point({0, 20, 0});
+    ASSERT_FALSE(refused.empty());
+    EXPECT_EQ(refused[0]["ErrorMsg"], "Four-point margin needs a step above 0");
+}
+
 }  // namespace
