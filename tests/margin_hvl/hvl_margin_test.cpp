@@ -330,4 +330,33 @@ TEST_F(HvlOnModel, FourPointMarginStepsAllLanesThroughTheRanges) {
     EXPECT_EQ(refused[0]["ErrorMsg"], "Four-point margin needs a step above 0");
 }
 
+// The firmware's version picks the training record's layout; each layout
+// is read from its own place and gives the same fields.
+TEST_F(HvlOnModel, TrainingRecordLayoutFollowsTheFirmwareVersion) {
+    struct Case {
+        unsigned int version;
+        const char* full_version;
+        unsigned int tap_mode;
+    };
+    for (const Case& c : {Case{1, "1.4.2", 255}, Case{2, "1.6.0", 3}, Case{3, "2.1.4", 3}}) {
+        SCOPED_TRACE(c.full_version);
+        boot(json::array({{{"type", "hvl_firmware_version"}, {"socket", 0}, {"link", "P1"}, {"version", c.version}}}));
+        const auto store = get_register_store(die0);
+        auto commands = std::make_shared<CorvaneE32PCSCommands>("P1", 6, store);
+        CorvaneVersionCheck version("P1", die0, commands);
+        ASSERT_EQ(version(), c.version);
+        ASSERT_EQ(version.full_version(), c.full_version);
+        auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die0));
+        const CorvaneE32LANEDATA data =
+            GetCorvaneE32LaneData("P1", 6, phy, get_lane_generic_info(die0))(c.version, c.full_version);
+        EXPECT_EQ(data.layout, c.version);
+        EXPECT_TRUE(data.active_cache_valid());
+        EXPECT_EQ(data.tap_mode, c.tap_mode);
+        EXPECT_EQ(data.ring_offset, 0x4000u);
+        const RxEq rx = CorvaneEQData("P1", die0).get_rx_eq(6);
+        EXPECT_TRUE(rx.valid);
+        EXPECT_EQ(rx.ctleidx, data.rxadapt[data.active_cache].ctleidx);
+    }
+}
+
 }  // namespace
