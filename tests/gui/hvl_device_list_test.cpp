@@ -1,9 +1,10 @@
 // The hVL device list over the simulated machines: both ends of each live
 // link with their partner, and null on a machine with one socket, without
-// holding up the PCIe list afterwards.
+// holding up the PCIe list afterwards; and the hVL runner's test output.
 #include <gtest/gtest.h>
 
 #include "gui/gui_hvl_get_device.h"
+#include "gui/gui_hvl_handle_test.h"
 #include "gui/model_machine.h"
 #include "simulator/profile.h"
 
@@ -60,6 +61,44 @@ TEST(HVLDeviceList, OneSocketAnswersNullAndTheLockIsFreeAfterwards) {
     gui_test::ModelMachine::forget_caches();
     set_system_facts(nullptr);
     set_gfx_accessor_maker(nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// "TestOutput" of an hVL run: complete only when every requested lane was
+// margined; otherwise the first failed lane's reason, keeping what ran.
+TEST(HVLTestOutput, CompleteOnlyWhenEveryLaneWasMargined) {
+    auto lane = [](unsigned id, double left, bool failed = false) {
+        json o = {{"LaneID", id}, {"ErrorPresent", failed}, {"PhaseLeftMargin", left}, {"PhaseRightMargin", 0.2},
+                  {"VoltTopMargin", 0.06}, {"VoltBotomMargin", 0.05}};
+        if (failed) o["ErrorMsg"] = "Margin failed at offset zero";
+        return o;
+    };
+    struct Case {
+        const char* name;
+        json report;
+        std::vector<unsigned int> lanes;
+        const char* status;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {"all lanes", json::array({lane(0, 0.2), lane(1, 0.15)}), {0, 1}, "complete", nullptr},
+        {"a lane failed", json::array({lane(0, 0.2), lane(1, 0, true)}), {0, 1, 2}, "Failed",
+         "Lane 1: Margin failed at offset zero"},
+        {"short report", json::array({lane(0, 0.2)}), {0, 1}, "Failed", "The margin reported 1 of 2 lanes"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const json output = hvl_margin_test_output(c.report, c.lanes, "/f");
+        EXPECT_EQ(output["Status"], c.status);
+        EXPECT_EQ(output["FullMarginData"], c.report);
+        EXPECT_EQ(output["ResultsFolder"], "/f");
+        EXPECT_TRUE(output.contains("TimeStamp"));
+        if (c.reason) EXPECT_EQ(output["FailureReason"], c.reason);
+        else EXPECT_DOUBLE_EQ(output["PhaseLeft (UI)"].get<double>(), 0.15);
+    }
 }
 
 }  // namespace

@@ -231,6 +231,20 @@ TEST_F(HvlOnModel, AGrantThatNeverComesEndsWhenTheTestIsStopped) {
               0u);
 }
 
+TEST_F(HvlOnModel, AStopDuringTheWalkRestoresTheLane) {
+    boot();
+    std::atomic<int> asked{0};
+    const json results = run({0, 1}, [&asked] { return ++asked > 30; });
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results.at(0).at("ErrorMsg"), "Cancelled by the user");
+    EXPECT_EQ(capability(0, chips::e32::kCapPhaseOffset), 0u);
+    EXPECT_EQ(capability(0, chips::e32::kCapVoltageOffset), 0u);
+    const auto store = get_register_store(die0);
+    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_CONTROL1", "G1")->read(), 0x00010000u);
+    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
+    EXPECT_EQ(store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", 0)->read() & 0x1000u, 0u);
+}
+
 TEST_F(HvlOnModel, MailboxMessagesChangeTheControllersStateOrFailCleanly) {
     boot(json::array({{{"type", "mailbox_silent"}, {"socket", 1}, {"mailbox", "Test"}}}));
     std::string error;
