@@ -1,5 +1,9 @@
 #include "result_data/eq_data.h"
 
+#include "discovery/e32_phy.h"
+#include "discovery/lane_generic_information.h"
+#include "hardware/crn_factory.h"
+
 #include <iostream>
 #include <optional>
 #include <stdexcept>
@@ -32,7 +36,51 @@ std::string preset_from_coefficients(unsigned int pre, unsigned int post) {
 
 CorvaneEQData::CorvaneEQData(std::string link, VEX_DIE_INFO die) : _link(std::move(link)), _die(std::move(die)) {}
 
-RxEq CorvaneEQData::get_rx_eq(unsigned int) { return RxEq{}; }
+RxEq CorvaneEQData::get_rx_eq(unsigned int lane) {
+    try {
+        const auto store = get_register_store(_die);
+        const auto accessor = CRNFactory::instance()->get_crn_accessor(_die);
+        const auto lanes = get_lane_generic_info(_die);
+        const auto phy = std::make_shared<PhyAccessor>(accessor);
+        const LaneProtocol protocol = CorvaneCheckControllerType(_link, lane, store, lanes)();
+        if (protocol != PCIe && protocol != hVL_TEXL) return RxEq{};
+        auto commands = std::make_shared<CorvaneE32PCSCommands>(_link, lane, store);
+        if (!commands->check_if_override_is_working()) return RxEq{};
+        // The record is read with the override held, so the firmware doesn't
+        // rewrite it under the reader; a grant that doesn't come in 20 ms
+        // means no record this time.
+        commands->set_abandon_check([round = 0]() mutable { return ++round > 20; });
+        if (!commands->enable_override()) {
+            commands->disable_override();
+            return RxEq{};
+        }
+        CorvaneE32LANEDATA data;
+        try {
+            CorvaneVersionCheck version(_link, _die, commands);
+            const unsigned int number = version();
+            data = GetCorvaneE32LaneData(_link, lane, phy, lanes)(number, version.full_version());
+        } catch (const std::runtime_error&) {
+            commands->disable_override();
+            return RxEq{};
+        }
+        commands->disable_override();
+        if (!data.active_cache_valid() || data.active_cache >= data.rxadapt.size()) return RxEq{};
+        const auto& adapt = data.rxadapt[data.active_cache];
+        RxEq rx;
+        rx.valid = true;
+        rx.ctleidx = adapt.ctleidx;
+        rx.vga = adapt.vga;
+        rx.iq = adapt.iq;
+        // Each tap is kept as a pair of sampler readings; the tap is half
+        // their difference, in DAC steps.
+        double* taps[] = {&rx.H0, &rx.H1, &rx.H2, &rx.H3};
+        for (size_t tap = 0; tap < adapt.taps.size(); ++tap)
+            *taps[tap] = (adapt.taps[tap].second - adapt.taps[tap].first) / 2.0;
+        return rx;
+    } catch (const std::runtime_error&) {
+        return RxEq{};
+    }
+}
 
 TxEq CorvaneEQData::get_tx_eq_local(unsigned int lane) {
     try {

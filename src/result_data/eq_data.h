@@ -48,10 +48,9 @@ public:
 
 // E32 lanes of the server dies and the KX900/KX800 line.
 //
-// get_rx_eq checks that a controller drives the lane; the adapted values
-// live in the PHY firmware's lane training record, whose reader isn't part
-// of this build, so the record stays not valid and the report shows "Not
-// Available".
+// get_rx_eq checks that a controller drives the lane, and reads the adapted
+// values of the active cache from the PHY firmware's lane training record
+// under the PHY override. Any step that fails gives a record that isn't valid.
 class CorvaneEQData : public EQData {
 public:
     CorvaneEQData(std::string link, VEX_DIE_INFO die);

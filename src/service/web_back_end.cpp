@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "gui/gui_hvl_get_device.h"
+#include "gui/gui_hvl_handle_test.h"
 #include "gui/gui_pcie_get_device.h"
 #include "gui/pcie_margin_estimate.h"
 #include "gui/test_archive.h"
@@ -134,7 +136,7 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
         "/api/1.0/EstimateTestDuration", HttpMethod::Post,
         [this](const WireRequest& request) {
             WireResponse response =
-                WireResponse::text(estimate_pcie_margin_duration(parse_request_body(request.body), _store).dump());
+                WireResponse::text(EstimateTestDuration(parse_request_body(request.body)).dump());
             response.content_type = "application/json";
             return response;
         },
@@ -222,7 +224,9 @@ std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
 std::string WebBackEnd::GetPCIEDeviceListForMargin() {
     return GUIPCIEGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
 }
-std::string WebBackEnd::GetHVLDeviceListForMargin() { return json::array().dump(); }
+std::string WebBackEnd::GetHVLDeviceListForMargin() {
+    return GUIHVLGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
+}
 std::string WebBackEnd::GetDeviceListForEyeScan() { return json::array().dump(); }
 
 std::string WebBackEnd::GetCurrentPCIeResults() { return current_pcie_results_sample().dump(); }
@@ -251,6 +255,13 @@ std::string WebBackEnd::CancelTest(const std::string& body) {
     if (const auto refusal = cancel_test(_storage, _store, id->get<uint64_t>()))
         return json{{"OperationStatus", false}, {"ErrMsg", *refusal}}.dump();
     return json{{"OperationStatus", true}}.dump();
+}
+
+// One route for every kind of margin, chosen by the record's "Operation".
+json WebBackEnd::EstimateTestDuration(const json& record) {
+    const auto operation = record.find("Operation");
+    if (operation != record.end() && *operation == "HVL Destructive Margin") return estimate_hvl_margin(record, _store);
+    return estimate_pcie_margin_duration(record, _store);
 }
 
 std::string WebBackEnd::GetResultsDateRange() {

@@ -46,6 +46,8 @@ public:
     // {"TestID": n}: a queued test leaves the queue archived "Cancelled", a
     // running one stops at its next safe point and archives itself so.
     std::string CancelTest(const std::string& body);
+    // Nominal duration of a margin record (PCIe or hVL) before it is queued.
+    nlohmann::json EstimateTestDuration(const nlohmann::json& record);
     std::string GetResultsDateRange();
     std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);

@@ -36,7 +36,8 @@ void expect_keys(const json& value, const std::string& path, std::initializer_li
 
 // A JSON integer or a text such as "1" or "0x1", as everywhere in profiles.
 unsigned whole_number(const json& value, const std::string& path) {
-    if (value.is_number_unsigned() && value.get<uint64_t>() <= 0xFFFF) return value.get<unsigned>();
+    if (value.is_number_integer() && value.get<int64_t>() >= 0 && value.get<int64_t>() <= 0xFFFF)
+        return value.get<unsigned>();
     if (value.is_string()) {
         const std::string text = value.get<std::string>();
         try {
@@ -94,6 +95,28 @@ HvlLinkEnd read_end(const json& value, const std::string& path, const std::vecto
     return end;
 }
 
+// "left", "right", "top", "bottom" (steps, 1 to 100) and "noise" (0 to 1)
+// over `base`.
+HvlEye read_eye(const json& value, const std::string& path, HvlEye base, bool with_lane) {
+    if (with_lane) expect_keys(value, path, {"lane", "left", "right", "top", "bottom", "noise"});
+    else expect_keys(value, path, {"left", "right", "top", "bottom", "noise"});
+    for (auto [key, field] : {std::pair{"left", &base.left}, std::pair{"right", &base.right},
+                              std::pair{"top", &base.top}, std::pair{"bottom", &base.bottom}}) {
+        if (!value.contains(key)) continue;
+        const json& v = value.at(key);
+        if (!v.is_number() || v.get<double>() < 1 || v.get<double>() > 100)
+            fail(path + "." + key, "expected steps from 1 to 100, got " + v.dump());
+        *field = v.get<double>();
+    }
+    if (value.contains("noise")) {
+        const json& v = value.at("noise");
+        if (!v.is_number() || v.get<double>() < 0 || v.get<double>() > 1)
+            fail(path + ".noise", "expected 0 to 1, got " + v.dump());
+        base.noise = v.get<double>();
+    }
+    return base;
+}
+
 // Where a named register of a link's hVL PCS (or of one of its lanes) lies.
 uint32_t pcs_address(const RegisterStorage& store, const char* name, const std::string& link) {
     return store.get_link_pcs_register(name, link, 0)->get_offset();
@@ -108,7 +131,7 @@ std::vector<HvlLinkProfile> parse_hvl_links(const json& links, const std::vector
     for (size_t i = 0; i < links.size(); ++i) {
         const std::string path = "hvl_links[" + std::to_string(i) + "]";
         const json& entry = links[i];
-        expect_keys(entry, path, {"socket", "die", "link", "partner", "rate", "lane_reversed"});
+        expect_keys(entry, path, {"socket", "die", "link", "partner", "rate", "lane_reversed", "eye", "lanes", "drop_past_edge"});
         HvlLinkProfile link;
         link.end = read_end(entry, path, sockets);
         if (!entry.contains("partner")) fail(path, "missing field 'partner'");
@@ -132,6 +155,22 @@ std::vector<HvlLinkProfile> parse_hvl_links(const json& links, const std::vector
             if (!entry.at("lane_reversed").is_boolean())
                 fail(path + ".lane_reversed", "expected true or false, got " + entry.at("lane_reversed").dump());
             link.lane_reversed = entry.at("lane_reversed").get<bool>();
+        }
+        if (entry.contains("eye")) link.eye = read_eye(entry.at("eye"), path + ".eye", link.eye, false);
+        if (entry.contains("lanes")) {
+            if (!entry.at("lanes").is_array()) fail(path + ".lanes", "expected an array");
+            for (size_t l = 0; l < entry.at("lanes").size(); ++l) {
+                const std::string at = path + ".lanes[" + std::to_string(l) + "]";
+                const json& lane = entry.at("lanes")[l];
+                if (!lane.is_object() || !lane.contains("lane")) fail(at, "missing field 'lane'");
+                const unsigned number = whole_number(lane.at("lane"), at + ".lane");
+                if (number >= 16) fail(at + ".lane", "an hVL link has lanes 0 to 15");
+                link.lane_eyes[number] = read_eye(lane, at, link.eye, true);
+            }
+        }
+        if (entry.contains("drop_past_edge")) {
+            link.drop_past_edge = whole_number(entry.at("drop_past_edge"), path + ".drop_past_edge");
+            if (link.drop_past_edge == 0) fail(path + ".drop_past_edge", "expected 1 or more");
         }
         result.push_back(std::move(link));
     }

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -30,10 +31,19 @@ struct HvlLinkEnd {
     std::string link;
 };
 
+// A receiver's eye in margin steps of its PHY (timing: 1/64 UI, voltage:
+// about 3.9 mV), and the spread of each edge as a fraction of it.
+struct HvlEye {
+    double left = 12, right = 12, top = 16, bottom = 16, noise = 0.05;
+};
+
 struct HvlLinkProfile {
     HvlLinkEnd end, partner;
     double rate = 32;  // Gb/s
     bool lane_reversed = false;
+    HvlEye eye;                           // every lane of both ends
+    std::map<unsigned, HvlEye> lane_eyes;  // lanes that differ
+    unsigned drop_past_edge = 6;          // steps past the edge that take the link out of L0
 };
 
 // Reads the profile's "hvl_links" against its sockets. Throws ProfileError

@@ -9,6 +9,7 @@
 #include "simulator/port_mapping_model.h"
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
+#include "simulator/hvl_phy_model.h"
 
 namespace sim {
 
@@ -338,12 +339,14 @@ PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::opt
         const SocketProfile& socket = _profile.sockets[s];
         _build_socket(socket, static_cast<unsigned>(s), locator ? locator : chip_register_locator(socket.die_type));
     }
-    place_hvl_links(parse_hvl_links(_profile.hvl_links, _profile.sockets), _profile.sockets,
-                    [this](unsigned socket, unsigned die) -> RegisterSpace* {
-                        for (auto& d : _dies)
-                            if (d->socket == socket && d->die == die) return &d->registers;
-                        return nullptr;
-                    });
+    const DieRegisterSpace die_space = [this](unsigned socket, unsigned die) -> RegisterSpace* {
+        for (auto& d : _dies)
+            if (d->socket == socket && d->die == die) return &d->registers;
+        return nullptr;
+    };
+    const auto hvl_links = parse_hvl_links(_profile.hvl_links, _profile.sockets);
+    place_hvl_links(hvl_links, _profile.sockets, die_space);
+    attach_hvl_phys(hvl_links, _profile.sockets, read_hvl_faults(_profile.faults, _profile.sockets), _noise, die_space);
     // Every function of a device with several announces it in its header type.
     std::map<std::tuple<unsigned, unsigned, unsigned>, std::vector<Function*>> devices;
     for (const auto& [address, f] : _fixed) {

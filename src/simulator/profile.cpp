@@ -9,6 +9,7 @@
 #include "hardware/chips/chip_identity.h"
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
+#include "simulator/hvl_phy_model.h"
 
 namespace sim {
 
@@ -517,11 +518,12 @@ Profile parse_profile(const json& document) {
         for (const Field& fault : top.child("faults").array()) {
             if (!fault.value().is_object()) fail(fault.path(), "expected an object");
             const Field type = fault.at("type");
-            if (!is_margining_fault(type.as_string()))
+            if (!is_margining_fault(type.as_string()) && !is_hvl_fault(type.as_string()))
                 fail(type.path(), "unknown fault type '" + type.as_string() + "'");
         }
         profile.faults = document.at("faults");
         read_margining_faults(profile);
+        read_hvl_faults(profile.faults, profile.sockets);
     }
     return profile;
 }

@@ -1,0 +1,69 @@
+// What the E32 PHY firmware offers on the register network, shared by the
+// product's readers and the platform model.
+//
+// Injection channel (per lane, in the link PCS: "UPI2_DECODE_32_LANE_*"):
+//   InjectionParamCode   write (code & 0xFF) | (parameter << 8) to run a command
+//   InjectionReadback    bit 12 override request (R/W), bit 13 override granted,
+//                        bit 10 command busy, bits 7:0 the last command's answer
+// PHY's own channel (per lane, "CMD_*"): the parameter goes to CMD_PARM0, the
+// command code to CMD_PARM1 bits 7:0; writing CMD_OVRD with bit 0 set runs it
+// (bit 12 of CMD_OVRD is the PHY-side override request, bit 13 its grant);
+// CMD_STATUS bit 0 is set while the command runs.
+//
+// Firmware version words at the 128 KiB-aligned start of a link's first PHY
+// block: word 0 bits 31:24 the major number, word 1 bits 15:8 the minor and
+// bits 23:16 the patch number, each of them masked with 0xCF by readers.
+//
+// Lane training record: 768 bytes in the PHY's memory, at the lane's PHY
+// block base (low 16 bits cleared) - 0x10000 + the layout's offset for
+// lane & 3. Multi-byte fields are little-endian.
+#pragma once
+
+#include <cstdint>
+
+namespace chips::e32 {
+
+constexpr unsigned int kOverrideRequestBit = 12, kOverrideGrantBit = 13, kBusyBit = 10;
+constexpr unsigned int kPhyRunBit = 0, kPhyBusyBit = 0;
+
+enum Command : unsigned int { kCmdCdr = 5, kCmdRxMargin = 9, kCmdTxRxCap = 14 };
+// Capability indexes of command 14; the unit of the two maximum offsets is a
+// hundredth of a UI and of a volt.
+enum Capability : unsigned int {
+    kCapRevision = 0,
+    kCapTimingSteps = 1,
+    kCapMaxTimingOffset = 2,
+    kCapVoltSteps = 3,
+    kCapMaxVoltOffset = 4,
+    kCapVersion = 64,  // record layout version: 1, 2 or 3
+    // The receiver's applied margin offsets (two's-complement bytes) and how
+    // many CDR commands it took, for checks after a margin.
+    kCapPhaseOffset = 65,
+    kCapVoltageOffset = 66,
+    kCapCdrCount = 67,
+};
+
+constexpr unsigned int kRecordBytes = 768;
+constexpr unsigned int kRecordOffsetsV12[4] = {0xACC0, 0xAFC0, 0xB2C0, 0xB5C0};
+constexpr unsigned int kRecordOffsetsV3[4] = {0xAAE0, 0xADE0, 0xB0E0, 0xB3E0};
+constexpr unsigned int kActiveCacheByte = 24;
+constexpr unsigned int kCaches = 3;
+// One receiver adaptation entry per cache: ctleidx, vga (bytes), iq (signed
+// byte), a spare byte, then the four taps H0..H3, each a pair of signed
+// 16-bit values whose half-difference is the tap.
+constexpr unsigned int kRxAdaptFirst = 28, kRxAdaptStride = 20, kRxAdaptTaps = 4;
+constexpr unsigned int kClockTrainFirst = 376, kClockTrainValidByte = 29;
+constexpr unsigned int kRingOffsetByte = 498;  // two bytes
+constexpr unsigned int kTapModeByte = 522;     // layouts 2 and 3
+// Clock-train entries are 37 bytes apart in layout 1 and 36 in the others.
+constexpr unsigned int clock_train_stride(unsigned int layout) { return layout == 1 ? 37 : 36; }
+constexpr unsigned int record_offset(unsigned int layout, unsigned int lane) {
+    return layout == 3 ? kRecordOffsetsV3[lane & 3] : kRecordOffsetsV12[lane & 3];
+}
+// Address of the record of a lane whose PHY block starts at phy_base.
+constexpr unsigned int record_address(unsigned int phy_base, unsigned int layout, unsigned int lane) {
+    return (phy_base & ~0xFFFFu) + record_offset(layout, lane) - 0x10000u;
+}
+constexpr unsigned int firmware_base(unsigned int first_phy_base) { return first_phy_base & ~0x1FFFFu; }
+
+}  // namespace chips::e32
