@@ -7,6 +7,7 @@
 
 #include "discovery/hvl_links.h"
 #include "gui/gui_pcie_handle_test.h"
+#include "gui/test_archive.h"
 #include "gui/test_progress.h"
 #include "gui/test_record_checks.h"
 #include "hardware/atomic_file.h"
@@ -143,6 +144,10 @@ GUIHVLHandleTest::GUIHVLHandleTest(json& test, TestStorage& storage, Scheduler& 
 
 void GUIHVLHandleTest::start() {
     const unsigned long id = _test.at("TestID").get<unsigned long>();
+    // A flag of this test's own: a cancel stops this margin alone, the
+    // service's flag still stops it at shutdown.
+    _stop = _stop.linked();
+    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop("Margin stopped: cancelled by the user"); });
     auto thread = std::make_shared<std::thread>(&GUIHVLHandleTest::thread_fuction, *this);
     _scheduler.add_test(id, thread);
 }
@@ -172,11 +177,11 @@ void GUIHVLHandleTest::thread_fuction() {
         params.stop = [stop] { return stop.stop_requested(); };
         TestProgressReporter progress(_storage, id, system_facts().now());
         params.progress = [&progress](const HvlMarginProgress& step) {
-            TestProgressState state;
+            PCIE::MarginProgress state;
             state.lanes_done = step.lanes_done;
             state.lanes_total = step.lanes_total;
-            state.units_done = step.sides_done;
-            state.units_total = step.sides_total;
+            state.sides_done = step.sides_done;
+            state.sides_total = step.sides_total;
             state.direction = step.direction;
             progress.update(state, system_facts().now());
         };
@@ -193,11 +198,11 @@ void GUIHVLHandleTest::thread_fuction() {
         write_result_file(folder, "raw_data.json", report.dump(4) + "\n");
         if (!report.empty()) write_result_file(folder, "hvl_margin.csv", hvl_margin_csv(report));
         _test["TestOutput"] = hvl_margin_test_output(report, *lanes, folder);
-        // The flag this runner holds is the service's shutdown flag: a margin
-        // it stopped is archived as stopped, never as complete.
+        // A stopped margin is archived as stopped (by the cancel or the
+        // shutdown), never as complete.
         if (_stop.stop_requested() && _test["TestOutput"]["Status"] == "Failed" &&
             _test["TestOutput"].value("FailureReason", "").find(CorvanehVLMargin::kCancelled) != std::string::npos)
-            _test["TestOutput"]["FailureReason"] = "Margin stopped: the service is shutting down";
+            _test["TestOutput"]["FailureReason"] = _stop.stop_reason();
     } catch (const std::exception& error) {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
         _test["TestOutput"]["TimeStamp"] = time_stamp();
@@ -213,6 +218,10 @@ void GUIHVLHandleTest::thread_fuction() {
         } catch (const std::exception& error) {
             Logger::get().log("hVL margin test " + std::to_string(id) + ": no folder: " + error.what());
         }
+    }
+    if (_test["TestOutput"].value("Status", std::string()) != "complete" &&
+        UpdateTestStorage::cancel_requested(_storage, id)) {
+        _test["TestOutput"] = unmeasured_test_output("Cancelled", kCancelledRunning, folder);
     }
     if (!folder.empty()) {
         std::string error;
