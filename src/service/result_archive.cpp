@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <unistd.h>
@@ -193,12 +194,11 @@ std::string GUIDumpResults::get(const std::string& dir_path, const std::vector<j
 std::optional<std::vector<ResultRun>> find_runs_in_date_range(GUIResourceStore& store, const std::string& start,
                                                               const std::string& end) {
     const auto runs = GUIGetAllInstanceFolder(store).get();
-    auto dated = [&](const std::string& date) {
-        return std::find_if(runs.begin(), runs.end(), [&](const ResultRun& run) { return run.first == date; });
-    };
-    const auto first = dated(start);
-    const auto last = dated(end);
-    if (first == runs.end() || last == runs.end()) return std::nullopt;
+    auto labelled = [&](const std::string& date) { return [&date](const ResultRun& run) { return run.first == date; }; };
+    const auto first = std::find_if(runs.begin(), runs.end(), labelled(start));
+    const auto last_reversed = std::find_if(runs.rbegin(), runs.rend(), labelled(end));
+    if (first == runs.end() || last_reversed == runs.rend()) return std::nullopt;
+    const auto last = std::prev(last_reversed.base());
     if (first > last) return std::vector<ResultRun>{};
     return std::vector<ResultRun>(first, last + 1);
 }

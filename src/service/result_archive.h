@@ -78,10 +78,10 @@ private:
     GUIResourceStore& _store;  // kept for the shape of the interface
 };
 
-// The runs from the first one dated `start` up to and including the first one
+// The runs from the first one dated `start` up to and including the last one
 // dated `end`; nothing when either date names no run. With `start` later
-// than `end` the walk is empty. Two runs within one minute share a date, and
-// the first of them is the one found.
+// than `end` the walk is empty. A readable date has no year and no seconds,
+// so several runs may share it: all of them lie in the range.
 std::optional<std::vector<ResultRun>> find_runs_in_date_range(GUIResourceStore& store, const std::string& start,
                                                               const std::string& end);
 

@@ -96,11 +96,13 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// Four runs made out of date order, two of them in the same minute.
+// Five runs made out of date order; three share the label "2 May 9:06AM"
+// (two in one minute, one a year earlier).
 class ArchiveRuns : public ::testing::Test {
 protected:
     void SetUp() override {
         make_run(temp.path(), "2024_05_02-13_05_00", {{30, pcie_record(30, 1).dump()}});
+        make_run(temp.path(), "2023_05_02-09_06_05", {{5, pcie_record(5, 1).dump()}});
         make_run(temp.path(), "2023_12_31-23_59_59", {{10, pcie_record(10, 1).dump()}});
         make_run(temp.path(), "2024_05_02-09_06_40", {{21, pcie_record(21, 1).dump()}});
         make_run(temp.path(), "2024_05_02-09_06_10", {{20, pcie_record(20, 1).dump()}});
@@ -119,8 +121,9 @@ TEST_F(ArchiveRuns, FoldersComeBackInDateOrderWithReadableDates) {
         dates.push_back(date);
         folders.push_back(fs::path(path).filename().string());
     }
-    EXPECT_EQ(dates, (std::vector<std::string>{"31 Dec 11:59PM", "2 May 9:06AM", "2 May 9:06AM", "2 May 1:05PM"}));
-    EXPECT_EQ(folders, (std::vector<std::string>{"2023_12_31-23_59_59", "2024_05_02-09_06_10",
+    EXPECT_EQ(dates, (std::vector<std::string>{"2 May 9:06AM", "31 Dec 11:59PM", "2 May 9:06AM", "2 May 9:06AM",
+                                               "2 May 1:05PM"}));
+    EXPECT_EQ(folders, (std::vector<std::string>{"2023_05_02-09_06_05", "2023_12_31-23_59_59", "2024_05_02-09_06_10",
                                                  "2024_05_02-09_06_40", "2024_05_02-13_05_00"}));
 }
 
@@ -131,7 +134,7 @@ struct RangeCase {
 
 class ArchiveRanges : public ArchiveRuns, public ::testing::WithParamInterface<RangeCase> {};
 
-TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheFirstRunOfEnd) {
+TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheLastRunOfEnd) {
     const auto results = get_results_in_date_range(store, GetParam().start, GetParam().end);
     ASSERT_EQ(results.has_value(), GetParam().ids.has_value());
     if (results) {
@@ -141,10 +144,10 @@ TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheFirstRunOfEnd) {
 
 INSTANTIATE_TEST_SUITE_P(
     Dates, ArchiveRanges,
-    ::testing::Values(RangeCase{"All", "31 Dec 11:59PM", "2 May 1:05PM", std::vector<int>{10, 20, 21, 30}},
-                      // Both runs of that minute read alike; the first one is found.
-                      RangeCase{"SharedMinute", "2 May 9:06AM", "2 May 9:06AM", std::vector<int>{20}},
-                      RangeCase{"SharedMinuteToEnd", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{20, 21, 30}},
+    ::testing::Values(RangeCase{"All", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{5, 10, 20, 21, 30}},
+                      // Every run of a shared label counts, at either end.
+                      RangeCase{"SharedLabel", "2 May 9:06AM", "2 May 9:06AM", std::vector<int>{5, 10, 20, 21}},
+                      RangeCase{"SharedLabelAtEnd", "31 Dec 11:59PM", "2 May 9:06AM", std::vector<int>{10, 20, 21}},
                       RangeCase{"StartAfterEnd", "2 May 1:05PM", "31 Dec 11:59PM", std::vector<int>{}},
                       RangeCase{"UnknownStart", "1 May 9:06AM", "2 May 1:05PM", std::nullopt},
                       RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt}),
