@@ -19,9 +19,13 @@
 
 namespace PortHall {
 class WireApp;
+struct WireRequest;
+struct WireResponse;
 }
 
 enum class ArchiveReportKind;
+class ArchiveIndex;
+class ArchiveWorkers;
 
 class WebBackEnd {
 public:
@@ -52,6 +56,13 @@ public:
     // "Failed. Date range invalid." when either date names no run or `start`
     // lies after `end` (an empty download would only hide the mistake).
     std::string ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind);
+
+    // The archive routes that may read much: they run on the archive's own
+    // threads and stream their answers (see archive_workers.h).
+    PortHall::WireResponse GetResultsByDateStreamed(const PortHall::WireRequest& request);
+    PortHall::WireResponse GetResultsSummary(const PortHall::WireRequest& request);
+    PortHall::WireResponse GetResult(const PortHall::WireRequest& request);
+    PortHall::WireResponse ExportResultsCSVStreamed(const PortHall::WireRequest& request);
 
     std::string GetASPMInfo();
     std::string SetL0Enabled(std::string body);
@@ -127,6 +138,9 @@ private:
     // The download thread has its own, so an export never waits behind the
     // join of a long panel run.
     std::mutex _download_mutex;
+    std::unique_ptr<ArchiveIndex> _index;
+    // Last, so its threads end before anything they use.
+    std::unique_ptr<ArchiveWorkers> _archive_workers;
 };
 
 // Parses a request body as a JSON object; a body that isn't one is refused
