@@ -30,10 +30,10 @@ namespace {
 
 // Archive queries: two threads (one per core of a small lab machine), up to
 // sixteen waiting, and none waiting longer than the web server lets a
-// request go unanswered (10 s) with a margin.
+// request go unanswered (60 s) with a margin for its own work.
 constexpr std::size_t kArchiveThreads = 2;
 constexpr std::size_t kArchiveQueue = 16;
-constexpr std::chrono::milliseconds kArchiveMaxWait{8000};
+constexpr std::chrono::milliseconds kArchiveMaxWait{30000};
 // A summary page holds at most this many results.
 constexpr std::size_t kSummaryLimitMax = 1000;
 

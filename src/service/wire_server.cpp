@@ -607,6 +607,9 @@ int WireServer::StartServer() {
             restinio::own_io_context(), [this](auto& settings) {
                 settings.port(static_cast<std::uint16_t>(_impl->port))
                     .address("0.0.0.0")
+                    // An archive query over a large, not yet indexed archive
+                    // may take longer than the library's 10 s.
+                    .handle_request_timeout(std::chrono::seconds(60))
                     .request_handler(_impl->build_router());
             });
         _impl->server->open_sync();
