@@ -133,7 +133,6 @@ MarginGrades grade_margin_record(const json& record) {
     grades.thresholds = eye_thresholds_for(speed);
     if (!grades.thresholds) {
         grades.test.note = "no eye thresholds for " + (speed.empty() ? std::string("an unknown speed") : speed);
-        return grades;
     }
 
     std::set<std::string> notes;  // each once, in text order
@@ -148,7 +147,9 @@ MarginGrades grade_margin_record(const json& record) {
         if (!graded.note.empty()) notes.insert(graded.note);
         grades.lanes.push_back(std::move(graded));
     }
-    for (const auto& note : notes) add_note(grades.test.note, note);
+    if (grades.thresholds) {
+        for (const auto& note : notes) add_note(grades.test.note, note);
+    }
     return grades;
 }
 

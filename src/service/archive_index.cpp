@@ -230,7 +230,9 @@ ArchiveIndex::~ArchiveIndex() {
 void ArchiveIndex::open() {
     std::error_code ec;
     const bool root_exists = fs::is_directory(_root, ec);
-    if (_db && (_in_memory == !root_exists)) return;
+    const std::string path = (fs::path(_root) / kIndexFile).string();
+    // Kept while it is the right kind; a file removed under us is made again.
+    if (_db && (_in_memory ? !root_exists : fs::exists(path, ec))) return;
     if (_db) sqlite3_close(_db);
     _db = nullptr;
 
@@ -269,7 +271,6 @@ void ArchiveIndex::open() {
 
     _in_memory = !root_exists;
     if (root_exists) {
-        const std::string path = (fs::path(_root) / kIndexFile).string();
         if (try_open(path)) return;
         // A damaged index is only a cache: start it again.
         for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(path + suffix, ec);

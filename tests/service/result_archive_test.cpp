@@ -328,3 +328,133 @@ INSTANTIATE_TEST_SUITE_P(
                       BadExportCase{"UnknownKind", "?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=eye",
                                     "Failed. Unknown kind \"eye\"; use pcie or hvl."}),
     [](const auto& info) { return info.param.name; });
+
+// --- Summary, single result, CSV guard ---------------------------------------
+
+TEST(ArchiveCompactJson, IsWhatParsingAndDumpingGives) {
+    const json record = {{"Operation", "PCIe Margin"},
+                         {"Text", "a \"quoted\" word, a \\ backslash\\\\\", blanks  \t and\nlines"},
+                         {"Unicode", "\u00b5s \u2013 dwell"},
+                         {"Nested", {{"Empty", json::object()}, {"List", {1, -2.5, 1e-7, nullptr, true, "x y"}}}},
+                         {"Last\\", "\\"}};
+    const std::string indented = record.dump(4) + "\n";
+    std::string compact;
+    append_compact_json(indented.data(), indented.size(), compact);
+    EXPECT_EQ(compact, record.dump());
+}
+
+struct GuardCase {
+    std::string name, cell, written;
+};
+
+class ArchiveCsvGuard : public ::testing::TestWithParam<GuardCase> {};
+
+TEST_P(ArchiveCsvGuard, FormulasBecomeTextNumbersStayNumbers) {
+    EXPECT_EQ(guard_csv_cell(GetParam().cell), GetParam().written);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cells, ArchiveCsvGuard,
+    ::testing::Values(GuardCase{"Formula", "=HYPERLINK(\"x\")", "'=HYPERLINK(\"x\")"},
+                      GuardCase{"PlusFormula", "+1+cmd|' /C calc'!A0", "'+1+cmd|' /C calc'!A0"},
+                      GuardCase{"MinusFormula", "-2+3", "'-2+3"}, GuardCase{"At", "@SUM(A1)", "'@SUM(A1)"},
+                      GuardCase{"Tab", "\t=1", "'\t=1"}, GuardCase{"CarriageReturn", "\r=1", "'\r=1"},
+                      GuardCase{"LoneMinus", "-", "'-"}, GuardCase{"NegativeNumber", "-0.05", "-0.05"},
+                      GuardCase{"SignedNumber", "+3", "+3"}, GuardCase{"Exponent", "-1.5e-3", "-1.5e-3"},
+                      GuardCase{"Text", "Not Available", "Not Available"}, GuardCase{"Empty", "", ""},
+                      GuardCase{"EqualsInside", "a=b", "a=b"}),
+    [](const auto& info) { return info.param.name; });
+
+namespace {
+
+json stamped(json record, const std::string& finished, const std::string& sbdf) {
+    record["TestOutput"]["TimeStamp"] = finished;
+    record["PCIeInfo"]["SBDF"] = sbdf;
+    return record;
+}
+
+std::vector<std::string> ids_in(const json& page) {
+    std::vector<std::string> ids;
+    for (const auto& item : page["Results"]) ids.push_back(item["ResultId"]);
+    return ids;
+}
+
+}  // namespace
+
+// Three runs: an old one without finish stamps, and two whose tests carry
+// them; tests of two devices, one failed.
+class ServedSummary : public ServedArchive {
+protected:
+    void SetUp() override {
+        root = wire_test::running_service().results_root;
+        make_run(root, "2024_01_10-08_00_00", {{1, pcie_record(1, 2).dump()}, {2, "{broken"}});
+        make_run(root, "2024_03_01-09_00_00",
+                 {{5, stamped(pcie_record(5, 1), "2024_03_01-09_30_00", "0:40:1.0").dump()},
+                  {6, stamped(record(6, "PCIe Margin", "Failed", std::nullopt), "2024_03_01-09_10_00", "0000:03:00.0")
+                          .dump()}});
+        make_run(root, "2024_03_02-07_00_00", {{10, stamped(pcie_record(10, 1), "2024_03_02-07_05_00", "0:3:0.0").dump()}});
+    }
+    json summary(const std::string& query) {
+        const auto answer = get("/api/1.0/GetResultsSummary" + query);
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        return answer.status == 200 ? json::parse(answer.body) : json::object();
+    }
+};
+
+TEST_F(ServedSummary, PagesNewestFirstFilteredByDeviceAndStamps) {
+    const json all = summary("");
+    EXPECT_EQ(all["Total"], 4);
+    EXPECT_EQ(ids_in(all), (std::vector<std::string>{"2024_03_02-07_00_00/test_10", "2024_03_01-09_00_00/test_5",
+                                                     "2024_03_01-09_00_00/test_6", "2024_01_10-08_00_00/test_1"}));
+    const json& old = all["Results"][3];
+    EXPECT_EQ(old["Stamp"], "2024_01_10-08_00_00") << "no finish stamp: the run's";
+    EXPECT_EQ(old["VoltTopMV"], 75000) << "a PCIe margin's volts in millivolts";
+    EXPECT_FALSE(old.contains("FullMarginData"));
+    const json& failed = all["Results"][2];
+    EXPECT_EQ(failed["Status"], "Failed");
+    EXPECT_EQ(failed["FailureReason"], "Incorrect params.");
+    EXPECT_EQ(failed["PhaseLeftUI"], nullptr);
+    EXPECT_EQ(failed["Grade"]["Grade"], nullptr);
+
+    const json page = summary("?offset=1&limit=2");
+    EXPECT_EQ(page["Total"], 4);
+    EXPECT_EQ(page["Offset"], 1);
+    EXPECT_EQ(ids_in(page), (std::vector<std::string>{"2024_03_01-09_00_00/test_5", "2024_03_01-09_00_00/test_6"}));
+    EXPECT_EQ(ids_in(summary("?sbdf=0000:03:00.0")),
+              (std::vector<std::string>{"2024_03_02-07_00_00/test_10", "2024_03_01-09_00_00/test_6",
+                                        "2024_01_10-08_00_00/test_1"}))
+        << "both address forms name one function";
+    EXPECT_EQ(ids_in(summary("?from=2024_03_01-09_10_00&to=2024_03_01-09_30_00")),
+              (std::vector<std::string>{"2024_03_01-09_00_00/test_5", "2024_03_01-09_00_00/test_6"}));
+
+    // A record replaced on disk is read again; a removed run leaves the index.
+    std::ofstream(root / "2024_03_02-07_00_00" / "test_10" / "output.json")
+        << record(10, "PCIe Margin", "Failed", std::nullopt).dump(4) << std::string(7, ' ');
+    fs::remove_all(root / "2024_01_10-08_00_00");
+    const json after = summary("");
+    EXPECT_EQ(after["Total"], 3);
+    EXPECT_EQ(after["Results"][0]["Status"], "Failed");
+
+    for (const char* bad : {"?limit=-1", "?limit=1001", "?offset=x", "?from=2024-03-01", "?to=../../etc"}) {
+        EXPECT_EQ(get(std::string("/api/1.0/GetResultsSummary") + bad).status, 400) << bad;
+    }
+}
+
+TEST_F(ServedSummary, OneResultByIdWithItsGradesAndNothingOutsideTheArchive) {
+    const json result = json::parse(get("/api/1.0/GetResult?id=2024_01_10-08_00_00%2Ftest_1").body);
+    EXPECT_EQ(result["TestID"], 1);
+    EXPECT_EQ(result["TestOutput"]["FullMarginData"].size(), 2u);
+    EXPECT_EQ(result["Grades"]["Lanes"].size(), 2u);
+    EXPECT_TRUE(result["Grades"].contains("Thresholds"));
+
+    std::ofstream(root / "secret.json") << R"({"TestID": 99})";
+    for (const char* id : {"", "2024_01_10-08_00_00", "2024_01_10-08_00_00/test_9", "2024_01_10-08_00_00/test_2",
+                           "../secret.json", "2024_01_10-08_00_00/../secret.json", "2024_01_10-08_00_00/test_1/..",
+                           "%2e%2e%2fsecret.json", "/etc/passwd", "2024_13_40-08_00_00/test_1",
+                           "2024_01_10-08_00_00/test_1%00"}) {
+        const auto answer = get(std::string("/api/1.0/GetResult?id=") + id);
+        const json refusal = json::parse(answer.body);
+        EXPECT_EQ(refusal["OperationStatus"], false) << id;
+        EXPECT_TRUE(refusal["ErrMsg"].is_string()) << id;
+    }
+}
