@@ -8,10 +8,12 @@
 #   - the summary route (first page), cold (no index yet) and warm.
 # Goals: GetResultsByDate <= 2x cat, peak RSS <= 256 MB, version route
 # within 100 ms during the queries.
-# Usage: bench/archive_bench.sh [service binary ...]
+# Usage: [ARCHIVE_BENCH_PARALLEL=n] bench/archive_bench.sh [service binary ...]
 #   Each binary given is measured in turn (e.g. an older build to compare);
 #   default: build/bin/lanewright-sim. ARCHIVE_BENCH_DIR keeps the generated
 #   archive between runs (default: a temporary folder removed at the end).
+#   ARCHIVE_BENCH_PARALLEL sets the number of parallel queries (default 10;
+#   a build that holds whole answers in memory needs some 3 GB for each).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup build
@@ -81,9 +83,10 @@ for binary in "${binaries[@]}"; do
   printf '%-28s %8s s  %s MB  (%.1fx cat)\n' "GetResultsByDate, all" "$best" "$((size / 1000000))" \
     "$(awk -v a="$best" -v b="$cat_s" 'BEGIN { print a / b }')"
 
-  # Ten whole-range queries at once; the version route asked every 50 ms.
+  # Whole-range queries at once; the version route asked every 50 ms.
+  parallel="${ARCHIVE_BENCH_PARALLEL:-10}"
   queries=()
-  for i in $(seq 10); do query > "$work/parallel.$i" & queries+=($!); done
+  for i in $(seq "$parallel"); do query > "$work/parallel.$i" & queries+=($!); done
   : > "$work/latency"
   start=$(date +%s.%N)
   running() { for q in "${queries[@]}"; do kill -0 "$q" 2>/dev/null && return 0; done; return 1; }
@@ -92,10 +95,10 @@ for binary in "${binaries[@]}"; do
     sleep 0.05
   done
   wait_s="$(awk -v s="$start" -v e="$(date +%s.%N)" 'BEGIN { printf "%.1f", e - s }')"
-  sort -n "$work/latency" | awk -v w="$wait_s" '{ v[NR] = $1 } END {
-    printf "%-28s %s s for all ten; version route: %d answers, median %.1f ms, p99 %.1f ms, max %.1f ms\n",
-      "10 parallel, all", w, NR, 1000 * v[int((NR + 1) / 2)], 1000 * v[int(NR * 0.99 + 0.999)], 1000 * v[NR] }'
-  printf '%-28s %s\n' "answers of the ten (s, bytes)" "$(cat "$work"/parallel.* | tr '\n' ' ')"
+  sort -n "$work/latency" | awk -v w="$wait_s" -v p="$parallel" '{ v[NR] = $1 } END {
+    printf "%-28s %s s for all; version route: %d answers, median %.1f ms, p99 %.1f ms, max %.1f ms\n",
+      p " parallel, all", w, NR, 1000 * v[int((NR + 1) / 2)], 1000 * v[int(NR * 0.99 + 0.999)], 1000 * v[NR] }'
+  printf '%-28s %s\n' "answers (s, bytes)" "$(cat "$work"/parallel.* | tr '\n' ' ')"
   printf '%-28s %8s MB\n' "peak RSS of the service" "$(awk '/VmHWM/ { printf "%.0f", $2 / 1024 }' /proc/$pid/status)"
   kill "$pid"; wait "$pid" 2>/dev/null || true
 done

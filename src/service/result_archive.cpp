@@ -111,8 +111,11 @@ std::vector<ResultRun> GUIGetAllInstanceFolder::get() {
     return runs;
 }
 
-std::vector<json> GUIGetAllResultsInInstanceFolder::get(const std::string& path) {
-    std::vector<json> results;
+namespace {
+
+// Calls `each` with the record of every test folder of a run that holds one,
+// in the order of the folder names.
+void for_each_record_in_run(const std::string& path, const std::function<void(json&)>& each) {
     OSSpecific os;
     for (const auto& folder : os.get_all_subfolders(path)) {
         const std::string file = os.append_to_path(folder, "output.json");
@@ -121,17 +124,26 @@ std::vector<json> GUIGetAllResultsInInstanceFolder::get(const std::string& path)
             Logger::get().log("Result archive: no readable " + file + "; skipped");
             continue;
         }
+        json record;
         try {
-            json record = json::parse(text);
-            if (!record.is_object()) {
-                Logger::get().log("Result archive: " + file + " holds no test record; skipped");
-                continue;
-            }
-            results.push_back(std::move(record));
+            record = json::parse(text);
         } catch (const json::exception& error) {
             Logger::get().log("Result archive: " + file + " is not valid JSON (" + error.what() + "); skipped");
+            continue;
         }
+        if (!record.is_object()) {
+            Logger::get().log("Result archive: " + file + " holds no test record; skipped");
+            continue;
+        }
+        each(record);
     }
+}
+
+}  // namespace
+
+std::vector<json> GUIGetAllResultsInInstanceFolder::get(const std::string& path) {
+    std::vector<json> results;
+    for_each_record_in_run(path, [&](json& record) { results.push_back(std::move(record)); });
     return results;
 }
 
@@ -340,12 +352,62 @@ std::optional<std::vector<json>> get_results_in_date_range(GUIResourceStore& sto
     return get_results_of_runs(store, *runs);
 }
 
+std::string dump_runs_to_folder(const std::vector<ResultRun>& runs, const std::string& dir_path) {
+    struct Report {
+        ArchiveReportKind kind;
+        std::string path, temporary;
+        std::ofstream file;
+        ArchiveReportWriter writer;
+    };
+    OSSpecific os;
+    Report reports[2] = {{ArchiveReportKind::HVL, {}, {}, {}, ArchiveReportWriter(ArchiveReportKind::HVL)},
+                         {ArchiveReportKind::PCIe, {}, {}, {}, ArchiveReportWriter(ArchiveReportKind::PCIe)}};
+    auto fail = [&](const std::string& path) {
+        for (auto& report : reports) {
+            report.file.close();
+            if (!report.temporary.empty()) std::remove(report.temporary.c_str());
+        }
+        Logger::get().log("Result archive: unable to write " + path);
+        return "Failed. Unable to write " + path + ".";
+    };
+    for (auto& report : reports) {
+        report.path = os.append_to_path(dir_path, archive_report_file_name(report.kind));
+        report.temporary = report.path + ".partial." + std::to_string(::getpid());
+        report.file.open(report.temporary, std::ios::binary | std::ios::trunc);
+        if (!report.file) {
+            report.temporary.clear();
+            return fail(report.path);
+        }
+    }
+    std::string csv;
+    for (const auto& run : runs) {
+        for_each_record_in_run(run.second, [&](json& record) {
+            for (auto& report : reports) {
+                csv.clear();
+                report.writer.add(record, csv);
+                report.file << csv;
+            }
+        });
+    }
+    for (auto& report : reports) {
+        report.file.flush();
+        if (!report.file) return fail(report.path);
+        report.file.close();
+    }
+    for (auto& report : reports) {
+        if (std::rename(report.temporary.c_str(), report.path.c_str()) != 0) return fail(report.path);
+        report.temporary.clear();
+    }
+    return std::to_string(reports[1].writer.documents()) + " pcie device and " +
+           std::to_string(reports[0].writer.documents()) + " hvl devices data dumped.";
+}
+
 void thread_for_download(GUIResourceStore& store, const std::string& start, const std::string& end,
                          const std::string& dir_path, const std::function<void(const json&)>& send) {
     std::string message;
     try {
-        const auto results = get_results_in_date_range(store, start, end);
-        message = results ? GUIDumpResults(store).get(dir_path, *results) : kDateRangeInvalid;
+        const auto runs = find_runs_in_date_range(store, start, end);
+        message = runs ? dump_runs_to_folder(*runs, dir_path) : kDateRangeInvalid;
     } catch (const std::exception& error) {
         Logger::get().log(std::string("Result archive: export failed: ") + error.what());
         message = std::string("Failed. ") + error.what();

@@ -149,6 +149,10 @@ std::optional<std::vector<nlohmann::json>> get_results_in_date_range(GUIResource
 
 constexpr const char* kDateRangeInvalid = "Failed. Date range invalid.";
 
+// What GUIDumpResults::get writes for the records of these runs, read and
+// written one record at a time so that a range of any size fits in memory.
+std::string dump_runs_to_folder(const std::vector<ResultRun>& runs, const std::string& dir_path);
+
 // The body of the export thread: exports the range into dir_path and sends
 // {"key": "DownloadUpdate", "msg": <outcome>} through `send`. Never throws;
 // an unexpected failure is logged and sent as "Failed. <reason>".
