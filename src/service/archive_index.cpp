@@ -281,6 +281,20 @@ void ArchiveIndex::open() {
     if (!try_open(":memory:")) throw std::runtime_error("archive index: no database");
 }
 
+void ArchiveIndex::log_and_reset(const std::string& reason) {
+    Logger::get().log("Result archive: index made again from the files (" + reason + ")");
+    reset();
+}
+
+void ArchiveIndex::reset() {
+    if (_db) sqlite3_close(_db);
+    _db = nullptr;
+    if (_in_memory) return;
+    std::error_code ec;
+    const std::string path = (fs::path(_root) / kIndexFile).string();
+    for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(path + suffix, ec);
+}
+
 std::vector<std::string> ArchiveIndex::run_folders() const {
     std::vector<std::string> runs;
     OSSpecific os;
@@ -307,6 +321,7 @@ void ArchiveIndex::sync_run(const std::string& run_folder) {
     Statement remove(_db, "DELETE FROM tests WHERE run = ? AND folder = ?");
     std::set<std::string> present;
     for (const auto& test_folder : os.get_all_subfolders(run_folder)) {
+        if (_cancelled) throw IndexCancelled();
         const std::string folder = os.get_file_name_from_path(test_folder);
         const std::string file = os.append_to_path(test_folder, "output.json");
         const auto state = file_state(file);
@@ -362,6 +377,10 @@ void ArchiveIndex::sync_run(const std::string& run_folder) {
 
 void ArchiveIndex::sync_all() {
     std::lock_guard<std::mutex> lock(_mutex);
+    guarded([&] { sync_all_locked(); });
+}
+
+void ArchiveIndex::sync_all_locked() {
     open();
     const auto runs = run_folders();
     Transaction transaction(_db);
@@ -388,6 +407,10 @@ void ArchiveIndex::sync_all() {
 
 std::vector<IndexedTest> ArchiveIndex::tests_of_runs(const std::vector<std::string>& run_folders) {
     std::lock_guard<std::mutex> lock(_mutex);
+    return guarded([&] { return tests_of_runs_locked(run_folders); });
+}
+
+std::vector<IndexedTest> ArchiveIndex::tests_of_runs_locked(const std::vector<std::string>& run_folders) {
     open();
     OSSpecific os;
     std::vector<IndexedTest> tests;
@@ -409,9 +432,12 @@ std::vector<IndexedTest> ArchiveIndex::tests_of_runs(const std::vector<std::stri
 }
 
 SummaryPage ArchiveIndex::summaries(const SummaryQuery& query) {
-    sync_all();
     std::lock_guard<std::mutex> lock(_mutex);
-    open();
+    return guarded([&] { return summaries_locked(query); });
+}
+
+SummaryPage ArchiveIndex::summaries_locked(const SummaryQuery& query) {
+    sync_all_locked();
     const char* filter =
         " FROM tests WHERE valid = 1 AND (?1 IS NULL OR sbdf = ?1) AND (?2 IS NULL OR stamp >= ?2)"
         " AND (?3 IS NULL OR stamp <= ?3)";
@@ -448,9 +474,12 @@ SummaryPage ArchiveIndex::summaries(const SummaryQuery& query) {
 }
 
 std::vector<IndexedTest> ArchiveIndex::tests_between(const std::string& from, const std::string& to) {
-    sync_all();
     std::lock_guard<std::mutex> lock(_mutex);
-    open();
+    return guarded([&] { return tests_between_locked(from, to); });
+}
+
+std::vector<IndexedTest> ArchiveIndex::tests_between_locked(const std::string& from, const std::string& to) {
+    sync_all_locked();
     OSSpecific os;
     std::vector<IndexedTest> tests;
     Statement rows(_db,

@@ -18,10 +18,12 @@
 // an index in memory for the life of the process.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -79,13 +81,40 @@ public:
     // Brings the whole index in line with the folders (also done by each query).
     void sync_all();
 
+    // Ends a running or later query at its next record (it throws), so that
+    // a stop never waits for the index of a large archive to be built.
+    void cancel() { _cancelled = true; }
+
 private:
+    struct IndexCancelled : std::runtime_error {
+        IndexCancelled() : std::runtime_error("archive index: the service is stopping") {}
+    };
+    // Runs a query; one that fails on the database (a damaged file) is run
+    // once more on an index made again from the files.
+    template <typename Query>
+    auto guarded(Query query) {
+        try {
+            return query();
+        } catch (const IndexCancelled&) {
+            throw;
+        } catch (const std::exception& error) {
+            log_and_reset(error.what());
+            return query();
+        }
+    }
+    void log_and_reset(const std::string& reason);
+    void reset();
     void open();
+    void sync_all_locked();
+    std::vector<IndexedTest> tests_of_runs_locked(const std::vector<std::string>& run_folders);
+    SummaryPage summaries_locked(const SummaryQuery& query);
+    std::vector<IndexedTest> tests_between_locked(const std::string& from, const std::string& to);
     void sync_run(const std::string& run_folder);
     std::vector<std::string> run_folders() const;
 
     std::string _root;
     std::mutex _mutex;  // one connection, one user at a time
     sqlite3* _db = nullptr;
+    std::atomic<bool> _cancelled{false};
     bool _in_memory = false;  // until the root folder exists, or when it can't hold the file
 };

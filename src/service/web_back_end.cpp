@@ -79,6 +79,7 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
       _archive_workers(std::make_unique<ArchiveWorkers>(kArchiveThreads, kArchiveQueue, kArchiveMaxWait)) {}
 
 WebBackEnd::~WebBackEnd() {
+    _index->cancel();
     _archive_workers.reset();
     // A run still going would keep its thread joinable; ask each to end first.
     _perf_counter->OnStopMonitorClicked();
