@@ -154,7 +154,7 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     };
     app.route(
         "/api/1.0/GetResultsByDate", HttpMethod::Post,
-        [this](const WireRequest& request) { return GetResultsByDateStreamed(request); }, RouteEffect::ChangesState,
+        [this](const WireRequest& request) { return GetResultsByDate(request); }, RouteEffect::ChangesState,
         archive);
     post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);
     get("/api/1.0/GetASPMInfo", J, &WebBackEnd::GetASPMInfo);
@@ -207,7 +207,7 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     // query string, as a link or form would send them.
     app.route(
         "/api/1.0/ExportResultsCSV", HttpMethod::Get,
-        [this](const WireRequest& request) { return ExportResultsCSVStreamed(request); }, RouteEffect::ReadOnly,
+        [this](const WireRequest& request) { return ExportResultsCSV(request); }, RouteEffect::ReadOnly,
         archive);
     app.route(
         "/api/1.0/GetResultsSummary", HttpMethod::Get,
@@ -266,14 +266,6 @@ std::string WebBackEnd::GetResultsDateRange() {
     return json{{"key", "PastResultsDateRange"}, {"DateList", dates}}.dump();
 }
 
-std::string WebBackEnd::GetResultsByDate(const std::string& body) {
-    const json request = parse_request_body(body);
-    const std::string start = string_of(request, "start");
-    const std::string end = string_of(request, "end");
-    const auto results = get_results_in_date_range(_store, start, end);
-    return results ? json(*results).dump() : json::array().dump();
-}
-
 std::string WebBackEnd::DownloadToCSV(const std::string& body) {
     const json request = parse_request_body(body);
     std::string start = string_of(request, "start");
@@ -287,12 +279,6 @@ std::string WebBackEnd::DownloadToCSV(const std::string& body) {
             thread_for_download(store, start, end, dir_path, push);
         });
     return json::array().dump();
-}
-
-std::string WebBackEnd::ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind) {
-    const auto runs = find_runs_in_date_range(_store, start, end);
-    if (!runs || runs->empty()) throw PortHall::BadRequest(kDateRangeInvalid);
-    return make_archive_report(kind, get_results_of_runs(_store, *runs)).csv;
 }
 
 namespace {
@@ -339,7 +325,7 @@ WireResponse streamed(const char* content_type, std::function<bool(const std::fu
 
 }  // namespace
 
-WireResponse WebBackEnd::GetResultsByDateStreamed(const WireRequest& request) {
+WireResponse WebBackEnd::GetResultsByDate(const WireRequest& request) {
     const json body = parse_request_body(request.body);
     const std::string start = string_of(body, "start");
     const std::string end = string_of(body, "end");
@@ -395,7 +381,7 @@ WireResponse WebBackEnd::GetResult(const WireRequest& request) {
     return WireResponse::json(record);
 }
 
-WireResponse WebBackEnd::ExportResultsCSVStreamed(const WireRequest& request) {
+WireResponse WebBackEnd::ExportResultsCSV(const WireRequest& request) {
     const std::string kind_text = request.query_value("kind").value_or("pcie");
     ArchiveReportKind kind = ArchiveReportKind::PCIe;
     if (kind_text == "hvl") {

@@ -48,21 +48,18 @@ public:
     std::string GetAllCurrentResults();
     std::string AddTestToQueue(const std::string& body);
     std::string GetResultsDateRange();
-    std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);
-    // The CSV that DownloadToCSV writes for this kind, over the runs from
-    // `start` to `end` (user-readable dates as in "DateList"), for a browser
-    // that can't read the machine's folders. Throws PortHall::BadRequest
-    // "Failed. Date range invalid." when either date names no run or `start`
-    // lies after `end` (an empty download would only hide the mistake).
-    std::string ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind);
-
-    // The archive routes that may read much: they run on the archive's own
+    // The archive routes, which may read much: they run on the archive's own
     // threads and stream their answers (see archive_workers.h).
-    PortHall::WireResponse GetResultsByDateStreamed(const PortHall::WireRequest& request);
+    PortHall::WireResponse GetResultsByDate(const PortHall::WireRequest& request);
     PortHall::WireResponse GetResultsSummary(const PortHall::WireRequest& request);
     PortHall::WireResponse GetResult(const PortHall::WireRequest& request);
-    PortHall::WireResponse ExportResultsCSVStreamed(const PortHall::WireRequest& request);
+    // The CSV that DownloadToCSV writes for one kind, for a browser that
+    // can't read the machine's folders, over the runs from "start" to "end"
+    // (readable dates as in "DateList") or the tests from "from" to "to"
+    // (stamps), with grade columns and guarded cells. An unknown date or an
+    // empty range is refused with 400 "Failed. Date range invalid.".
+    PortHall::WireResponse ExportResultsCSV(const PortHall::WireRequest& request);
 
     std::string GetASPMInfo();
     std::string SetL0Enabled(std::string body);
