@@ -9,6 +9,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -49,6 +50,47 @@ enum class ArchiveReportKind { PCIe, HVL };
 // "pcie_margin_report.csv" or "hvl_margin_report.csv".
 const char* archive_report_file_name(ArchiveReportKind kind);
 
+// Options of the browser's export; the machine's report files have neither.
+struct ArchiveReportStyle {
+    // Each row ends in the lane's "Eye Width (ps)", "Eye Height (mV)", "Grade"
+    // and "Grade Note"; rows of lanes without grade leave them empty.
+    bool grades = false;
+    // Cells are made safe to open in a spreadsheet (see guard_csv_cell).
+    bool guard_cells = false;
+};
+
+// Builds a report one record at a time, so a range of any size never has to
+// be held in memory. Same rules as make_archive_report.
+class ArchiveReportWriter {
+public:
+    explicit ArchiveReportWriter(ArchiveReportKind kind, ArchiveReportStyle style = {});
+    ~ArchiveReportWriter();
+    // Appends the record's rows (and the header before the first) to `csv`.
+    void add(const nlohmann::json& record, std::string& csv);
+    unsigned long documents() const { return _documents; }
+
+private:
+    struct Handler;
+    ArchiveReportKind _kind;
+    ArchiveReportStyle _style;
+    std::unique_ptr<Handler> _handler;
+    bool _header_written = false;
+    bool _no_writer = false;
+    unsigned long _documents = 0;
+};
+
+// A spreadsheet runs a cell that begins with =, +, -, @, a tab or a carriage
+// return as a formula. Such a cell gets a leading apostrophe, which
+// spreadsheets show as text and don't run. A cell that is a plain number
+// ("-0.05", "+3", "1e-3") is left as it is, so figures stay figures.
+std::string guard_csv_cell(const std::string& cell);
+
+// Appends the compact form of a JSON text that is known to be valid: the
+// blanks between tokens are dropped, strings are copied as they stand. For a
+// text written by the JSON library this is exactly what parsing it and
+// dumping it compactly gives, at a fraction of the cost.
+void append_compact_json(const char* text, std::size_t size, std::string& out);
+
 struct ArchiveReport {
     std::string csv;             // header once, then one row per lane
     unsigned long documents = 0;  // test records that gave rows
@@ -78,15 +120,27 @@ private:
     GUIResourceStore& _store;  // kept for the shape of the interface
 };
 
-// The runs from the first one dated `start` up to and including the first one
+// The runs from the first one dated `start` up to and including the last one
 // dated `end`; nothing when either date names no run. With `start` later
-// than `end` the walk is empty. Two runs within one minute share a date, and
-// the first of them is the one found.
+// than `end` the walk is empty. A readable date has no year and no seconds,
+// so several runs may share it: all of them lie in the range.
 std::optional<std::vector<ResultRun>> find_runs_in_date_range(GUIResourceStore& store, const std::string& start,
                                                               const std::string& end);
 
 // The records of the given runs, run after run.
 std::vector<nlohmann::json> get_results_of_runs(GUIResourceStore& store, const std::vector<ResultRun>& runs);
+
+struct IndexedTest;
+
+// Writes the records as one JSON array (compact, as get_results_of_runs would
+// dump them) in pieces of about 256 KiB through `write`, which answers false
+// when nobody takes more. A record that changed since it was indexed is
+// parsed again, and left out with a log line if it no longer is one. Answers
+// false when the writing was cut short.
+bool write_records_as_array(const std::vector<IndexedTest>& tests, const std::function<bool(std::string)>& write);
+
+// Calls `each` with every readable record of the list, one at a time.
+void for_each_record(const std::vector<IndexedTest>& tests, const std::function<bool(const nlohmann::json&)>& each);
 
 // The records of all runs in the range, or nothing as above.
 std::optional<std::vector<nlohmann::json>> get_results_in_date_range(GUIResourceStore& store,
@@ -94,6 +148,10 @@ std::optional<std::vector<nlohmann::json>> get_results_in_date_range(GUIResource
                                                                      const std::string& end);
 
 constexpr const char* kDateRangeInvalid = "Failed. Date range invalid.";
+
+// What GUIDumpResults::get writes for the records of these runs, read and
+// written one record at a time so that a range of any size fits in memory.
+std::string dump_runs_to_folder(const std::vector<ResultRun>& runs, const std::string& dir_path);
 
 // The body of the export thread: exports the range into dir_path and sends
 // {"key": "DownloadUpdate", "msg": <outcome>} through `send`. Never throws;

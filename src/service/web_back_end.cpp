@@ -1,6 +1,10 @@
 #include "service/web_back_end.h"
 
+#include <charconv>
+#include <chrono>
+#include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include "gui/gui_hvl_get_device.h"
 #include "gui/gui_hvl_handle_test.h"
@@ -9,7 +13,11 @@
 #include "gui/test_archive.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
+#include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
+#include "result_data/eye_grade.h"
+#include "service/archive_index.h"
+#include "service/archive_workers.h"
 #include "service/pci_viewer_samples.h"
 #include "service/result_archive.h"
 #include "service/result_samples.h"
@@ -23,6 +31,15 @@ using PortHall::WireRequest;
 using PortHall::WireResponse;
 
 namespace {
+
+// Archive queries: two threads (one per core of a small lab machine), up to
+// sixteen waiting, and none waiting longer than the web server lets a
+// request go unanswered (60 s) with a margin for its own work.
+constexpr std::size_t kArchiveThreads = 2;
+constexpr std::size_t kArchiveQueue = 16;
+constexpr std::chrono::milliseconds kArchiveMaxWait{30000};
+// A summary page holds at most this many results.
+constexpr std::size_t kSummaryLimitMax = 1000;
 
 // Calls on the performance counter panel are serialised across all workers.
 constexpr const char* kPerfPanelLock = "PERF_GUI_TAB";
@@ -61,9 +78,13 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
       _store(store),
-      _storage(storage) {}
+      _storage(storage),
+      _index(std::make_unique<ArchiveIndex>(store.get_directory_for_lanewright())),
+      _archive_workers(std::make_unique<ArchiveWorkers>(kArchiveThreads, kArchiveQueue, kArchiveMaxWait)) {}
 
 WebBackEnd::~WebBackEnd() {
+    _index->cancel();
+    _archive_workers.reset();
     // A run still going would keep its thread joinable; ask each to end first.
     _perf_counter->OnStopMonitorClicked();
     _link_control->StopContinuousRun();
@@ -143,7 +164,13 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
         RouteEffect::ReadOnly);
     post_ref("/api/1.0/CancelTest", &WebBackEnd::CancelTest);
     get("/api/1.0/GetResultsDateRange", J, &WebBackEnd::GetResultsDateRange);
-    post_ref("/api/1.0/GetResultsByDate", &WebBackEnd::GetResultsByDate);
+    const PortHall::WireOffload archive = [this](std::function<void(bool)> job) {
+        return _archive_workers->submit(std::move(job));
+    };
+    app.route(
+        "/api/1.0/GetResultsByDate", HttpMethod::Post,
+        [this](const WireRequest& request) { return GetResultsByDate(request); }, RouteEffect::ChangesState,
+        archive);
     post_ref("/api/1.0/DownloadToCSV", &WebBackEnd::DownloadToCSV);
     get("/api/1.0/GetASPMInfo", J, &WebBackEnd::GetASPMInfo);
     post_copy("/api/1.0/SetL0Enabled", T, &WebBackEnd::SetL0Enabled);
@@ -191,24 +218,27 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     post_copy("/api/1.0/PCIRawViewWrite", T, &WebBackEnd::PCIRawViewWrite);
     post_copy("/api/1.0/GetPCITableInfo", J, &WebBackEnd::GetPCITableInfo);
     post_copy("/api/1.0/PCITableWrite", T, &WebBackEnd::PCITableWrite);
-    // The browser's own download of an export: GET with the dates in the
+    // The browser's own download of an export: GET with the range in the
     // query string, as a link or form would send them.
-    app.route("/api/1.0/ExportResultsCSV", HttpMethod::Get, [this](const WireRequest& request) {
-        const std::string kind_text = request.query_value("kind").value_or("pcie");
-        ArchiveReportKind kind = ArchiveReportKind::PCIe;
-        if (kind_text == "hvl") {
-            kind = ArchiveReportKind::HVL;
-        } else if (kind_text != "pcie") {
-            throw PortHall::BadRequest("Failed. Unknown kind \"" + kind_text + "\"; use pcie or hvl.");
+    app.route(
+        "/api/1.0/ExportResultsCSV", HttpMethod::Get,
+        [this](const WireRequest& request) { return ExportResultsCSV(request); }, RouteEffect::ReadOnly,
+        archive);
+    app.route(
+        "/api/1.0/GetResultsSummary", HttpMethod::Get,
+        [this](const WireRequest& request) { return GetResultsSummary(request); }, RouteEffect::ReadOnly, archive);
+    app.route(
+        "/api/1.0/GetResult", HttpMethod::Get, [this](const WireRequest& request) { return GetResult(request); },
+        RouteEffect::ReadOnly, archive);
+    // The index is built in the background at start, so the first summary
+    // a browser asks for doesn't pay for reading the whole archive.
+    _archive_workers->submit([this](bool in_time) {
+        if (!in_time) return;
+        try {
+            _index->sync_all();
+        } catch (const std::exception& error) {
+            Logger::get().log(std::string("Result archive: index not built: ") + error.what());
         }
-        const auto start = request.query_value("start");
-        const auto end = request.query_value("end");
-        if (!start || !end) throw PortHall::BadRequest(kDateRangeInvalid);
-        WireResponse response = WireResponse::text(ExportResultsCSV(*start, *end, kind));
-        response.content_type = "text/csv; charset=utf-8";
-        response.headers.emplace_back("Content-Disposition", std::string("attachment; filename=\"") +
-                                                                 archive_report_file_name(kind) + "\"");
-        return response;
     });
     return 1;
 }
@@ -270,14 +300,6 @@ std::string WebBackEnd::GetResultsDateRange() {
     return json{{"key", "PastResultsDateRange"}, {"DateList", dates}}.dump();
 }
 
-std::string WebBackEnd::GetResultsByDate(const std::string& body) {
-    const json request = parse_request_body(body);
-    const std::string start = string_of(request, "start");
-    const std::string end = string_of(request, "end");
-    const auto results = get_results_in_date_range(_store, start, end);
-    return results ? json(*results).dump() : json::array().dump();
-}
-
 std::string WebBackEnd::DownloadToCSV(const std::string& body) {
     const json request = parse_request_body(body);
     std::string start = string_of(request, "start");
@@ -293,10 +315,147 @@ std::string WebBackEnd::DownloadToCSV(const std::string& body) {
     return json::array().dump();
 }
 
-std::string WebBackEnd::ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind) {
+namespace {
+
+WireResponse json_text(std::string body) {
+    WireResponse response = WireResponse::text(std::move(body));
+    response.content_type = "application/json";
+    return response;
+}
+
+std::vector<std::string> folders_of(const std::vector<ResultRun>& runs) {
+    std::vector<std::string> folders;
+    for (const auto& run : runs) folders.push_back(run.second);
+    return folders;
+}
+
+std::size_t count_parameter(const WireRequest& request, const char* name, std::size_t fallback, std::size_t most) {
+    const auto text = request.query_value(name);
+    if (!text) return fallback;
+    std::size_t value = 0;
+    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+    if (error != std::errc() || end != text->data() + text->size() || value > most)
+        throw PortHall::BadRequest(std::string("\"") + name + "\" must be a whole number up to " + std::to_string(most));
+    return value;
+}
+
+// A "from" or "to" stamp as the run folders are named.
+std::optional<std::string> stamp_parameter(const WireRequest& request, const char* name) {
+    const auto text = request.query_value(name);
+    if (!text) return std::nullopt;
+    if (!parse_result_id(*text + "/test_0"))
+        throw PortHall::BadRequest(std::string("\"") + name + "\" must be a time stamp like 2024_05_02-09_06_30");
+    return text;
+}
+
+WireResponse streamed(const char* content_type, std::function<bool(const std::function<bool(std::string)>&)> body) {
+    WireResponse response;
+    response.content_type = content_type;
+    response.stream = [body = std::move(body)](PortHall::WireBodyWriter& writer) {
+        body([&writer](std::string piece) { return writer.write(std::move(piece)); });
+    };
+    return response;
+}
+
+}  // namespace
+
+WireResponse WebBackEnd::GetResultsByDate(const WireRequest& request) {
+    const json body = parse_request_body(request.body);
+    const std::string start = string_of(body, "start");
+    const std::string end = string_of(body, "end");
     const auto runs = find_runs_in_date_range(_store, start, end);
-    if (!runs || runs->empty()) throw PortHall::BadRequest(kDateRangeInvalid);
-    return make_archive_report(kind, get_results_of_runs(_store, *runs)).csv;
+    if (!runs) return json_text("[]");
+    auto tests = _index->tests_of_runs(folders_of(*runs));
+    return streamed("application/json", [tests = std::move(tests)](const std::function<bool(std::string)>& write) {
+        return write_records_as_array(tests, write);
+    });
+}
+
+WireResponse WebBackEnd::GetResultsSummary(const WireRequest& request) {
+    SummaryQuery query;
+    query.offset = count_parameter(request, "offset", 0, std::numeric_limits<std::int32_t>::max());
+    query.limit = count_parameter(request, "limit", 50, kSummaryLimitMax);
+    query.sbdf = request.query_value("sbdf");
+    query.from = stamp_parameter(request, "from");
+    query.to = stamp_parameter(request, "to");
+    const SummaryPage page = _index->summaries(query);
+    // The summaries are stored as JSON text; they are joined, not parsed again.
+    std::string answer = "{\"Offset\":" + std::to_string(query.offset) + ",\"Results\":[";
+    for (std::size_t i = 0; i < page.summaries.size(); ++i) {
+        if (i) answer += ',';
+        answer += page.summaries[i];
+    }
+    answer += "],\"Total\":" + std::to_string(page.total) + "}";
+    return json_text(std::move(answer));
+}
+
+WireResponse WebBackEnd::GetResult(const WireRequest& request) {
+    auto refuse = [](const std::string& reason) {
+        return WireResponse::json(json{{"OperationStatus", false}, {"ErrMsg", reason}});
+    };
+    const std::string id = request.query_value("id").value_or("");
+    const auto parts = parse_result_id(id);
+    if (!parts) return refuse("\"" + id + "\" is not a result id (<run stamp>/test_<number>)");
+    OSSpecific os;
+    const std::string path = os.append_to_path(
+        os.append_to_path(os.append_to_path(_store.get_directory_for_lanewright(), parts->first), parts->second),
+        "output.json");
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return refuse("No result " + id + " in the archive");
+    std::ostringstream text;
+    text << in.rdbuf();
+    json record;
+    try {
+        record = json::parse(text.str());
+    } catch (const json::exception&) {
+        return refuse("Result " + id + " can't be read");
+    }
+    if (!record.is_object()) return refuse("Result " + id + " can't be read");
+    record["Grades"] = margin_grades_json(grade_margin_record(record));
+    return WireResponse::json(record);
+}
+
+WireResponse WebBackEnd::ExportResultsCSV(const WireRequest& request) {
+    const std::string kind_text = request.query_value("kind").value_or("pcie");
+    ArchiveReportKind kind = ArchiveReportKind::PCIe;
+    if (kind_text == "hvl") {
+        kind = ArchiveReportKind::HVL;
+    } else if (kind_text != "pcie") {
+        throw PortHall::BadRequest("Failed. Unknown kind \"" + kind_text + "\"; use pcie or hvl.");
+    }
+    std::vector<IndexedTest> tests;
+    const auto from = stamp_parameter(request, "from");
+    const auto to = stamp_parameter(request, "to");
+    if (from || to) {
+        // The tests whose "Stamp" lies in the range, as the summary shows them.
+        if (!from || !to || *from > *to) throw PortHall::BadRequest(kDateRangeInvalid);
+        tests = _index->tests_between(*from, *to);
+    } else {
+        const auto start = request.query_value("start");
+        const auto end = request.query_value("end");
+        if (!start || !end) throw PortHall::BadRequest(kDateRangeInvalid);
+        const auto runs = find_runs_in_date_range(_store, *start, *end);
+        if (!runs || runs->empty()) throw PortHall::BadRequest(kDateRangeInvalid);
+        tests = _index->tests_of_runs(folders_of(*runs));
+    }
+    WireResponse response = streamed(
+        "text/csv; charset=utf-8", [tests = std::move(tests), kind](const std::function<bool(std::string)>& write) {
+            ArchiveReportWriter writer(kind, ArchiveReportStyle{true, true});
+            std::string csv;
+            bool open = true;
+            for_each_record(tests, [&](const json& record) {
+                writer.add(record, csv);
+                if (csv.size() >= 256 * 1024) {
+                    open = write(std::move(csv));
+                    csv.clear();
+                }
+                return open;
+            });
+            return open && write(std::move(csv));
+        });
+    response.headers.emplace_back("Content-Disposition",
+                                  std::string("attachment; filename=\"") + archive_report_file_name(kind) + "\"");
+    return response;
 }
 
 // --- ASPM panel -------------------------------------------------------------

@@ -19,9 +19,13 @@
 
 namespace PortHall {
 class WireApp;
+struct WireRequest;
+struct WireResponse;
 }
 
 enum class ArchiveReportKind;
+class ArchiveIndex;
+class ArchiveWorkers;
 
 class WebBackEnd {
 public:
@@ -49,14 +53,18 @@ public:
     // Nominal duration of a margin record (PCIe or hVL) before it is queued.
     nlohmann::json EstimateTestDuration(const nlohmann::json& record);
     std::string GetResultsDateRange();
-    std::string GetResultsByDate(const std::string& body);
     std::string DownloadToCSV(const std::string& body);
-    // The CSV that DownloadToCSV writes for this kind, over the runs from
-    // `start` to `end` (user-readable dates as in "DateList"), for a browser
-    // that can't read the machine's folders. Throws PortHall::BadRequest
-    // "Failed. Date range invalid." when either date names no run or `start`
-    // lies after `end` (an empty download would only hide the mistake).
-    std::string ExportResultsCSV(const std::string& start, const std::string& end, ArchiveReportKind kind);
+    // The archive routes, which may read much: they run on the archive's own
+    // threads and stream their answers (see archive_workers.h).
+    PortHall::WireResponse GetResultsByDate(const PortHall::WireRequest& request);
+    PortHall::WireResponse GetResultsSummary(const PortHall::WireRequest& request);
+    PortHall::WireResponse GetResult(const PortHall::WireRequest& request);
+    // The CSV that DownloadToCSV writes for one kind, for a browser that
+    // can't read the machine's folders, over the runs from "start" to "end"
+    // (readable dates as in "DateList") or the tests from "from" to "to"
+    // (stamps), with grade columns and guarded cells. An unknown date or an
+    // empty range is refused with 400 "Failed. Date range invalid.".
+    PortHall::WireResponse ExportResultsCSV(const PortHall::WireRequest& request);
 
     std::string GetASPMInfo();
     std::string SetL0Enabled(std::string body);
@@ -132,6 +140,9 @@ private:
     // The download thread has its own, so an export never waits behind the
     // join of a long panel run.
     std::mutex _download_mutex;
+    std::unique_ptr<ArchiveIndex> _index;
+    // Last, so its threads end before anything they use.
+    std::unique_ptr<ArchiveWorkers> _archive_workers;
 };
 
 // Parses a request body as a JSON object; a body that isn't one is refused

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -53,6 +54,7 @@ std::string reason_phrase(int status) {
         case 404: return "Not Found";
         case 405: return "Method Not Allowed";
         case 500: return "Internal Server Error";
+        case 503: return "Service Unavailable";
         default: return "Status";
     }
 }
@@ -159,8 +161,9 @@ void WireLogHandler::after_handle(const WireRequest&, WireResponse&) const {}
 // ---------------------------------------------------------------------------
 // Route table
 
-void WireApp::route(std::string path, HttpMethod method, RouteHandler handler, RouteEffect effect) {
-    _routes.push_back(WireRoute{std::move(path), method, effect, std::move(handler)});
+void WireApp::route(std::string path, HttpMethod method, RouteHandler handler, RouteEffect effect,
+                    WireOffload offload) {
+    _routes.push_back(WireRoute{std::move(path), method, effect, std::move(handler), std::move(offload)});
 }
 
 const WireRoute* WireApp::find(const std::string& path, HttpMethod method) const {
@@ -293,6 +296,8 @@ struct WireServer::Impl {
     mutable std::mutex connection_mutex;
     std::unordered_map<std::uint64_t, rws::ws_handle_t> connections;
     std::map<std::string, TopicHandler> topics;
+    // Tells streamed answers to give up waiting for their clients.
+    std::atomic<bool> streams_stopping{false};
 
     explicit Impl(unsigned long p) : port(p) {}
 
@@ -325,6 +330,94 @@ struct WireServer::Impl {
             return builder.done([after_sent](const asio::error_code&) { after_sent(); });
         }
         return builder.done();
+    }
+
+    // Sends a streamed body as chunks with at most two in flight: the
+    // producer waits for the client instead of queueing the whole answer.
+    class ChunkWriter : public WireBodyWriter {
+    public:
+        using builder_t = restinio::response_builder_t<restinio::chunked_output_t>;
+        ChunkWriter(builder_t& builder, const std::atomic<bool>& stopping)
+            : _builder(builder), _stopping(stopping), _state(std::make_shared<State>()) {}
+
+        bool write(std::string piece) override {
+            constexpr int kInFlight = 2;
+            // A client that takes nothing for this long is given up.
+            constexpr auto kStalled = std::chrono::seconds(30);
+            {
+                std::unique_lock<std::mutex> lock(_state->mutex);
+                const auto deadline = std::chrono::steady_clock::now() + kStalled;
+                while (_state->in_flight >= kInFlight && !_state->failed) {
+                    if (_stopping || std::chrono::steady_clock::now() > deadline) {
+                        _state->failed = true;
+                        break;
+                    }
+                    _state->changed.wait_for(lock, std::chrono::milliseconds(100));
+                }
+                if (_state->failed) return false;
+                if (piece.empty()) return true;
+                ++_state->in_flight;
+            }
+            _builder.append_chunk(std::move(piece));
+            _builder.flush([state = _state](const asio::error_code& error) {
+                std::lock_guard<std::mutex> lock(state->mutex);
+                --state->in_flight;
+                if (error) state->failed = true;
+                state->changed.notify_all();
+            });
+            return true;
+        }
+
+    private:
+        struct State {
+            std::mutex mutex;
+            std::condition_variable changed;
+            int in_flight = 0;
+            bool failed = false;
+        };
+        builder_t& _builder;
+        const std::atomic<bool>& _stopping;
+        std::shared_ptr<State> _state;
+    };
+
+    void answer_streamed(const wire_request_handle_t& req, const WireResponse& response) {
+        auto builder = req->create_response<restinio::chunked_output_t>(restinio::http_status_line_t{
+            restinio::http_status_code_t{static_cast<std::uint16_t>(response.status)},
+            reason_phrase(response.status)});
+        builder.append_header(restinio::http_field::content_type, response.content_type);
+        builder.append_header(restinio::http_field::cache_control, "no-store");
+        for (const auto& [name, value] : response.headers) builder.append_header(name, one_line(value));
+        ChunkWriter writer(builder, streams_stopping);
+        try {
+            response.stream(writer);
+        } catch (const std::exception& error) {
+            // The status line is out already; the client sees a short body.
+            log_line(std::string("Streamed answer ended early: ") + error.what());
+        }
+        builder.done();
+    }
+
+    // A route that runs on its own threads: the worker only hands it over.
+    restinio::request_handling_status_t offload(const wire_request_handle_t& req, const WireRoute& route) {
+        WireRequest request = convert(req);
+        auto job = [this, req, route, request = std::move(request)](bool in_time) {
+            try {
+                if (!in_time) {
+                    answer(req, WireResponse::text("Busy: the archive is answering other requests; try again", 503));
+                    return;
+                }
+                WireResponse response = app.dispatch(route, request);
+                if (response.stream) {
+                    answer_streamed(req, response);
+                } else {
+                    answer(req, response);
+                }
+            } catch (const std::exception& error) {
+                log_line("Error in " + route.path + ": " + error.what());
+            }
+        };
+        if (route.offload(std::move(job))) return restinio::request_accepted();
+        return answer(req, WireResponse::text("Busy: too many archive requests at once; try again", 503));
     }
 
     WireResponse serve_index() const {
@@ -442,6 +535,7 @@ struct WireServer::Impl {
         auto router = std::make_unique<wire_router_t>();
         for (const auto& route : app.routes()) {
             auto handler = [this, route](const wire_request_handle_t& req, auto) {
+                if (route.offload) return offload(req, route);
                 const WireRequest request = convert(req);
                 const WireResponse response = app.dispatch(route, request);
                 return answer(req, response);
@@ -513,6 +607,9 @@ int WireServer::StartServer() {
             restinio::own_io_context(), [this](auto& settings) {
                 settings.port(static_cast<std::uint16_t>(_impl->port))
                     .address("0.0.0.0")
+                    // An archive query over a large, not yet indexed archive
+                    // may take longer than the library's 10 s.
+                    .handle_request_timeout(std::chrono::seconds(60))
                     .request_handler(_impl->build_router());
             });
         _impl->server->open_sync();
@@ -523,6 +620,7 @@ int WireServer::StartServer() {
     }
     _impl->running = true;
     _impl->stopping = false;
+    _impl->streams_stopping = false;
     _impl->last_error.clear();
     _impl->server_thread = std::thread([this] {
         std::vector<std::thread> workers;
@@ -544,6 +642,7 @@ int WireServer::StopServer() {
     std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
     if (!_impl->running || _impl->stopping) return 1;
     _impl->stopping = true;
+    _impl->streams_stopping = true;
     _impl->close_all_sockets();
     restinio::initiate_shutdown(*_impl->server);
     return 1;

@@ -36,6 +36,19 @@ struct WireRequest {
     std::optional<std::string> query_value(const std::string& name) const;
 };
 
+// A body sent in pieces as it is made (chunked transfer), for answers too
+// large to hold in memory. write() blocks while the client is behind, so a
+// slow reader holds the producer back instead of filling memory; it returns
+// false once the client is gone or the server stops, and the producer should
+// then end.
+class WireBodyWriter {
+public:
+    virtual ~WireBodyWriter() = default;
+    virtual bool write(std::string piece) = 0;
+};
+
+using WireBodyProducer = std::function<void(WireBodyWriter&)>;
+
 struct WireResponse {
     int status = 200;
     std::string body;
@@ -45,6 +58,9 @@ struct WireResponse {
     // Runs once the answer has been written to the client (used by "/stop",
     // which must answer before the listener goes away).
     std::function<void()> after_sent;
+    // When set, the body is made by this producer while it is sent, and
+    // `body` is ignored. It runs on the thread that ran the handler.
+    WireBodyProducer stream;
 
     static WireResponse text(std::string body, int status = 200);
     static WireResponse json(const nlohmann::json& document);
@@ -56,11 +72,19 @@ using RouteHandler = std::function<WireResponse(const WireRequest&)>;
 // routes are refused to pages of other sites (see WireLogHandler).
 enum class RouteEffect { ReadOnly, ChangesState };
 
+// Runs a job on a thread of its own choosing. The job is told whether it
+// still runs in time (false: it waited too long and should only refuse).
+// Answers false when it can take no more jobs.
+using WireOffload = std::function<bool(std::function<void(bool in_time)>)>;
+
 struct WireRoute {
     std::string path;
     HttpMethod method;
     RouteEffect effect;
     RouteHandler handler;
+    // Heavy routes run here instead of on the server's workers, so they
+    // can't hold up the rest of the API; empty: on the worker itself.
+    WireOffload offload;
 };
 
 // The guard every request passes before and after its handler. The service
@@ -86,7 +110,7 @@ public:
 class WireApp {
 public:
     void route(std::string path, HttpMethod method, RouteHandler handler,
-               RouteEffect effect = RouteEffect::ReadOnly);
+               RouteEffect effect = RouteEffect::ReadOnly, WireOffload offload = {});
     const std::vector<WireRoute>& routes() const { return _routes; }
     const WireRoute* find(const std::string& path, HttpMethod method) const;
     bool has_path(const std::string& path) const;

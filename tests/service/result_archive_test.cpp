@@ -96,11 +96,13 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// Four runs made out of date order, two of them in the same minute.
+// Five runs made out of date order; three share the label "2 May 9:06AM"
+// (two in one minute, one a year earlier).
 class ArchiveRuns : public ::testing::Test {
 protected:
     void SetUp() override {
         make_run(temp.path(), "2024_05_02-13_05_00", {{30, pcie_record(30, 1).dump()}});
+        make_run(temp.path(), "2023_05_02-09_06_05", {{5, pcie_record(5, 1).dump()}});
         make_run(temp.path(), "2023_12_31-23_59_59", {{10, pcie_record(10, 1).dump()}});
         make_run(temp.path(), "2024_05_02-09_06_40", {{21, pcie_record(21, 1).dump()}});
         make_run(temp.path(), "2024_05_02-09_06_10", {{20, pcie_record(20, 1).dump()}});
@@ -119,8 +121,9 @@ TEST_F(ArchiveRuns, FoldersComeBackInDateOrderWithReadableDates) {
         dates.push_back(date);
         folders.push_back(fs::path(path).filename().string());
     }
-    EXPECT_EQ(dates, (std::vector<std::string>{"31 Dec 11:59PM", "2 May 9:06AM", "2 May 9:06AM", "2 May 1:05PM"}));
-    EXPECT_EQ(folders, (std::vector<std::string>{"2023_12_31-23_59_59", "2024_05_02-09_06_10",
+    EXPECT_EQ(dates, (std::vector<std::string>{"2 May 9:06AM", "31 Dec 11:59PM", "2 May 9:06AM", "2 May 9:06AM",
+                                               "2 May 1:05PM"}));
+    EXPECT_EQ(folders, (std::vector<std::string>{"2023_05_02-09_06_05", "2023_12_31-23_59_59", "2024_05_02-09_06_10",
                                                  "2024_05_02-09_06_40", "2024_05_02-13_05_00"}));
 }
 
@@ -131,7 +134,7 @@ struct RangeCase {
 
 class ArchiveRanges : public ArchiveRuns, public ::testing::WithParamInterface<RangeCase> {};
 
-TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheFirstRunOfEnd) {
+TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheLastRunOfEnd) {
     const auto results = get_results_in_date_range(store, GetParam().start, GetParam().end);
     ASSERT_EQ(results.has_value(), GetParam().ids.has_value());
     if (results) {
@@ -141,10 +144,10 @@ TEST_P(ArchiveRanges, WalkFromTheFirstRunOfStartToTheFirstRunOfEnd) {
 
 INSTANTIATE_TEST_SUITE_P(
     Dates, ArchiveRanges,
-    ::testing::Values(RangeCase{"All", "31 Dec 11:59PM", "2 May 1:05PM", std::vector<int>{10, 20, 21, 30}},
-                      // Both runs of that minute read alike; the first one is found.
-                      RangeCase{"SharedMinute", "2 May 9:06AM", "2 May 9:06AM", std::vector<int>{20}},
-                      RangeCase{"SharedMinuteToEnd", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{20, 21, 30}},
+    ::testing::Values(RangeCase{"All", "2 May 9:06AM", "2 May 1:05PM", std::vector<int>{5, 10, 20, 21, 30}},
+                      // Every run of a shared label counts, at either end.
+                      RangeCase{"SharedLabel", "2 May 9:06AM", "2 May 9:06AM", std::vector<int>{5, 10, 20, 21}},
+                      RangeCase{"SharedLabelAtEnd", "31 Dec 11:59PM", "2 May 9:06AM", std::vector<int>{10, 20, 21}},
                       RangeCase{"StartAfterEnd", "2 May 1:05PM", "31 Dec 11:59PM", std::vector<int>{}},
                       RangeCase{"UnknownStart", "1 May 9:06AM", "2 May 1:05PM", std::nullopt},
                       RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt}),
@@ -278,13 +281,20 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"hvl_margin_report.csv", "pcie_margin_report.csv"}));
 
+    // The browser's copy is the same report with the grade columns behind
+    // each row (empty here: the lanes' speed has no thresholds).
     const auto served = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2%20May%201:05PM&kind=pcie");
     EXPECT_EQ(served.status, 200);
-    EXPECT_EQ(served.body, file);
+    const auto served_lines = lines_of(served.body);
+    ASSERT_EQ(served_lines.size(), lines.size()) << served.body;
+    EXPECT_EQ(served_lines[0], lines[0] + "Eye Width (ps),Eye Height (mV),Grade,Grade Note,");
+    for (std::size_t i = 1; i < lines.size(); ++i) EXPECT_EQ(served_lines[i], lines[i] + ",,,,");
     EXPECT_EQ(served.headers.at("content-type").rfind("text/csv", 0), 0u) << served.headers.at("content-type");
     EXPECT_EQ(served.headers.at("content-disposition"), "attachment; filename=\"pcie_margin_report.csv\"");
-    EXPECT_EQ(get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM").body, file)
+    EXPECT_EQ(get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM").body, served.body)
         << "pcie is the default kind";
+    EXPECT_EQ(get("/api/1.0/ExportResultsCSV?from=2024_05_02-09_06_30&to=2024_05_02-13_05_00").body, served.body)
+        << "stamps select the same tests";
     const auto hvl = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=hvl");
     EXPECT_EQ(hvl.body, read_file(out.path() / "hvl_margin_report.csv"));
     EXPECT_EQ(hvl.headers.at("content-disposition"), "attachment; filename=\"hvl_margin_report.csv\"");
@@ -318,3 +328,133 @@ INSTANTIATE_TEST_SUITE_P(
                       BadExportCase{"UnknownKind", "?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=eye",
                                     "Failed. Unknown kind \"eye\"; use pcie or hvl."}),
     [](const auto& info) { return info.param.name; });
+
+// --- Summary, single result, CSV guard ---------------------------------------
+
+TEST(ArchiveCompactJson, IsWhatParsingAndDumpingGives) {
+    const json record = {{"Operation", "PCIe Margin"},
+                         {"Text", "a \"quoted\" word, a \\ backslash\\\\\", blanks  \t and\nlines"},
+                         {"Unicode", "\u00b5s \u2013 dwell"},
+                         {"Nested", {{"Empty", json::object()}, {"List", {1, -2.5, 1e-7, nullptr, true, "x y"}}}},
+                         {"Last\\", "\\"}};
+    const std::string indented = record.dump(4) + "\n";
+    std::string compact;
+    append_compact_json(indented.data(), indented.size(), compact);
+    EXPECT_EQ(compact, record.dump());
+}
+
+struct GuardCase {
+    std::string name, cell, written;
+};
+
+class ArchiveCsvGuard : public ::testing::TestWithParam<GuardCase> {};
+
+TEST_P(ArchiveCsvGuard, FormulasBecomeTextNumbersStayNumbers) {
+    EXPECT_EQ(guard_csv_cell(GetParam().cell), GetParam().written);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cells, ArchiveCsvGuard,
+    ::testing::Values(GuardCase{"Formula", "=HYPERLINK(\"x\")", "'=HYPERLINK(\"x\")"},
+                      GuardCase{"PlusFormula", "+1+cmd|' /C calc'!A0", "'+1+cmd|' /C calc'!A0"},
+                      GuardCase{"MinusFormula", "-2+3", "'-2+3"}, GuardCase{"At", "@SUM(A1)", "'@SUM(A1)"},
+                      GuardCase{"Tab", "\t=1", "'\t=1"}, GuardCase{"CarriageReturn", "\r=1", "'\r=1"},
+                      GuardCase{"LoneMinus", "-", "'-"}, GuardCase{"NegativeNumber", "-0.05", "-0.05"},
+                      GuardCase{"SignedNumber", "+3", "+3"}, GuardCase{"Exponent", "-1.5e-3", "-1.5e-3"},
+                      GuardCase{"Text", "Not Available", "Not Available"}, GuardCase{"Empty", "", ""},
+                      GuardCase{"EqualsInside", "a=b", "a=b"}),
+    [](const auto& info) { return info.param.name; });
+
+namespace {
+
+json stamped(json record, const std::string& finished, const std::string& sbdf) {
+    record["TestOutput"]["TimeStamp"] = finished;
+    record["PCIeInfo"]["SBDF"] = sbdf;
+    return record;
+}
+
+std::vector<std::string> ids_in(const json& page) {
+    std::vector<std::string> ids;
+    for (const auto& item : page["Results"]) ids.push_back(item["ResultId"]);
+    return ids;
+}
+
+}  // namespace
+
+// Three runs: an old one without finish stamps, and two whose tests carry
+// them; tests of two devices, one failed.
+class ServedSummary : public ServedArchive {
+protected:
+    void SetUp() override {
+        root = wire_test::running_service().results_root;
+        make_run(root, "2024_01_10-08_00_00", {{1, pcie_record(1, 2).dump()}, {2, "{broken"}});
+        make_run(root, "2024_03_01-09_00_00",
+                 {{5, stamped(pcie_record(5, 1), "2024_03_01-09_30_00", "0:40:1.0").dump()},
+                  {6, stamped(record(6, "PCIe Margin", "Failed", std::nullopt), "2024_03_01-09_10_00", "0000:03:00.0")
+                          .dump()}});
+        make_run(root, "2024_03_02-07_00_00", {{10, stamped(pcie_record(10, 1), "2024_03_02-07_05_00", "0:3:0.0").dump()}});
+    }
+    json summary(const std::string& query) {
+        const auto answer = get("/api/1.0/GetResultsSummary" + query);
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        return answer.status == 200 ? json::parse(answer.body) : json::object();
+    }
+};
+
+TEST_F(ServedSummary, PagesNewestFirstFilteredByDeviceAndStamps) {
+    const json all = summary("");
+    EXPECT_EQ(all["Total"], 4);
+    EXPECT_EQ(ids_in(all), (std::vector<std::string>{"2024_03_02-07_00_00/test_10", "2024_03_01-09_00_00/test_5",
+                                                     "2024_03_01-09_00_00/test_6", "2024_01_10-08_00_00/test_1"}));
+    const json& old = all["Results"][3];
+    EXPECT_EQ(old["Stamp"], "2024_01_10-08_00_00") << "no finish stamp: the run's";
+    EXPECT_EQ(old["VoltTopMV"], 75000) << "a PCIe margin's volts in millivolts";
+    EXPECT_FALSE(old.contains("FullMarginData"));
+    const json& failed = all["Results"][2];
+    EXPECT_EQ(failed["Status"], "Failed");
+    EXPECT_EQ(failed["FailureReason"], "Incorrect params.");
+    EXPECT_EQ(failed["PhaseLeftUI"], nullptr);
+    EXPECT_EQ(failed["Grade"]["Grade"], nullptr);
+
+    const json page = summary("?offset=1&limit=2");
+    EXPECT_EQ(page["Total"], 4);
+    EXPECT_EQ(page["Offset"], 1);
+    EXPECT_EQ(ids_in(page), (std::vector<std::string>{"2024_03_01-09_00_00/test_5", "2024_03_01-09_00_00/test_6"}));
+    EXPECT_EQ(ids_in(summary("?sbdf=0000:03:00.0")),
+              (std::vector<std::string>{"2024_03_02-07_00_00/test_10", "2024_03_01-09_00_00/test_6",
+                                        "2024_01_10-08_00_00/test_1"}))
+        << "both address forms name one function";
+    EXPECT_EQ(ids_in(summary("?from=2024_03_01-09_10_00&to=2024_03_01-09_30_00")),
+              (std::vector<std::string>{"2024_03_01-09_00_00/test_5", "2024_03_01-09_00_00/test_6"}));
+
+    // A record replaced on disk is read again; a removed run leaves the index.
+    std::ofstream(root / "2024_03_02-07_00_00" / "test_10" / "output.json")
+        << record(10, "PCIe Margin", "Failed", std::nullopt).dump(4) << std::string(7, ' ');
+    fs::remove_all(root / "2024_01_10-08_00_00");
+    const json after = summary("");
+    EXPECT_EQ(after["Total"], 3);
+    EXPECT_EQ(after["Results"][0]["Status"], "Failed");
+
+    for (const char* bad : {"?limit=-1", "?limit=1001", "?offset=x", "?from=2024-03-01", "?to=../../etc"}) {
+        EXPECT_EQ(get(std::string("/api/1.0/GetResultsSummary") + bad).status, 400) << bad;
+    }
+}
+
+TEST_F(ServedSummary, OneResultByIdWithItsGradesAndNothingOutsideTheArchive) {
+    const json result = json::parse(get("/api/1.0/GetResult?id=2024_01_10-08_00_00%2Ftest_1").body);
+    EXPECT_EQ(result["TestID"], 1);
+    EXPECT_EQ(result["TestOutput"]["FullMarginData"].size(), 2u);
+    EXPECT_EQ(result["Grades"]["Lanes"].size(), 2u);
+    EXPECT_TRUE(result["Grades"].contains("Thresholds"));
+
+    std::ofstream(root / "secret.json") << R"({"TestID": 99})";
+    for (const char* id : {"", "2024_01_10-08_00_00", "2024_01_10-08_00_00/test_9", "2024_01_10-08_00_00/test_2",
+                           "../secret.json", "2024_01_10-08_00_00/../secret.json", "2024_01_10-08_00_00/test_1/..",
+                           "%2e%2e%2fsecret.json", "/etc/passwd", "2024_13_40-08_00_00/test_1",
+                           "2024_01_10-08_00_00/test_1%00"}) {
+        const auto answer = get(std::string("/api/1.0/GetResult?id=") + id);
+        const json refusal = json::parse(answer.body);
+        EXPECT_EQ(refusal["OperationStatus"], false) << id;
+        EXPECT_TRUE(refusal["ErrMsg"].is_string()) << id;
+    }
+}

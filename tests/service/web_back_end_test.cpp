@@ -48,7 +48,8 @@ const std::vector<std::pair<std::string, HttpMethod>> kApiRoutes = {
     {"/api/1.0/GetPCICapStructList", HttpMethod::Post},      {"/api/1.0/GetPCIExtCapStructList", HttpMethod::Post},
     {"/api/1.0/GetPCIRawView", HttpMethod::Post},            {"/api/1.0/PCIRawViewWrite", HttpMethod::Post},
     {"/api/1.0/GetPCITableInfo", HttpMethod::Post},          {"/api/1.0/PCITableWrite", HttpMethod::Post},
-    {"/api/1.0/ExportResultsCSV", HttpMethod::Get},
+    {"/api/1.0/ExportResultsCSV", HttpMethod::Get},          {"/api/1.0/GetResultsSummary", HttpMethod::Get},
+    {"/api/1.0/GetResult", HttpMethod::Get},
 };
 
 }  // namespace

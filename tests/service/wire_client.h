@@ -88,6 +88,19 @@ inline HttpResponse parse_response(const std::string& raw) {
         line_start = line_end + 2;
     }
     response.body = raw.substr(header_end + 4);
+    if (response.headers["transfer-encoding"] == "chunked") {
+        std::string body;
+        std::size_t at = 0;
+        for (;;) {
+            const auto size_end = response.body.find("\r\n", at);
+            if (size_end == std::string::npos) throw std::runtime_error("chunked body cut short");
+            const std::size_t size = std::stoul(response.body.substr(at, size_end - at), nullptr, 16);
+            if (size == 0) break;
+            body += response.body.substr(size_end + 2, size);
+            at = size_end + 2 + size + 2;
+        }
+        response.body = std::move(body);
+    }
     return response;
 }
 
