@@ -10,6 +10,8 @@ using nlohmann::json;
 
 namespace {
 
+const json kAllLanes = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+
 enum class Before { Nothing, FiguresKnownWithMaxLanes3, MarginHoldsTheFunction };
 
 struct EstimateCase {
@@ -28,13 +30,13 @@ struct EstimateCase {
 // 31 * 0.09 + 2 * 149.08 = 305.24; a batch of the four: 1235.04 s.
 // ErrCnt 4 (287 s): 2 * (8.45 + 5.67 + 574.16) + 2 * (4.29 + 2.79 + 574.16).
 const EstimateCase kCases[] = {
-    {"AllLanesOfTheLinkInOneBatch", "0:41:0.0", 1, json::array(), Before::Nothing,
+    {"AllLanesOfTheLinkInOneBatch", "0:41:0.0", 1, kAllLanes, Before::Nothing,
      {{"OperationStatus", true}, {"Seconds", 1235.0}, {"DwellSeconds", 149.0}, {"Batches", 1}, {"Lanes", 16}}},
     {"FourLanesAtFourErrors", "0:41:0.0", 4, {0, 1, 2, 3}, Before::Nothing,
      {{"OperationStatus", true}, {"Seconds", 2339.0}, {"DwellSeconds", 287.0}, {"Batches", 1}, {"Lanes", 4}}},
-    {"KnownFiguresAreUsedAndSplitTheLanesIntoBatches", "0:41:0.0", 1, json::array(), Before::FiguresKnownWithMaxLanes3,
+    {"KnownFiguresAreUsedAndSplitTheLanesIntoBatches", "0:41:0.0", 1, kAllLanes, Before::FiguresKnownWithMaxLanes3,
      {{"OperationStatus", true}, {"Seconds", 4940.2}, {"DwellSeconds", 149.0}, {"Batches", 4}, {"Lanes", 16}}},
-    {"NeverTouchesTheReceiverWhileAMarginHoldsIt", "0:41:0.0", 1, json::array(), Before::MarginHoldsTheFunction,
+    {"NeverTouchesTheReceiverWhileAMarginHoldsIt", "0:41:0.0", 1, kAllLanes, Before::MarginHoldsTheFunction,
      {{"ErrMsg", "The receiver of this function is busy"}}},
     {"UnknownFunctionIsRefusedAsAtTheQueue", "0:99:0.0", 1, json::array(), Before::Nothing,
      {{"ErrMsg", "no PCI function 0:99:0.0"}}},

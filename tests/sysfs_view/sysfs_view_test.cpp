@@ -192,9 +192,9 @@ TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem
         margining += caps.count(sim::cfg::kExtCapLaneMargining);
         at_32 += caps.count(sim::cfg::kExtCapPhysicalLayer32);
     }
-    EXPECT_EQ(links, 18u);
-    EXPECT_EQ(margining, 14u);
-    EXPECT_EQ(at_32, 8u);
+    EXPECT_EQ(links, 20u);
+    EXPECT_EQ(margining, 16u);
+    EXPECT_EQ(at_32, 10u);
 }
 
 // Writes of each width reach the model as written, and what the model
@@ -266,7 +266,7 @@ TEST_F(ModelSysfsView, RealBackendOverTheViewAgreesWithTheModelInProcess) {
     EXPECT_EQ(over_view.inventory, in_process.inventory);
     EXPECT_EQ(over_view.device_list, in_process.device_list);
     ASSERT_GT(in_process.inventory.size(), in_process.devices.size());
-    ASSERT_EQ(in_process.devices.size(), 24u);
+    ASSERT_EQ(in_process.devices.size(), 26u);
 
     // Two lanes of the 32 GT/s NIC at its own receiver, walked back from a
     // quick scan.
