@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "gui/gui_pcie_get_device.h"
+#include "discovery/ltssm_state.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
@@ -51,13 +52,33 @@ json parse_request_body(const std::string& body) {
     return parsed;
 }
 
+namespace {
+// The panels take the inventory when they are first used: the store may
+// not hold it yet when the back end is built.
+PanelMachineSource panel_machine(GUIResourceStore& store) {
+    return [&store]() -> std::optional<PanelMachine> {
+        try {
+            PanelMachine machine{store.get_pcie_device_list(), store.get_die_list(), store.get_read_accessor(),
+                                 store.get_write_accessor()};
+            if (!machine.read || !machine.write) return std::nullopt;
+            return machine;
+        } catch (const std::exception&) {
+            return std::nullopt;
+        }
+    };
+}
+}  // namespace
+
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
     : _aspm(std::make_shared<PCIEASPMGUIInterface>()),
-      _link_control(std::make_shared<PCIELinkControlGUIInterface>()),
+      _link_control(std::make_shared<PCIELinkControlGUIInterface>(panel_machine(store))),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
-      _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
+      _port_status(std::make_shared<PCIEPortStatusGUIInterface>(panel_machine(store))),
       _store(store),
-      _storage(storage) {}
+      _storage(storage) {
+    _link_control->set_push(push);
+    _port_status->set_push(push);
+}
 
 WebBackEnd::~WebBackEnd() {
     // A run still going would keep its thread joinable; ask each to end first.
@@ -202,7 +223,8 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
 
 std::string WebBackEnd::GetLANEWRIGHTVersion() { return json{{"Tool_Version", tool_version}}.dump(); }
 
-std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
+// The legend of every LC state code the port histories can show.
+std::string WebBackEnd::GetAllPCIELCStates() { return json(GetCurrentLTSSMState().get_list_of_lc_state()).dump(); }
 
 // The device lists are filled by the test engines' own discovery; a machine
 // on which nothing can be tested lists nothing.
@@ -420,7 +442,7 @@ json WebBackEnd::GetFullPortStatusInfo() {
     json loop_settings = json::object();
     _port_status->GetContLoopSettingsInfo(loop_settings);
     document["contLoopSettings"] = loop_settings;
-    document["TestRunning"] = false;
+    document["TestRunning"] = _port_status->is_running();
     document["logPortStatus"] = {{"label", "Log Port Status"}, {"checked", false}, {"enabled", true}};
     document["autoRefresh"] = {{"label", "Auto Refresh"}, {"checked", false}, {"enabled", true}};
     return document;
@@ -436,7 +458,7 @@ std::string WebBackEnd::GetPortStatusInfo(std::string body) {
     // Any port request, even a bad one, turns the LTSSM push on.
     port_status_update = true;
     const int index = index_of(parse_request_body(body));
-    _port_status->OnPortSelectCurrentIndexChanged(index);
+    _port_status->OnPortSelectCurrentIndexChanged(index);  // refused while a run is active
     push(json{{"key", "PortStatusUpdate"}, {"port_status_data", GetFullPortStatusInfo()}});
     return GetFullPortStatusInfo().dump();
 }

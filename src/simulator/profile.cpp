@@ -1,5 +1,7 @@
 #include "simulator/profile.h"
 
+#include "simulator/link_model.h"
+
 #include <cmath>
 #include <fstream>
 #include <set>
@@ -517,11 +519,12 @@ Profile parse_profile(const json& document) {
         for (const Field& fault : top.child("faults").array()) {
             if (!fault.value().is_object()) fail(fault.path(), "expected an object");
             const Field type = fault.at("type");
-            if (!is_margining_fault(type.as_string()))
+            if (!is_margining_fault(type.as_string()) && !is_link_fault(type.as_string()))
                 fail(type.path(), "unknown fault type '" + type.as_string() + "'");
         }
         profile.faults = document.at("faults");
         read_margining_faults(profile);
+        read_link_faults(profile);
     }
     return profile;
 }
