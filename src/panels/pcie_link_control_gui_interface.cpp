@@ -1,5 +1,6 @@
 #include "panels/pcie_link_control_gui_interface.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <fstream>
@@ -162,6 +163,8 @@ bool CPCIELinkControlInterface::OptionChanged(int index, bool checked) {
 void CPCIELinkControlInterface::add_error(const std::string& text) {
     const std::string line = clock_text() + " " + text;
     errors.push_back(line);
+    // An endless run keeps the newest errors only.
+    if (errors.size() > 500) errors.erase(errors.begin(), errors.begin() + 100);
     log_text += line + "\n";
     if (log_errors) std::ofstream(error_file, std::ios::app) << line << "\n";
 }
@@ -388,7 +391,9 @@ void PCIELinkControlGUIInterface::OnContinuousRunToggled(const json& settings) {
         const json& loops = settings.contains("loopCount") && settings["loopCount"].is_object()
                                 ? settings["loopCount"].value("value", json(0))
                                 : json(0);
-        p.loop_limit = loops.is_number_unsigned() ? loops.get<unsigned>() : 0;
+        p.loop_limit = loops.is_number_integer() && loops.get<long long>() > 0
+                           ? static_cast<unsigned>(std::min<long long>(loops.get<long long>(), 0x0FFFFFFF))
+                           : 0;
         p.loop_count = p.failure_count = p.speed_failures = p.width_failures = 0;
         p.log_text.clear();
         if (!claim_link_port(link->port().device)) {

@@ -201,20 +201,31 @@ void CPCIEPortStatusInterface::_read_groups(std::vector<PORT_STATUS_OUTPUT>& out
         return value != (width == 2 ? 0xFFFFu : 0xFFFFFFFFu);
     };
     const unsigned p = _link->pcie_cap();
-    unsigned status = 0, caps = 0, v = 0;
+    // Each register is read before it is decoded (argument order is unspecified).
+    auto group = [&](const char* name, const std::vector<Field>& fields, unsigned offset, unsigned width) {
+        unsigned value = 0;
+        const bool ok = r(offset, width, value);
+        out.push_back(decode(name, fields, ok, value));
+    };
+    unsigned status = 0, caps = 0;
     const bool ok = p && r(0x06, 2, status) && r(p + 0x02, 2, caps);
     out.push_back(decode("PCIE_STATUS", kPciStatusFields, ok, status | caps << 16));
-    out.push_back(decode("DEVICE_STATUS", kDeviceStatusFields, p && r(p + 0x0A, 2, v), v));
-    out.push_back(decode("LINK_STATUS", kLinkStatusFields, p && r(p + 0x12, 2, v), v));
-    out.push_back(decode("SLOT_STATUS", kSlotStatusFields, p && r(p + 0x1A, 2, v), v));
-    out.push_back(decode("ROOT_STATUS", kRootStatusFields, p && r(p + 0x20, 4, v), v));
+    if (p) {
+        group("DEVICE_STATUS", kDeviceStatusFields, p + 0x0A, 2);
+        group("LINK_STATUS", kLinkStatusFields, p + 0x12, 2);
+        group("SLOT_STATUS", kSlotStatusFields, p + 0x1A, 2);
+        group("ROOT_STATUS", kRootStatusFields, p + 0x20, 4);
+    } else {
+        for (const auto* name : {"DEVICE_STATUS", "LINK_STATUS", "SLOT_STATUS", "ROOT_STATUS"})
+            out.push_back(decode(name, {}, false, 0));
+    }
     unsigned aer = 0;
     std::string error;
     if (PCIE::DetectThisPCIEExtendedCapability(PCIE::Device_ID(d), read)
             .detect(PCIE::ADVANCED_ERROR_REPORTING, aer, error)) {
-        out.push_back(decode("PCIE_UNCORR_ERR_STATUS", kUncorrFields, r(aer + 0x04, 4, v), v));
-        out.push_back(decode("PCIE_CORR_ERR_STATUS", kCorrFields, r(aer + 0x10, 4, v), v));
-        out.push_back(decode("PCIE_ROOT_ERR_STATUS", kRootErrFields, r(aer + 0x30, 4, v), v));
+        group("PCIE_UNCORR_ERR_STATUS", kUncorrFields, aer + 0x04, 4);
+        group("PCIE_CORR_ERR_STATUS", kCorrFields, aer + 0x10, 4);
+        group("PCIE_ROOT_ERR_STATUS", kRootErrFields, aer + 0x30, 4);
     } else {
         for (const char* name : {"PCIE_UNCORR_ERR_STATUS", "PCIE_CORR_ERR_STATUS", "PCIE_ROOT_ERR_STATUS"})
             out.push_back(not_available(name));
@@ -739,7 +750,7 @@ void PCIEPortStatusGUIInterface::StartContinuousRun(const json& settings) {
         _push(json{{"key", "contRunPortStatusUpdates"}, {"contRunPortStatusUpdates", data}});
     };
     if (!p.on_ContinuousRun_toggled(true)) {
-        p.running = false;
+        p.on_ContinuousRun_toggled(false);
         send();
         return;
     }
