@@ -405,6 +405,12 @@ bool CPCIEPortStatusInterface::on_ContinuousRun_toggled(bool on) {
         if (_timer) _timer->stopFunc();
         running = false;
         if (failure_seen) _log("Warning: Loop Stopped due to occurrence of failure..");
+        // A run that ends between its two halves leaves the link as it found it.
+        std::string error;
+        if (_claimed && _mode_disable && _link->IsLinkDisabled() && _link->SetLinkDisable(false, error))
+            appendCurrentStatus("Link enabled again at the end of the loop");
+        if (_claimed && _mode_reset && _link->SetSecondaryBusReset(false, error) && !_link->IsLinkUp())
+            appendCurrentStatus("Secondary bus reset released at the end of the loop");
         std::ostringstream summary;
         summary << "Summary: LoopCount=" << loop_count << ", SuccessLoopCount=" << _success
                 << ", FailureLoopCount=" << _failure << " [linkStatusMismatchFail=" << _mismatch
