@@ -545,7 +545,10 @@ std::string WebBackEnd::SetLinkWidth(std::string body) {
 }
 
 std::string WebBackEnd::SetLinkSpeed(std::string body) {
-    return _link_control->OnLinkSpeedChange(index_of(parse_request_body(body))).dump();
+    const json request = parse_request_body(body);
+    // Optional: the speed method of the selected port (0 generic, 1 the platform's link controller).
+    if (request.contains("method")) _link_control->OnLinkSpeedMethodChange(request.at("method").get<int>());
+    return _link_control->OnLinkSpeedChange(index_of(request)).dump();
 }
 
 std::string WebBackEnd::StartContinuousRun(std::string body) {
