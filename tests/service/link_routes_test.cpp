@@ -9,8 +9,10 @@
 #include "hardware/crn_factory.h"
 #include "hardware/gfx_accessor_maker.h"
 #include "hardware/system_facts.h"
+#include "running_service.h"
 #include "service/web_back_end.h"
 #include "simulator/platform.h"
+#include "wire_client.h"
 
 using nlohmann::json;
 
@@ -109,6 +111,36 @@ TEST_F(LinkRoutes, LinkControlChangesASpeedAndShowsIt) {
     const json width = json::parse(backend.SetLinkWidth(R"({"index":4})"));
     EXPECT_FALSE(width["OperationStatus"]) << "x12 is not a width this port takes";
     EXPECT_NE(width["ErrMsg"], "");
+}
+
+// The browser greys its controls, hears the run's counts and log, and is
+// told the run ended, in this order, even for a run refused at its start
+// (this service's machine has no port to run on).
+TEST(LinkRoutePushes, PortRunPushesGreyLogAndReleaseInOrder) {
+    auto& service = wire_test::running_service();
+    wire_test::WsClient browser(service.port);
+    ASSERT_EQ(browser.status, 101);
+    ASSERT_TRUE(wire_test::wait_for_connections(1));
+    const auto answer = wire_test::request(service.port, "POST", "/api/1.0/StartPortStatusContinuousRun",
+                                           R"({"settingsSelection":{"selectedIndex":0},"loopCount":{"value":3}})");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body, "");
+    std::vector<json> seen;
+    while (auto text = browser.next_text()) {
+        seen.push_back(json::parse(*text));
+        if (seen.back()["key"] == "PortStatusUpdatePartial" && seen.back()["port_status_data"]["TestRunning"] == false)
+            break;
+    }
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0]["key"], "PortStatusUpdatePartial");
+    EXPECT_EQ(seen[0]["port_status_data"]["TestRunning"], true);
+    EXPECT_EQ(seen[0]["port_status_data"]["clearlogs"], true);
+    EXPECT_EQ(seen[0]["port_status_data"]["contLoopSettings"]["enabled"], false);
+    EXPECT_EQ(seen[1]["key"], "contRunPortStatusUpdates");
+    const std::string logs = seen[1]["contRunPortStatusUpdates"]["logs"];
+    EXPECT_NE(logs.find("Error : No port is selected."), std::string::npos) << logs;
+    EXPECT_NE(logs.find("Summary: LoopCount=0"), std::string::npos) << logs;
+    EXPECT_EQ(seen[2]["port_status_data"]["clearlogs"], false);
 }
 
 }  // namespace
