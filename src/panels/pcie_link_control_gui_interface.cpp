@@ -372,6 +372,21 @@ json PCIELinkControlGUIInterface::_update_message(const std::string& log) {
 }
 
 void PCIELinkControlGUIInterface::OnContinuousRunToggled(const json& settings) {
+    // On a thread of its own: nothing may escape, and the port is always released.
+    try {
+        _continuous_run(settings);
+    } catch (const std::exception& e) {
+        std::lock_guard<std::recursive_mutex> lock(_panel->mutex);
+        _panel->add_error(std::string("The continuous run ended unexpectedly: ") + e.what());
+        if (_panel->running && _claimed) release_link_port(*_claimed);
+        _panel->running = false;
+        _claimed.reset();
+        if (_push) _push(_update_message(_panel->log_text));
+        _panel->log_text.clear();
+    }
+}
+
+void PCIELinkControlGUIInterface::_continuous_run(const json& settings) {
     _panel->Initialize();
     CPCIELinkControlInterface& p = *_panel;
     std::shared_ptr<CPCIELink> link;
@@ -387,7 +402,8 @@ void PCIELinkControlGUIInterface::OnContinuousRunToggled(const json& settings) {
         for (int i = 0; i < 9; ++i)
             if (interval == kPortStatusIntervals[i].label) _interval_index = i;
         const std::string retry = selected_value(settings, "failureRetryCount");
-        if (!retry.empty() && std::isdigit(static_cast<unsigned char>(retry[0]))) p.failure_retry = std::stoul(retry);
+        for (const char* choice : kRetryChoices)
+            if (retry == choice) p.failure_retry = static_cast<unsigned>(std::stoul(retry));
         const json& loops = settings.contains("loopCount") && settings["loopCount"].is_object()
                                 ? settings["loopCount"].value("value", json(0))
                                 : json(0);
@@ -401,6 +417,7 @@ void PCIELinkControlGUIInterface::OnContinuousRunToggled(const json& settings) {
             if (_push) _push(_update_message(p.log_text));
             return;
         }
+        _claimed = link->port().device;
         _stop_requested = false;
         p.running = true;
     }
@@ -421,6 +438,7 @@ void PCIELinkControlGUIInterface::OnContinuousRunToggled(const json& settings) {
         std::lock_guard<std::recursive_mutex> lock(p.mutex);
         p.running = false;
         release_link_port(link->port().device);
+        _claimed.reset();
         if (_push) _push(_update_message(p.log_text));  // the last counts always go out
         p.log_text.clear();
     }

@@ -80,6 +80,7 @@ public:
     CPCIELinkControlInterface& panel() { return *_panel; }
 
 private:
+    void _continuous_run(const nlohmann::json& settings);
     nlohmann::json _link_control_info();
     nlohmann::json _update_message(const std::string& log);
 
@@ -87,4 +88,5 @@ private:
     std::function<void(const nlohmann::json&)> _push;
     std::atomic<bool> _stop_requested{false};
     int _interval_index = 4;
+    std::optional<PCIDeviceDetails> _claimed;  // the port a run holds
 };

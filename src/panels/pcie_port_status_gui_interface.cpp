@@ -138,7 +138,12 @@ void PCIETimer::loopFunction() {
     while (_active) {
         for (unsigned waited = 0; _active && waited < _interval; waited += kSleepSlice)
             OSSpecific().milli_secs_sleep(std::min(kSleepSlice, _interval - waited));
-        if (_active) _function();
+        if (!_active) break;
+        try {
+            _function();
+        } catch (const std::exception& e) {
+            std::cerr << "PCIETimer: " << e.what() << std::endl;
+        }
     }
 }
 
@@ -294,6 +299,14 @@ bool CPCIEPortStatusInterface::on_AdvErrorEnabled_clicked(bool checked) {
     std::lock_guard<std::mutex> lock(_mutex);
     _message = ok ? "advErrorEnabled Succeed." : "advErrorEnabled Failed.";
     return ok;
+}
+
+bool CPCIEPortStatusInterface::error_reporting_enabled() {
+    if (!_link || !_link->pcie_cap()) return false;
+    const PCIDeviceDetails& d = _link->port().device;
+    unsigned control = 0;
+    _machine->read->read16(d.segment, d.bus, d.device, d.function, _link->pcie_cap() + 0x08, control);
+    return control != 0xFFFF && (control & 0xF) == 0xF;
 }
 
 bool CPCIEPortStatusInterface::on_LinkDisable_clicked(bool checked) {
@@ -630,7 +643,8 @@ void PCIEPortStatusGUIInterface::GetPortStatusControlOptions(json& document) {
     const bool enabled = _panel->selected() >= 0 && !is_running();
     auto link = _panel->selected_link();
     const bool disabled = link && link->IsLinkDisabled();
-    document["advErrorEnabled"] = {{"label", "Adv. Error Enabled"}, {"enabled", enabled}, {"checked", _adv_error}};
+    document["advErrorEnabled"] = {{"label", "Adv. Error Enabled"}, {"enabled", enabled},
+                                   {"checked", _panel->error_reporting_enabled()}};
     document["linkDisable"] = {{"label", "Link Disable"}, {"enabled", enabled}, {"checked", disabled}};
     document["secBusReset"] = {{"label", "Sec. Bus Reset"}, {"enabled", enabled}, {"checked", _sec_bus_reset}};
 }
@@ -689,7 +703,7 @@ void PCIEPortStatusGUIInterface::SetPortStatus(json& setting) {
 void PCIEPortStatusGUIInterface::OnAdvErrorEnabledClicked(bool checked) {
     _panel->Detect();
     if (is_running()) return;
-    if (_panel->on_AdvErrorEnabled_clicked(checked)) _adv_error = checked;
+    _panel->on_AdvErrorEnabled_clicked(checked);
 }
 
 void PCIEPortStatusGUIInterface::OnLinkDisableClicked(bool checked) {
@@ -712,6 +726,22 @@ void PCIEPortStatusGUIInterface::OnClearAdvErrosClicked() {
 }
 
 void PCIEPortStatusGUIInterface::StartContinuousRun(const json& settings) {
+    // This runs on a thread of its own: nothing may escape it, and a run that
+    // fails still ends with its link restored, its port released and its last push.
+    try {
+        _start_continuous_run(settings);
+    } catch (const std::exception& e) {
+        CPCIEPortStatusInterface& p = *_panel;
+        p.appendCurrentStatus(std::string("Error : The loop ended unexpectedly: ") + e.what());
+        if (p.timer_active() || p.running) p.on_ContinuousRun_toggled(false);
+        p.running = false;
+        if (_push)
+            _push(json{{"key", "contRunPortStatusUpdates"},
+                       {"contRunPortStatusUpdates", {{"logs", p.take_log()}, {"counts", p.counts()}}}});
+    }
+}
+
+void PCIEPortStatusGUIInterface::_start_continuous_run(const json& settings) {
     _panel->Detect();
     CPCIEPortStatusInterface& p = *_panel;
     if (is_running()) return;
@@ -723,7 +753,8 @@ void PCIEPortStatusGUIInterface::StartContinuousRun(const json& settings) {
         return fallback;
     };
     auto bool_at = [&](const char* key) {
-        return settings.contains(key) && settings[key].is_object() && settings[key].value("checked", false) == true;
+        return settings.contains(key) && settings[key].is_object() && settings[key].contains("checked") &&
+               settings[key]["checked"] == true;
     };
     p.on_LinkDisableInLoop_toggled(false);
     p.on_SecBusResetInLoop_toggled(false);

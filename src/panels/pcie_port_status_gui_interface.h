@@ -78,6 +78,8 @@ public:
 
     void on_PortSelect_currentIndexChanged(int index);
     bool on_AdvErrorEnabled_clicked(bool checked);
+    // Correctable, non-fatal, fatal and unsupported request reporting all on.
+    bool error_reporting_enabled();
     bool on_LinkDisable_clicked(bool checked);
     bool on_ClearAdvErrors_clicked();
     bool on_SecBusReset_clicked(bool checked);
@@ -182,7 +184,9 @@ public:
     CPCIEPortStatusInterface& panel() { return *_panel; }
 
 private:
+    void _start_continuous_run(const nlohmann::json& settings);
+
     std::shared_ptr<CPCIEPortStatusInterface> _panel;
     std::function<void(const nlohmann::json&)> _push;
-    bool _adv_error = false, _link_disable = false, _sec_bus_reset = false;
+    bool _sec_bus_reset = false;
 };

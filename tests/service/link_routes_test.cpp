@@ -78,6 +78,10 @@ TEST_F(LinkRoutes, PortStatusDocumentDecodesTheSelectedPort) {
         EXPECT_TRUE(document.contains(key)) << key;
     EXPECT_EQ(document["contLoopSettings"]["retrainSpeed"]["values"].back(), "32 Gt/s");
 
+    EXPECT_EQ(backend.SetAdvErrorEnabled(R"({"checked":true})"), "success");
+    EXPECT_EQ(json::parse(backend.GetPortSelectionInfo())["advErrorEnabled"]["checked"], true);
+    EXPECT_EQ(json::parse(backend.GetPortStatusRegistersInfo())["deviceStatus"]["label"], "DEVICE_STATUS (0x0)");
+
     // The link disable action shows in the decoded registers and the LTSSM push.
     EXPECT_EQ(backend.SetPortLinkDisabled(R"({"checked":true})"), "success");
     const json disabled = json::parse(backend.GetPortStatusRegistersInfo());
