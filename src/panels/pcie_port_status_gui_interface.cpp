@@ -181,6 +181,7 @@ void CPCIEPortStatusInterface::Detect() {
 }
 
 void CPCIEPortStatusInterface::on_PortSelect_currentIndexChanged(int index) {
+    std::lock_guard<std::recursive_mutex> select(_select_mutex);
     if (running || timer_active()) return;
     if (index < 0 || static_cast<size_t>(index) >= _ports.size()) {
         _selected = -1;
@@ -238,6 +239,7 @@ void CPCIEPortStatusInterface::_read_groups(std::vector<PORT_STATUS_OUTPUT>& out
 }
 
 void CPCIEPortStatusInterface::Update() {
+    std::lock_guard<std::recursive_mutex> select(_select_mutex);
     if (_selected < 0 || !_link) return;
     std::ofstream file;
     if (_log_to_file) {
@@ -371,6 +373,7 @@ PortLinkStatus CPCIEPortStatusInterface::GetLinkStatus() {
 }
 
 std::vector<std::string> CPCIEPortStatusInterface::GetLCState() {
+    std::lock_guard<std::recursive_mutex> select(_select_mutex);
     if (!_link || !_link->port().platform_port) return {};
     try {
         return GetCurrentLTSSMState().get_full_lc_state_list(_link->port().die, _link->port().core,

@@ -74,7 +74,10 @@ public:
     void Update();
     const std::vector<LinkPort>& ports() const { return _ports; }
     int selected() const { return _selected; }
-    std::shared_ptr<CPCIELink> selected_link() const { return _link; }
+    std::shared_ptr<CPCIELink> selected_link() {
+        std::lock_guard<std::recursive_mutex> select(_select_mutex);
+        return _link;
+    }
 
     void on_PortSelect_currentIndexChanged(int index);
     bool on_AdvErrorEnabled_clicked(bool checked);
@@ -137,6 +140,7 @@ private:
     bool _mode_disable = false, _mode_reset = false, _mode_retrain = false, _mode_preset = false;
 
     std::mutex _detect_mutex;
+    std::recursive_mutex _select_mutex;  // the selected port, between requests, the timer and the LTSSM push
     std::mutex _mutex;  // groups, log text, message
     std::vector<PORT_STATUS_OUTPUT> _groups;
     std::string _log_text;
