@@ -393,7 +393,7 @@ void PCIELinkControlGUIInterface::_continuous_run(const json& settings) {
     {
         std::lock_guard<std::recursive_mutex> lock(p.mutex);
         link = p.selected_port >= 0 ? p.link(p.selected_port) : nullptr;
-        if (!link || p.running) return;
+        if (!link || p.running || _shut_down) return;
         if (const int s = speed_from_label(selected_value(settings, "linkSpeedLower")); s >= 0) p.speed_lower = s;
         if (const int s = speed_from_label(selected_value(settings, "linkSpeedUpper")); s >= 0) p.speed_upper = s;
         if (const unsigned w = width_from_label(selected_value(settings, "linkWidthLower"))) p.width_lower = w;

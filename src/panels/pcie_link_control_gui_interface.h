@@ -72,6 +72,11 @@ public:
     // Blocks for the whole run; returns at once when there is nothing to run.
     void OnContinuousRunToggled(const nlohmann::json& settings);
     void StopContinuousRun();
+    // The service is stopping: ends a run and refuses new ones.
+    void Shutdown() {
+        _shut_down = true;
+        StopContinuousRun();
+    }
     bool SetLogLinkStatus(bool checked);
     bool SetLogLinkErrors(bool checked);
     nlohmann::json ClearErrorReport();
@@ -88,5 +93,6 @@ private:
     std::function<void(const nlohmann::json&)> _push;
     std::atomic<bool> _stop_requested{false};
     int _interval_index = 4;
+    std::atomic<bool> _shut_down{false};
     std::optional<PCIDeviceDetails> _claimed;  // the port a run holds
 };

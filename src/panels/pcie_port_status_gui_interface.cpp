@@ -747,7 +747,7 @@ void PCIEPortStatusGUIInterface::StartContinuousRun(const json& settings) {
 void PCIEPortStatusGUIInterface::_start_continuous_run(const json& settings) {
     _panel->Detect();
     CPCIEPortStatusInterface& p = *_panel;
-    if (is_running()) return;
+    if (is_running() || _shut_down) return;
     p.running = true;
     auto int_at = [&](const char* key, const char* inner, int fallback) {
         if (settings.contains(key) && settings[key].is_object() && settings[key].contains(inner) &&

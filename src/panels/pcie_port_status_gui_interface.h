@@ -177,6 +177,11 @@ public:
     // Blocks for the whole run and pushes its progress.
     void StartContinuousRun(const nlohmann::json& settings);
     void StopContinuousRun();
+    // The service is stopping: ends a run and refuses new ones.
+    void Shutdown() {
+        _shut_down = true;
+        StopContinuousRun();
+    }
     bool SetLogPortStatus(bool checked);
     nlohmann::json get_ltssm_states();
     nlohmann::json counts() { return _panel->counts(); }
@@ -193,4 +198,5 @@ private:
     std::shared_ptr<CPCIEPortStatusInterface> _panel;
     std::function<void(const nlohmann::json&)> _push;
     bool _sec_bus_reset = false;
+    std::atomic<bool> _shut_down{false};
 };

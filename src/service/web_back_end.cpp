@@ -83,8 +83,9 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
 WebBackEnd::~WebBackEnd() {
     // A run still going would keep its thread joinable; ask each to end first.
     _perf_counter->OnStopMonitorClicked();
-    _link_control->StopContinuousRun();
-    _port_status->StopContinuousRun();
+    // Shutdown, not a stop: a start request waiting for the old run must not begin a new one.
+    _link_control->Shutdown();
+    _port_status->Shutdown();
     {
         std::lock_guard<std::mutex> lock(_download_mutex);
         join_if_joinable(_download_thread);
