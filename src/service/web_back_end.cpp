@@ -11,6 +11,7 @@
 #include "gui/gui_pcie_get_device.h"
 #include "gui/pcie_margin_estimate.h"
 #include "gui/test_archive.h"
+#include "discovery/ltssm_state.h"
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
@@ -72,23 +73,44 @@ json parse_request_body(const std::string& body) {
     return parsed;
 }
 
+namespace {
+// The panels take the inventory when they are first used: the store may
+// not hold it yet when the back end is built.
+PanelMachineSource panel_machine(GUIResourceStore& store) {
+    return [&store]() -> std::optional<PanelMachine> {
+        try {
+            PanelMachine machine{store.get_pcie_device_list(), store.get_die_list(), store.get_read_accessor(),
+                                 store.get_write_accessor()};
+            if (!machine.read || !machine.write) return std::nullopt;
+            return machine;
+        } catch (const std::exception&) {
+            return std::nullopt;
+        }
+    };
+}
+}  // namespace
+
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
     : _aspm(std::make_shared<PCIEASPMGUIInterface>()),
-      _link_control(std::make_shared<PCIELinkControlGUIInterface>()),
+      _link_control(std::make_shared<PCIELinkControlGUIInterface>(panel_machine(store))),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
-      _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
+      _port_status(std::make_shared<PCIEPortStatusGUIInterface>(panel_machine(store))),
       _store(store),
       _storage(storage),
       _index(std::make_unique<ArchiveIndex>(store.get_directory_for_lanewright())),
-      _archive_workers(std::make_unique<ArchiveWorkers>(kArchiveThreads, kArchiveQueue, kArchiveMaxWait)) {}
+      _archive_workers(std::make_unique<ArchiveWorkers>(kArchiveThreads, kArchiveQueue, kArchiveMaxWait)) {
+    _link_control->set_push(push);
+    _port_status->set_push(push);
+}
 
 WebBackEnd::~WebBackEnd() {
     _index->cancel();
     _archive_workers.reset();
     // A run still going would keep its thread joinable; ask each to end first.
     _perf_counter->OnStopMonitorClicked();
-    _link_control->StopContinuousRun();
-    _port_status->StopContinuousRun();
+    // Shutdown, not a stop: a start request waiting for the old run must not begin a new one.
+    _link_control->Shutdown();
+    _port_status->Shutdown();
     {
         std::lock_guard<std::mutex> lock(_download_mutex);
         join_if_joinable(_download_thread);
@@ -247,7 +269,8 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
 
 std::string WebBackEnd::GetLANEWRIGHTVersion() { return json{{"Tool_Version", tool_version}}.dump(); }
 
-std::string WebBackEnd::GetAllPCIELCStates() { return json::array().dump(); }
+// The legend of every LC state code the port histories can show.
+std::string WebBackEnd::GetAllPCIELCStates() { return json(GetCurrentLTSSMState().get_list_of_lc_state()).dump(); }
 
 // The device lists are filled by the test engines' own discovery; a machine
 // on which nothing can be tested lists nothing.
@@ -613,7 +636,7 @@ json WebBackEnd::GetFullPortStatusInfo() {
     json loop_settings = json::object();
     _port_status->GetContLoopSettingsInfo(loop_settings);
     document["contLoopSettings"] = loop_settings;
-    document["TestRunning"] = false;
+    document["TestRunning"] = _port_status->is_running();
     document["logPortStatus"] = {{"label", "Log Port Status"}, {"checked", false}, {"enabled", true}};
     document["autoRefresh"] = {{"label", "Auto Refresh"}, {"checked", false}, {"enabled", true}};
     return document;
@@ -629,7 +652,7 @@ std::string WebBackEnd::GetPortStatusInfo(std::string body) {
     // Any port request, even a bad one, turns the LTSSM push on.
     port_status_update = true;
     const int index = index_of(parse_request_body(body));
-    _port_status->OnPortSelectCurrentIndexChanged(index);
+    _port_status->OnPortSelectCurrentIndexChanged(index);  // refused while a run is active
     push(json{{"key", "PortStatusUpdate"}, {"port_status_data", GetFullPortStatusInfo()}});
     return GetFullPortStatusInfo().dump();
 }
@@ -716,7 +739,10 @@ std::string WebBackEnd::SetLinkWidth(std::string body) {
 }
 
 std::string WebBackEnd::SetLinkSpeed(std::string body) {
-    return _link_control->OnLinkSpeedChange(index_of(parse_request_body(body))).dump();
+    const json request = parse_request_body(body);
+    // Optional: the speed method of the selected port (0 generic, 1 the platform's link controller).
+    if (request.contains("method")) _link_control->OnLinkSpeedMethodChange(request.at("method").get<int>());
+    return _link_control->OnLinkSpeedChange(index_of(request)).dump();
 }
 
 std::string WebBackEnd::StartContinuousRun(std::string body) {

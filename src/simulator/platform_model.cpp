@@ -10,6 +10,8 @@
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
 #include "simulator/hvl_phy_model.h"
+#include "simulator/link_model.h"
+#include "hardware/chips/server_registers.h"
 
 namespace sim {
 
@@ -22,7 +24,7 @@ constexpr size_t kHistoryDepth = 48;         // twelve registers of four states
 // LTSSM state codes the history records.
 constexpr uint8_t kDetect = 0x01, kPolling = 0x05, kPollingConfig = 0x07, kConfig = 0x09, kConfigIdle = 0x0F;
 constexpr uint8_t kL0 = 0x10, kRecoveryLock = 0x20, kRecoverySpeed = 0x21, kRecoveryConfig = 0x22;
-constexpr uint8_t kRecoveryIdle = 0x23, kDisabled = 0x27;
+constexpr uint8_t kRecoveryIdle = 0x23, kHotReset = 0x26, kDisabled = 0x27;
 
 uint32_t lane_mask(unsigned bytes) { return bytes >= 4 ? 0xFFFFFFFFu : ((1u << (8 * bytes)) - 1); }
 
@@ -35,7 +37,14 @@ struct PlatformModel::Link {
     unsigned width = 0;            // the width it trains to
     unsigned speed = 1;            // current speed code
     unsigned pending_speed = 1;
+    unsigned boot_width = 0;       // what it trains to from Detect
+    unsigned max_width = 0;        // the widest both ends allow (width reconfiguration)
+    unsigned pending_width = 0;
     bool disabled = false;
+    bool reset = false;            // the port holds a secondary bus reset
+    LinkFaults faults;
+    unsigned trainings = 0;
+    ModelDeadline flap;
     bool from_down = false;        // the running training brings the link up from down
     bool software_retrain = false;
     ModelDeadline training;
@@ -45,7 +54,7 @@ struct PlatformModel::Link {
         history.insert(history.begin(), state);
         if (history.size() > kHistoryDepth) history.resize(kHistoryDepth);
     }
-    bool up() const { return !below.empty() && !disabled && !(training.active() && from_down); }
+    bool up() const { return !below.empty() && !disabled && !reset && !(training.active() && from_down); }
 };
 
 struct PlatformModel::Function {
@@ -335,6 +344,7 @@ PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::opt
     const auto start = _profile.start_time ? std::chrono::system_clock::time_point(std::chrono::seconds(*_profile.start_time))
                                            : std::chrono::system_clock::now();
     _clock = std::make_unique<ModelClock>(start, time_scale);
+    _link_faults = read_link_faults(_profile);
     for (size_t s = 0; s < _profile.sockets.size(); ++s) {
         const SocketProfile& socket = _profile.sockets[s];
         _build_socket(socket, static_cast<unsigned>(s), locator ? locator : chip_register_locator(socket.die_type));
@@ -418,8 +428,11 @@ PlatformModel::Function& PlatformModel::_build_port(const PortProfile& port, Rol
     Link& link = *_links.back();
     link.port = &f;
     f.link = &link;
+    if (const auto found = _link_faults.find(&port); found != _link_faults.end()) link.faults = found->second;
     if (port.child) {
         _build_device(*port.child, f, segment);
+        if (link.faults.fail_speed && link.speed >= link.faults.fail_speed)
+            link.speed = link.pending_speed = link.faults.fail_speed - 1;
     } else {
         link.history = {kDetect};
     }
@@ -429,7 +442,9 @@ PlatformModel::Function& PlatformModel::_build_port(const PortProfile& port, Rol
 void PlatformModel::_build_device(const DeviceProfile& device, Function& port, unsigned segment) {
     Link& link = *port.link;
     link.speed_limit = link.speed = link.pending_speed = device.speed.value_or(1);
-    link.width = device.width.value_or(1);
+    link.width = link.pending_width = link.boot_width = device.width.value_or(1);
+    const unsigned port_width = (port.space.get(port.pcie + cfg::kLinkCapabilities, 4) >> 4) & 0x3F;
+    link.max_width = std::max(link.width, std::min(port_width, device.max_width));
     boot_history(link.history, link.speed);
     const unsigned secondary = port.space.get(cfg::kBusNumbers + 1, 1);
     if (device.kind == DeviceProfile::Kind::endpoint) {
@@ -520,6 +535,33 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
                 return value;
             });
         }
+        const auto core_control = locator("NB_BUS_NUM_CNTL", port.core, std::nullopt);
+        LinkControllerHooks hooks;
+        hooks.state = [this, link](const ModelTime& now) {
+            _update_link(*link, now);
+            return link->history.empty() ? uint8_t{0} : link->history.front();
+        };
+        hooks.busy = [this, link](const ModelTime& now) {
+            _update_link(*link, now);
+            return link->training.active();
+        };
+        hooks.change_width = [this, link](unsigned width, const ModelTime& now) {
+            _update_link(*link, now);
+            if (!link->up() || link->training.active()) return;
+            link->pending_width = std::min(width, link->max_width);
+            _train_to(*link, now, link->speed, false);
+        };
+        hooks.change_speed = [this, link](unsigned speed, const ModelTime& now) {
+            _update_link(*link, now);
+            if (!link->up() || link->training.active()) return;
+            _train_to(*link, now, std::min(speed, link->speed_limit), false);
+        };
+        hooks.width = link->width;
+        hooks.max_speed_code = port.max_speed;
+        std::optional<uint32_t> core_block;
+        if (core_control) core_block = *core_control - chips::server_io::kCoreRegisters[0].offset;
+        place_link_controller_registers(r, *buses - chips::server_io::kPortRegisters[0].offset + chips::server_io::kPortLinkControlWindow, core_block,
+                                        std::move(hooks));
         for (const char* name : {"PCIE_CCIX_ESM_CNTL", "PCIE_CCIX_ESM_STATUS"})
             if (const auto esm = locator(name, port.core, index)) r.define(*esm, 0);
         if (cores.insert(port.core).second)
@@ -573,10 +615,21 @@ PlatformModel::Function* PlatformModel::_route_below(Function& port, unsigned bu
 }
 
 void PlatformModel::_update_link(Link& link, const ModelTime& now) {
+    if (link.faults.flap_period_ns && link.up() && !link.training.active()) {
+        if (!link.flap.active()) {
+            link.flap.start(now, link.faults.flap_period_ns);
+        } else if (link.flap.expired(now)) {
+            link.flap.clear();
+            _retrain(link, now, true);  // the link drops and comes back from Detect
+            return;
+        }
+    }
     if (!link.training.active() || !link.training.expired(now)) return;
     link.training.clear();
     link.speed = link.pending_speed;
+    link.width = link.pending_width;
     link.enter(kL0);
+    if (link.faults.aer_every && ++link.trainings % link.faults.aer_every == 0) _log_correctable(link);
     if (link.software_retrain && link.port->pcie) {
         const unsigned at = link.port->pcie + cfg::kLinkStatus;
         link.port->space.set(at, 2, link.port->space.get(at, 2) | cfg::kLinkStatusBandwidthChanged);
@@ -584,15 +637,35 @@ void PlatformModel::_update_link(Link& link, const ModelTime& now) {
     link.software_retrain = false;
 }
 
+// Correctable errors of a training: logged by both ends of the link that
+// report them, and as a received correctable message at a root port.
+void PlatformModel::_log_correctable(Link& link) {
+    auto log = [&](Function* f) {
+        if (!f || !f->pcie) return;
+        if (f->aer) f->space.set(f->aer + 0x10, 4, f->space.get(f->aer + 0x10, 4) | link.faults.aer_correctable);
+        f->space.set(f->pcie + cfg::kDeviceStatus, 2, f->space.get(f->pcie + cfg::kDeviceStatus, 2) | 1u);
+        if (f->role == Role::root_port && f->aer)
+            f->space.set(f->aer + 0x30, 4, f->space.get(f->aer + 0x30, 4) | 1u);
+    };
+    log(link.port);
+    if (!link.below.empty()) log(link.below[0]);
+}
+
 void PlatformModel::_retrain(Link& link, const ModelTime& now, bool from_down) {
     auto target = [](const Function* f) {
         const unsigned t = f->pcie ? f->space.get(f->pcie + cfg::kLinkControl2, 2) & 0xF : 5;
         return t == 0 ? 1u : t;
     };
-    link.pending_speed = std::max(1u, std::min({link.speed_limit, target(link.port), target(link.below[0])}));
+    _train_to(link, now, std::min({link.speed_limit, target(link.port), target(link.below[0])}), from_down);
+}
+
+void PlatformModel::_train_to(Link& link, const ModelTime& now, unsigned speed, bool from_down) {
+    if (link.faults.fail_speed && speed >= link.faults.fail_speed) speed = link.faults.fail_speed - 1;
+    link.pending_speed = std::max(1u, speed);
+    if (from_down) link.pending_width = link.boot_width;
     link.from_down = from_down;
     link.software_retrain = !from_down;
-    link.training.start(now, from_down ? kLinkUpNs : kRetrainNs);
+    link.training.start(now, from_down ? (link.faults.return_ns ? link.faults.return_ns : kLinkUpNs) : kRetrainNs);
     if (from_down) {
         for (uint8_t s : {kDetect, kPolling, kPollingConfig, kConfig}) link.enter(s);
     } else {
@@ -696,10 +769,31 @@ void PlatformModel::_after_write(Function& f, unsigned dword, uint32_t old_value
             link.enter(kDisabled);
         } else if (!disabled && was_disabled) {
             link.disabled = false;
-            if (!link.below.empty()) _retrain(link, now, true);
+            if (!link.below.empty() && !link.reset) _retrain(link, now, true);
             else link.enter(kDetect);
         } else if (retrain && link.up() && !link.training.active()) {
             _retrain(link, now, false);
+        }
+    }
+    // Bridge control bit 6: the secondary bus reset. Everything below goes
+    // while it is held and trains again from Detect once it is released.
+    if (f.link && f.downstream_facing() && dword == (cfg::kBridgeControl & ~3u) && (byte_mask & 0x00FF0000)) {
+        Link& link = *f.link;
+        const uint32_t bit = 1u << (8 * (cfg::kBridgeControl & 3u) + 6);
+        const bool was_held = old_value & bit, held = f.space.get(dword, 4) & bit;
+        if (held && !was_held) {
+            link.reset = true;
+            link.training.clear();
+            link.flap.clear();
+            link.enter(kHotReset);
+        } else if (!held && was_held) {
+            link.reset = false;
+            if (link.disabled) {
+            } else if (!link.below.empty()) {
+                _retrain(link, now, true);
+            } else {
+                link.enter(kDetect);
+            }
         }
     }
     if (f.margining && dword >= f.margining + cfg::kMarginLaneControl &&

@@ -25,6 +25,7 @@
 #include "hardware/crn_accessor.h"
 #include "hardware/pci_device_details.h"
 #include "simulator/config_space.h"
+#include "simulator/link_model.h"
 #include "simulator/model_clock.h"
 #include "simulator/noise.h"
 #include "simulator/profile.h"
@@ -96,6 +97,8 @@ private:
     void _sync(Function& f, const ModelTime& now);
     void _update_link(Link& link, const ModelTime& now);
     void _retrain(Link& link, const ModelTime& now, bool from_down);
+    void _train_to(Link& link, const ModelTime& now, unsigned speed, bool from_down);
+    void _log_correctable(Link& link);
     void _on_margin_control(Function& f, unsigned lane, const ModelTime& now);
 
     uint64_t _serial_number(size_t function);
@@ -117,6 +120,7 @@ private:
     std::vector<std::unique_ptr<Die>> _dies;
     std::map<std::tuple<unsigned, unsigned, unsigned, unsigned>, Function*> _fixed;  // root-bus functions
     std::vector<Function*> _root_ports;
+    std::map<const PortProfile*, LinkFaults> _link_faults;
     uint64_t _devices_built = 0;
     std::map<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned>, std::unique_ptr<RegisterSpace>> _gfx_spaces;
 };

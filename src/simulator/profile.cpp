@@ -1,5 +1,7 @@
 #include "simulator/profile.h"
 
+#include "simulator/link_model.h"
+
 #include <cmath>
 #include <fstream>
 #include <set>
@@ -518,12 +520,14 @@ Profile parse_profile(const json& document) {
         for (const Field& fault : top.child("faults").array()) {
             if (!fault.value().is_object()) fail(fault.path(), "expected an object");
             const Field type = fault.at("type");
-            if (!is_margining_fault(type.as_string()) && !is_hvl_fault(type.as_string()))
+            if (!is_margining_fault(type.as_string()) && !is_hvl_fault(type.as_string()) &&
+                !is_link_fault(type.as_string()))
                 fail(type.path(), "unknown fault type '" + type.as_string() + "'");
         }
         profile.faults = document.at("faults");
         read_margining_faults(profile);
         read_hvl_faults(profile.faults, profile.sockets);
+        read_link_faults(profile);
     }
     return profile;
 }

@@ -134,3 +134,22 @@ INSTANTIATE_TEST_SUITE_P(
                       EndCase{"Sigkill", SIGKILL, "Interrupted: the service ended while this test ran",
                               "Not started: the service ended before this test ran"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// A stress loop that would run for ever must not hold the service at /stop.
+TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {
+    ServiceProcess service(wire_test::free_port());
+    service.read_until("(chrome recommended):  http://");
+    const auto info = nlohmann::json::parse(wire_test::request(service.port, "GET", "/api/1.0/GetPortSelectionInfo").body);
+    nlohmann::json settings = info["contLoopSettings"];
+    settings["settingsSelection"]["selectedIndex"] = 2;  // retrain, no loop limit
+    settings["continuousRun"]["selectedIndex"] = 8;
+    wire_test::request(service.port, "POST", "/api/1.0/GetPortStatusInfo", R"({"index":2})");
+    EXPECT_EQ(wire_test::request(service.port, "POST", "/api/1.0/StartPortStatusContinuousRun", settings.dump()).status,
+              200);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const auto running = nlohmann::json::parse(wire_test::request(service.port, "GET", "/api/1.0/GetPortSelectionInfo").body);
+    EXPECT_TRUE(running["TestRunning"]) << running["counts"].dump();
+    EXPECT_EQ(wire_test::request(service.port, "GET", "/stop").status, 200);
+    EXPECT_EQ(service.wait_for_exit(), 0);
+    std::filesystem::remove_all("pcie_reports");
+}

@@ -84,7 +84,6 @@ INSTANTIATE_TEST_SUITE_P(
     Words, WebBackEndAnswers,
     ::testing::Values(
         AnswerCase{"GET", "/api/GetLANEWRIGHTVersion", "", R"({"Tool_Version":"5.1.56"})"},
-        AnswerCase{"GET", "/api/1.0/GetAllPCIELCStates", "", "[]"},
         AnswerCase{"GET", "/api/1.0/StopContinuousRun", "", "Continuos Run Stopped"},
         AnswerCase{"POST", "/api/1.0/StartContinuousRun", R"({"loops":1})", "webbackend stopped"},
         AnswerCase{"GET", "/api/1.0/SetInitCounters", "", "success"},

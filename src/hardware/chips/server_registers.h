@@ -61,6 +61,13 @@ constexpr unsigned int kLanesPerPort = 16;
 inline constexpr NamedOffset kCoreRegisters[] = {
     {"NB_BUS_NUM_CNTL", 0x1C04, 4},  // segment of the core in bits 16 and up
 };
+// The link controller's speed and width registers lie in this window of a
+// port's block (the registers at the window's low offsets mirror the
+// standard capabilities' lane controls). Offsets inside the window are the
+// link model's own; the core's reconfiguration enable is at core base +
+// kCoreLinkReconfigureOffset.
+constexpr unsigned int kPortLinkControlWindow = 0x800;
+constexpr unsigned int kCoreLinkReconfigureOffset = 0x100;
 // CXL root complex register block base, in the port's block.
 inline constexpr NamedOffset kCxlRegisters[] = {
     {"CXL_RCRB_BASE_ADDR_LO", 0xE00, 4},
