@@ -173,6 +173,8 @@ export function LinkControlView({ hub, visible }: Props) {
       const port = await set_link(what, index);
       if (port) setPorts((old) => (old ? with_port(old, port) : old));
       setNote(port ? `The link is now at ${port.speed} ${port.width}.` : `The ${what} was set.`);
+      // The other rows may have moved with it (a device below retrained too).
+      await load_ports();
     } catch (e) {
       setNote(null);
       setError(`${what === 'speed' ? 'Speed' : 'Width'} ${label}: ${(e as Error).message}`);

@@ -274,6 +274,11 @@ export function PortStatusView({ hub, visible }: Props) {
     [hub],
   );
 
+  // A question left open behind another screen would still hold the page.
+  useEffect(() => {
+    if (!visible) setConfirm(null);
+  }, [visible]);
+
   useEffect(() => {
     if (logView.current) logView.current.scrollTop = logView.current.scrollHeight;
   }, [log]);
