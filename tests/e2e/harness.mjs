@@ -157,6 +157,6 @@ export async function run_flows(name, timeScale, flows) {
   }
 }
 
-export function shooter(artifacts, prefix) {
-  return (page, name) => page.screenshot({ path: path.join(artifacts, `${prefix}-${name}.png`), fullPage: true });
+export async function shot(page, artifacts, name) {
+  await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
 }

@@ -8,7 +8,7 @@
 // Screenshots land in the artifacts folder as links-flow-*.png, with the
 // service's console output (links-sim.log).
 import assert from 'node:assert/strict';
-import { LONG_WAIT_MS, WAIT_MS, open_page, run_flows, shooter, wait_live, wait_until } from './harness.mjs';
+import { LONG_WAIT_MS, WAIT_MS, open_page, run_flows, shot as save_shot, wait_live, wait_until } from './harness.mjs';
 
 const PORT = '0:40:1.0';
 // The same port as the port status screen names it.
@@ -29,7 +29,7 @@ function timeline(page) {
 const number_of = async (page, testId) => Number(await page.textContent(`[data-testid=${testId}]`));
 
 async function check_retrain_loop(browser, service, artifacts) {
-  const shot = shooter(artifacts, 'links-flow');
+  const shot = (page, name) => save_shot(page, artifacts, `links-flow-${name}`);
   const { context, page, problems } = await open_page(browser);
   await page.goto(`${service.base}/#ports`);
   await wait_live(page);
@@ -89,7 +89,7 @@ async function service_speed(service) {
 }
 
 async function check_speed_change(browser, service, artifacts) {
-  const shot = shooter(artifacts, 'links-flow');
+  const shot = (page, name) => save_shot(page, artifacts, `links-flow-${name}`);
   const { context, page, problems } = await open_page(browser);
   await page.goto(`${service.base}/#links`);
   await wait_live(page);
