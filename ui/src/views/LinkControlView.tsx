@@ -16,6 +16,7 @@ import {
 import { LIMIT_KEYS, link_loop_request, with_port, type LimitKey, type LinkPort, type LinkPortInfo, type LoopCounter } from '../link_control';
 import { append_log, type LinkPushHub } from '../link_push';
 import { EmptyRow } from './common';
+import { CountList, RemoteCheck } from './controls';
 
 interface Props {
   hub: LinkPushHub;
@@ -77,24 +78,15 @@ function PortTable({ ports, selected, onSelect }: { ports: LinkPort[]; selected:
 
 function LoopCounts({ counter }: { counter: LoopCounter }) {
   return (
-    <dl class="counts" data-testid="link-counts">
-      <div>
-        <dt>Loops</dt>
-        <dd data-testid="link-count-loops">{counter.loopCount}</dd>
-      </div>
-      <div>
-        <dt>Failures</dt>
-        <dd class={counter.failureCount ? 'error' : ''}>{counter.failureCount}</dd>
-      </div>
-      <div class="cause">
-        <dt>speed</dt>
-        <dd class={counter.speedFailures ? 'error' : ''}>{counter.speedFailures}</dd>
-      </div>
-      <div class="cause">
-        <dt>width</dt>
-        <dd class={counter.widthFailures ? 'error' : ''}>{counter.widthFailures}</dd>
-      </div>
-    </dl>
+    <CountList
+      testId="link-counts"
+      counts={[
+        { label: 'Loops', value: counter.loopCount, testId: 'link-count-loops' },
+        { label: 'Failures', value: counter.failureCount, tone: 'error' },
+        { label: 'speed', value: counter.speedFailures, tone: 'error', minor: true },
+        { label: 'width', value: counter.widthFailures, tone: 'error', minor: true },
+      ]}
+    />
   );
 }
 
@@ -253,32 +245,18 @@ export function LinkControlView({ hub, visible }: Props) {
               {/* The service chooses the method (the first the port supports) and takes no other. */}
               <span title={info.methods.length > 1 ? `Offered: ${info.methods.join(', ')}` : undefined}>{info.method || '–'}</span>
             </div>
-            <label class="check">
-              <input
-                type="checkbox"
-                checked={info.logLinkStatus}
-                onChange={(e) => {
-                  const checked = (e.target as HTMLInputElement).checked;
-                  set_link_logging('status', checked)
-                    .then(() => setInfo({ ...info, logLinkStatus: checked }))
-                    .catch((err: Error) => setError(err.message));
-                }}
-              />
-              Log link status
-            </label>{' '}
-            <label class="check">
-              <input
-                type="checkbox"
-                checked={info.logErrors}
-                onChange={(e) => {
-                  const checked = (e.target as HTMLInputElement).checked;
-                  set_link_logging('errors', checked)
-                    .then(() => setInfo({ ...info, logErrors: checked }))
-                    .catch((err: Error) => setError(err.message));
-                }}
-              />
-              Log link errors
-            </label>
+            <RemoteCheck
+              label="Log link status"
+              checked={info.logLinkStatus}
+              onSet={(checked) => set_link_logging('status', checked).then(() => setInfo({ ...info, logLinkStatus: checked }))}
+              onError={setError}
+            />{' '}
+            <RemoteCheck
+              label="Log link errors"
+              checked={info.logErrors}
+              onSet={(checked) => set_link_logging('errors', checked).then(() => setInfo({ ...info, logErrors: checked }))}
+              onError={setError}
+            />
           </div>
           <div class="panel loop" data-testid="link-loop">
             <h2>Up/down loop</h2>
@@ -317,20 +295,19 @@ export function LinkControlView({ hub, visible }: Props) {
               </span>
             </div>
             {info.portOptions.map((o, i) => (
-              <label class="check option" key={o.label}>
-                <input
-                  type="checkbox"
+              <div class="option" key={o.label}>
+                <RemoteCheck
+                  label={o.label}
                   checked={o.checked}
                   disabled={running || !o.enabled}
-                  onChange={(e) => {
-                    const value = (e.target as HTMLInputElement).checked;
-                    set_port_option(i, value)
-                      .then((checked) => setInfo({ ...info, portOptions: info.portOptions.map((p, j) => (j === i ? { ...p, checked } : p)) }))
-                      .catch((err: Error) => setError(err.message));
-                  }}
+                  onSet={(value) =>
+                    set_port_option(i, value).then((checked) =>
+                      setInfo({ ...info, portOptions: info.portOptions.map((p, j) => (j === i ? { ...p, checked } : p)) }),
+                    )
+                  }
+                  onError={setError}
                 />
-                {o.label}
-              </label>
+              </div>
             ))}
             <div class="actions">
               <button type="button" class="primary" data-testid="link-loop-start" disabled={running || busy} onClick={() => void start()}>

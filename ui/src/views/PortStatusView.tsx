@@ -28,6 +28,7 @@ import {
   type TimelineEntry,
 } from '../port_status';
 import { Confirm } from './common';
+import { CountList, IndexSelect, RemoteCheck } from './controls';
 
 interface Props {
   hub: LinkPushHub;
@@ -168,30 +169,15 @@ const ACTIONS: { action: PortAction; on: string; off: string; warn: (on: boolean
 function Counts({ counts }: { counts: RunCounts | null }) {
   const c = counts;
   return (
-    <dl class="counts" data-testid="loop-counts">
-      <div>
-        <dt>Loops</dt>
-        <dd data-testid="count-loops">{c?.loopCount ?? 0}</dd>
-      </div>
-      <div>
-        <dt>Success</dt>
-        <dd class="success" data-testid="count-success">
-          {c?.successCount ?? 0}
-        </dd>
-      </div>
-      <div>
-        <dt>Failure</dt>
-        <dd class={c?.failureCount ? 'error' : ''} data-testid="count-failure">
-          {c?.failureCount ?? 0}
-        </dd>
-      </div>
-      {FAILURE_CAUSES.map(({ key, label }) => (
-        <div key={key} class="cause">
-          <dt>{label}</dt>
-          <dd class={c?.[key] ? 'error' : ''}>{c ? Number(c[key]) : 0}</dd>
-        </div>
-      ))}
-    </dl>
+    <CountList
+      testId="loop-counts"
+      counts={[
+        { label: 'Loops', value: c?.loopCount ?? 0, testId: 'count-loops' },
+        { label: 'Success', value: c?.successCount ?? 0, tone: 'success', testId: 'count-success' },
+        { label: 'Failure', value: c?.failureCount ?? 0, tone: 'error', testId: 'count-failure' },
+        ...FAILURE_CAUSES.map(({ key, label }) => ({ label, value: c ? Number(c[key]) : 0, tone: 'error' as const, minor: true })),
+      ]}
+    />
   );
 }
 
@@ -227,7 +213,8 @@ export function PortStatusView({ hub, visible }: Props) {
     shownPort.current = d.selectedIndex;
     setDoc(d);
     setRegisters((old) => next_registers(portChanged ? { groups: [], changed: new Map(), at: '' } : old, d.registers));
-    setHistory((old) => next_history(portChanged ? NO_HISTORY : old, d.ltssm));
+    // Once the pushes run they keep the history; a document read in between may be older than the last push.
+    setHistory((old) => (portChanged || old.states.length === 0 ? next_history(NO_HISTORY, d.ltssm) : old));
     setRunning(d.running);
     if (d.counts) setCounts(d.counts);
     setChoices((old) => (old && !portChanged ? old : initial_choices(d)));
@@ -355,20 +342,14 @@ export function PortStatusView({ hub, visible }: Props) {
           <input type="checkbox" checked={autoRefresh} onChange={(e) => setAutoRefresh((e.target as HTMLInputElement).checked)} />
           Auto refresh
         </label>
-        <label class="check" title="Append each read to the service's port status log file">
-          <input
-            type="checkbox"
-            checked={doc?.logPortStatus.checked ?? false}
-            disabled={!selected}
-            onChange={(e) => {
-              const checked = (e.target as HTMLInputElement).checked;
-              set_log_port_status(checked)
-                .then(() => setDoc((d) => (d ? { ...d, logPortStatus: { ...d.logPortStatus, checked } } : d)))
-                .catch((err: Error) => setError(err.message));
-            }}
-          />
-          Log port status
-        </label>
+        <RemoteCheck
+          label="Log port status"
+          title="Append each read to the service's port status log file"
+          checked={doc?.logPortStatus.checked ?? false}
+          disabled={!selected}
+          onSet={(checked) => set_log_port_status(checked).then(() => setDoc((d) => (d ? { ...d, logPortStatus: { ...d.logPortStatus, checked } } : d)))}
+          onError={setError}
+        />
         <span class="muted">{registers.at && `read ${registers.at}`}</span>
       </div>
       <div class="message-line" data-testid="status-message" role={error ? 'alert' : 'status'}>
@@ -444,33 +425,15 @@ export function PortStatusView({ hub, visible }: Props) {
                   </div>
                   <div class="loop-form">
                     <label for="ps-speed">{doc.speed.label || 'Retrain Speed'}</label>
-                    <select id="ps-speed" disabled={running || !retrain} value={choices.speed} onChange={(e) => set('speed', Number((e.target as HTMLSelectElement).value))}>
-                      {doc.speed.values.map((v, i) => (
-                        <option key={v} value={i}>
-                          {v}
-                        </option>
-                      ))}
-                    </select>
+                    <IndexSelect id="ps-speed" values={doc.speed.values} value={choices.speed} disabled={running || !retrain} onChange={(i) => set('speed', i)} />
                     <label for="ps-interval">Interval</label>
-                    <select id="ps-interval" disabled={running} value={choices.interval} onChange={(e) => set('interval', Number((e.target as HTMLSelectElement).value))}>
-                      {doc.interval.values.map((v, i) => (
-                        <option key={v} value={i}>
-                          {v}
-                        </option>
-                      ))}
-                    </select>
+                    <IndexSelect id="ps-interval" values={doc.interval.values} value={choices.interval} disabled={running} onChange={(i) => set('interval', i)} />
                     {doc.maxWait && choices.maxWait !== null && (
                       <>
                         <label for="ps-maxwait" title="How long the link may stay away before the loop gives up">
                           Max wait
                         </label>
-                        <select id="ps-maxwait" disabled={running} value={choices.maxWait} onChange={(e) => set('maxWait', Number((e.target as HTMLSelectElement).value))}>
-                          {doc.maxWait.values.map((v, i) => (
-                            <option key={v} value={i}>
-                              {v}
-                            </option>
-                          ))}
-                        </select>
+                        <IndexSelect id="ps-maxwait" values={doc.maxWait.values} value={choices.maxWait} disabled={running} onChange={(i) => set('maxWait', i)} />
                       </>
                     )}
                     <label for="ps-count">Loop count</label>
