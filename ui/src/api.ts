@@ -195,7 +195,7 @@ export async function set_log_port_status(checked: boolean): Promise<void> {
   await request('/api/1.0/SetLogPortStatus', post({ checked }));
 }
 
-/** Starts the stress loop; the answer comes only when the run has ended. */
+/** Starts the stress loop on the selected port; its pushes tell how it goes. */
 export async function start_port_loop(settings: JsonObject): Promise<void> {
   await request('/api/1.0/StartPortStatusContinuousRun', post(settings));
 }

@@ -22,10 +22,12 @@ export function parse_link_push(message: JsonObject): LinkPush | { invalid: stri
     case 'PortStatusUpdate':
     case 'PortStatusUpdatePartial': {
       if (!is_record(message.port_status_data)) return { invalid: '"port_status_data" is not an object' };
-      const doc = port_status_doc(message.port_status_data);
-      // The partial push carries the run's state beside the document.
-      if (typeof message.TestRunning === 'boolean') doc.running = message.TestRunning;
-      return { kind: 'port-doc', doc, clearLogs: message.clearlogs === true };
+      const data = message.port_status_data;
+      const doc = port_status_doc(data);
+      // A run's start and end say so in the document or beside it.
+      const running = typeof message.TestRunning === 'boolean' ? message.TestRunning : data.TestRunning;
+      if (typeof running === 'boolean') doc.running = running;
+      return { kind: 'port-doc', doc, clearLogs: (message.clearlogs ?? data.clearlogs) === true };
     }
     case 'contRunPortStatusUpdates': {
       const run = message.contRunPortStatusUpdates;

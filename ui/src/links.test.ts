@@ -131,10 +131,14 @@ describe('link pushes', () => {
     expect(push.kind === 'links' ? push.push : push).toEqual(expected);
   });
 
-  it('takes the run state of a partial update from beside the document', () => {
+  it('takes the run state of a partial update from the document or beside it', () => {
     const doc = { selectedIndex: 1, portSelection: { values: ['a', 'b'], enabled: false }, contLoopSettings: loopSettings, portStatusRegister: registers, TestRunning: false };
-    const push = parse_push(JSON.stringify({ key: 'PortStatusUpdatePartial', port_status_data: doc, TestRunning: true, clearlogs: true }));
-    expect(push.kind === 'links' && push.push.kind === 'port-doc' && [push.push.doc.running, push.push.clearLogs, push.push.doc.selectedIndex, push.push.doc.selectionEnabled]).toEqual([true, true, 1, false]);
+    const read = (message: object) => {
+      const push = parse_push(JSON.stringify({ key: 'PortStatusUpdatePartial', ...message }));
+      return push.kind === 'links' && push.push.kind === 'port-doc' && [push.push.doc.running, push.push.clearLogs, push.push.doc.selectedIndex, push.push.doc.selectionEnabled];
+    };
+    expect(read({ port_status_data: doc, TestRunning: true, clearlogs: true })).toEqual([true, true, 1, false]);
+    expect(read({ port_status_data: { ...doc, TestRunning: true, clearlogs: true } })).toEqual([true, true, 1, false]);
     // A row without its "key" can't be matched to the table.
     expect(link_port({ ...row, key: '2' })).toBeNull();
   });

@@ -299,10 +299,8 @@ export function PortStatusView({ hub, visible }: Props) {
     setNote(null);
     setRunning(true);
     try {
-      // Answered only when the run is over; the pushes show it meanwhile.
+      // The run goes on in the service; its pushes show it and say when it ends.
       await start_port_loop(loop_request(doc.loop, choices));
-      const d = await get_port_status();
-      take_doc(d, false);
     } catch (e) {
       setError(`The stress loop: ${(e as Error).message}`);
       setRunning(false);
