@@ -74,6 +74,31 @@ export class LinkPushHub {
   }
 }
 
+/**
+ * Hands the pushes that `accept` takes over as batches, in order, at most one
+ * batch every `ms`: a loop can push faster than the page can draw, and one
+ * drawing per batch keeps the page up to date instead of ever further behind.
+ */
+export function subscribe_batched(hub: LinkPushHub, accept: (push: LinkPush) => boolean, onBatch: (pushes: LinkPush[]) => void, ms = 100): () => void {
+  let pending: LinkPush[] = [];
+  let timer: ReturnType<typeof setTimeout> | null = null;
+  const flush = () => {
+    timer = null;
+    const batch = pending;
+    pending = [];
+    onBatch(batch);
+  };
+  const unsubscribe = hub.subscribe((push) => {
+    if (!accept(push)) return;
+    pending.push(push);
+    timer ??= setTimeout(flush, ms);
+  });
+  return () => {
+    unsubscribe();
+    if (timer !== null) clearTimeout(timer);
+  };
+}
+
 /** A log kept to its last `max` lines, so a long loop doesn't grow the page without end. */
 export function append_log(log: string, more: string, max = 2000): string {
   if (!more) return log;

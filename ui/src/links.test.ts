@@ -1,7 +1,7 @@
-import { describe, expect, it } from 'vitest';
+import { describe, expect, it, vi } from 'vitest';
 import { bit_mask, changed_rows, loop_request, ltssm_shift, ltssm_timeline, parse_ltssm, port_status_doc, type RegisterGroup } from './port_status';
 import { link_loop_request, link_port } from './link_control';
-import { append_log } from './link_push';
+import { LinkPushHub, append_log, subscribe_batched, type LinkPush } from './link_push';
 import { parse_push } from './push';
 
 const link = (value: number | null, rows: [string, string, number][]): RegisterGroup => ({
@@ -163,5 +163,26 @@ describe('loop requests', () => {
   it('keeps a long log to its last lines', () => {
     expect(append_log('a\nb\n', 'c\nd\n', 3)).toBe('b\nc\nd\n');
     expect(append_log('a\n', '', 1)).toBe('a\n');
+  });
+});
+
+describe('batched pushes', () => {
+  it('hands over every accepted push in order, one batch per period, and nothing after unsubscribing', () => {
+    vi.useFakeTimers();
+    const hub = new LinkPushHub();
+    const batches: LinkPush[][] = [];
+    const stop = subscribe_batched(hub, (p) => p.kind === 'port-run', (b) => batches.push(b), 100);
+    const tick = (logs: string): LinkPush => ({ kind: 'port-run', registers: [], logs, counts: null });
+    hub.emit(tick('1'));
+    hub.emit({ kind: 'ltssm', states: [] });
+    hub.emit(tick('2'));
+    vi.advanceTimersByTime(100);
+    hub.emit(tick('3'));
+    stop();
+    vi.advanceTimersByTime(100);
+    hub.emit(tick('4'));
+    vi.advanceTimersByTime(100);
+    vi.useRealTimers();
+    expect(batches).toEqual([[tick('1'), tick('2')]]);
   });
 });

@@ -14,7 +14,7 @@ import {
   stop_link_loop,
 } from '../api';
 import { LIMIT_KEYS, link_loop_request, with_port, type LimitKey, type LinkPort, type LinkPortInfo, type LoopCounter } from '../link_control';
-import { append_log, type LinkPushHub } from '../link_push';
+import { append_log, subscribe_batched, type LinkPushHub } from '../link_push';
 import { EmptyRow } from './common';
 import { CountList, RemoteCheck } from './controls';
 
@@ -119,14 +119,20 @@ export function LinkControlView({ hub, visible }: Props) {
 
   useEffect(
     () =>
-      hub.subscribe((push) => {
-        if (push.kind !== 'link-run') return;
-        setRunning(push.running);
-        setCounter({ loopCount: push.loopCount, failureCount: push.failureCount, speedFailures: push.speedFailures, widthFailures: push.widthFailures });
-        if (push.port) setPorts((old) => (old ? with_port(old, push.port) : old));
-        if (push.errorReport) setReport(push.errorReport);
-        setLog((old) => append_log(old, push.log));
-      }),
+      subscribe_batched(
+        hub,
+        (push) => push.kind === 'link-run',
+        (pushes) => {
+          for (const push of pushes) {
+            if (push.kind !== 'link-run') continue;
+            setRunning(push.running);
+            setCounter({ loopCount: push.loopCount, failureCount: push.failureCount, speedFailures: push.speedFailures, widthFailures: push.widthFailures });
+            if (push.port) setPorts((old) => (old ? with_port(old, push.port) : old));
+            if (push.errorReport) setReport(push.errorReport);
+            setLog((old) => append_log(old, push.log));
+          }
+        },
+      ),
     [hub],
   );
 

@@ -13,7 +13,7 @@ import {
   stop_port_loop,
   type PortAction,
 } from '../api';
-import { append_log, type LinkPushHub } from '../link_push';
+import { append_log, subscribe_batched, type LinkPushHub } from '../link_push';
 import {
   FAILURE_CAUSES,
   changed_rows,
@@ -246,18 +246,42 @@ export function PortStatusView({ hub, visible }: Props) {
 
   useEffect(
     () =>
-      hub.subscribe((push) => {
-        if (push.kind === 'ltssm') setHistory((old) => next_history(old, push.states));
-        else if (push.kind === 'port-run') {
-          setRegisters((old) => next_registers(old, push.registers));
-          if (push.counts) setCounts(push.counts);
-          setLog((old) => append_log(old, push.logs));
-        } else if (push.kind === 'port-doc') {
-          if (push.clearLogs) setLog('');
-          // A push for another port (another page chose it) starts the comparisons afresh.
-          take_doc(push.doc, shownPort.current !== push.doc.selectedIndex);
-        }
-      }),
+      subscribe_batched(
+        hub,
+        (push) => push.kind === 'ltssm' || push.kind === 'port-run' || push.kind === 'port-doc',
+        (pushes) => {
+          // Loop ticks between two documents are taken together: their log lines, their last registers and counts.
+          let logs = '';
+          let registers: RegisterGroup[] = [];
+          let tick: RunCounts | null = null;
+          const take_ticks = () => {
+            const groups = registers;
+            setRegisters((old) => next_registers(old, groups));
+            if (tick) {
+              setCounts(tick);
+              // The run's last tick says it ended, should the closing document be late.
+              setRunning(tick.running);
+            }
+            const more = logs;
+            setLog((old) => append_log(old, more));
+            [logs, registers, tick] = ['', [], null];
+          };
+          for (const push of pushes) {
+            if (push.kind === 'ltssm') setHistory((old) => next_history(old, push.states));
+            else if (push.kind === 'port-run') {
+              logs += push.logs;
+              if (push.registers.length > 0) registers = push.registers;
+              tick = push.counts ?? tick;
+            } else if (push.kind === 'port-doc') {
+              take_ticks();
+              if (push.clearLogs) setLog('');
+              // A push for another port (another page chose it) starts the comparisons afresh.
+              take_doc(push.doc, shownPort.current !== push.doc.selectedIndex);
+            }
+          }
+          take_ticks();
+        },
+      ),
     [hub],
   );
 
