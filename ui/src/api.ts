@@ -212,10 +212,13 @@ export async function get_link_port(index: number): Promise<LinkPortInfo> {
   return link_port_info(await request_json('/api/1.0/GetLinkPortInfo', post({ index })));
 }
 
-/** Applies a speed (index into the five speeds) or a width (into x1…x16) once; the port's row after it. */
-export async function set_link(what: 'speed' | 'width', index: number): Promise<LinkPort | null> {
+/**
+ * Applies a speed (index into the five speeds, by the given method) or a
+ * width (into x1…x16) once; the port's row after it.
+ */
+export async function set_link(what: 'speed' | 'width', index: number, method?: number): Promise<LinkPort | null> {
   const path = what === 'speed' ? '/api/1.0/SetLinkSpeed' : '/api/1.0/SetLinkWidth';
-  const answer = (await request_json(path, post({ index }))) as JsonObject | null;
+  const answer = (await request_json(path, post(what === 'speed' && method !== undefined ? { index, method } : { index }))) as JsonObject | null;
   if (answer?.OperationStatus === false) {
     throw new Error(typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : `The ${what} was not changed.`);
   }

@@ -112,7 +112,8 @@ export interface LinkPortInfo {
   widths: Options;
   speeds: Options;
   methods: string[];
-  method: string;
+  /** Index into `methods`: how a speed is set; the service keeps it for later changes and the loop. */
+  method: number;
   counter: LoopCounter;
   logErrors: boolean;
   logLinkStatus: boolean;
@@ -145,7 +146,7 @@ export function link_port_info(value: unknown): LinkPortInfo {
     widths: options(opl.linkWidthSelection, 'widthStatus'),
     speeds: options(opl.linkSpeedSelection, 'speedStatus'),
     methods: methodValues,
-    method: methodValues[methodIndex] ?? (typeof methods.Speed === 'string' ? methods.Speed : ''),
+    method: methodIndex >= 0 && methodIndex < methodValues.length ? methodIndex : Math.max(0, methodValues.indexOf(typeof methods.Speed === 'string' ? methods.Speed : '')),
     counter: loop_counter(opl.counter),
     logErrors: is_record(opl.logErrors) && opl.logErrors.checked === true,
     logLinkStatus: is_record(opl.logLinkStatus) && opl.logLinkStatus.checked === true,

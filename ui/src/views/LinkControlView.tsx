@@ -16,7 +16,7 @@ import {
 import { LIMIT_KEYS, link_loop_request, with_port, type LimitKey, type LinkPort, type LinkPortInfo, type LoopCounter } from '../link_control';
 import { append_log, subscribe_batched, type LinkPushHub } from '../link_push';
 import { EmptyRow } from './common';
-import { CountList, RemoteCheck } from './controls';
+import { CountList, IndexSelect, RemoteCheck } from './controls';
 
 interface Props {
   hub: LinkPushHub;
@@ -97,6 +97,7 @@ export function LinkControlView({ hub, visible }: Props) {
   const [note, setNote] = useState<string | null>(null);
   const [speed, setSpeed] = useState(-1);
   const [width, setWidth] = useState(-1);
+  const [method, setMethod] = useState(0);
   const [limits, setLimits] = useState<Record<LimitKey, string> | null>(null);
   const [loopCount, setLoopCount] = useState(0);
   const [running, setRunning] = useState(false);
@@ -140,6 +141,7 @@ export function LinkControlView({ hub, visible }: Props) {
     setInfo(i);
     setSpeed(i.speeds.selectedIndex);
     setWidth(i.widths.selectedIndex);
+    setMethod(i.method);
     setLimits(chosen_limits(i));
     setLoopCount(i.loopCount);
     setRunning(i.running);
@@ -168,7 +170,7 @@ export function LinkControlView({ hub, visible }: Props) {
     setNote(`Setting the ${what} to ${label}…`);
     setBusy(true);
     try {
-      const port = await set_link(what, index);
+      const port = await set_link(what, index, info.methods.length > 0 ? method : undefined);
       if (port) setPorts((old) => (old ? with_port(old, port) : old));
       setNote(port ? `The link is now at ${port.speed} ${port.width}.` : `The ${what} was set.`);
       // The other rows may have moved with it (a device below retrained too).
@@ -247,9 +249,11 @@ export function LinkControlView({ hub, visible }: Props) {
                   Apply width
                 </button>
               </span>
-              <span class="label">Speed method</span>
-              {/* The service chooses the method (the first the port supports) and takes no other. */}
-              <span title={info.methods.length > 1 ? `Offered: ${info.methods.join(', ')}` : undefined}>{info.method || '–'}</span>
+              <label for="lc-method">Speed method</label>
+              {/* Sent with each speed applied; the service keeps it for the loop too. */}
+              <span>
+                <IndexSelect id="lc-method" values={info.methods} value={method} disabled={running || busy || info.methods.length < 2} onChange={setMethod} />
+              </span>
             </div>
             <RemoteCheck
               label="Log link status"
