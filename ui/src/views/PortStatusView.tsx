@@ -78,7 +78,7 @@ function Timeline({ history }: { history: History }) {
         <h2>LTSSM history</h2>
         <span class="muted">oldest left, current state right; new states outlined</span>
         <span class="ltssm-current" data-testid="ltssm-current">
-          {current ? `Current: ${current.name}${current.code !== null ? ` (0x${current.code.toString(16)})` : ''}` : 'No history'}
+          {current ? `Current: ${current.name}${current.code !== null ? ` (0x${current.code.toString(16)})` : ''}` : 'This port reports no LTSSM history'}
         </span>
         <span class="muted" data-testid="ltssm-seen" data-seen={history.seen}>
           {history.seen} new since the port was chosen
