@@ -106,6 +106,7 @@ export function LinkControlView({ hub, visible }: Props) {
   const [log, setLog] = useState('');
   const [busy, setBusy] = useState(false);
   const loaded = useRef(false);
+  const logView = useRef<HTMLPreElement>(null);
 
   const load_ports = () =>
     get_link_ports()
@@ -136,6 +137,11 @@ export function LinkControlView({ hub, visible }: Props) {
       ),
     [hub],
   );
+
+  // The newest lines stay in view.
+  useEffect(() => {
+    if (logView.current) logView.current.scrollTop = logView.current.scrollHeight;
+  }, [log]);
 
   const take_info = (i: LinkPortInfo) => {
     setInfo(i);
@@ -355,7 +361,11 @@ export function LinkControlView({ hub, visible }: Props) {
                 <li key={i}>{line}</li>
               ))}
             </ul>
-            {log && <pre class="log">{log}</pre>}
+            {log && (
+              <pre class="log" ref={logView}>
+                {log}
+              </pre>
+            )}
           </div>
         </div>
       )}
