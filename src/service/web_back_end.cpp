@@ -8,7 +8,7 @@
 #include "gui/test_record_checks.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
-#include "service/pci_viewer_samples.h"
+#include "panels/pci_viewer.h"
 #include "service/result_archive.h"
 #include "service/result_samples.h"
 #include "service/service_loop.h"
@@ -582,29 +582,36 @@ std::string WebBackEnd::ClearLinkErrorReport() { return _link_control->ClearErro
 
 // --- PCI viewer ---------------------------------------------------------------
 
-std::string WebBackEnd::GetPCIDeviceList() { return pci_device_list_sample().dump(); }
+PCIViewer WebBackEnd::viewer() {
+    return PCIViewer(_store.get_pcie_device_list(), _store.get_read_accessor(), _store.get_write_accessor());
+}
+
+std::string WebBackEnd::GetPCIDeviceList() { return viewer().device_list().dump(); }
 
 std::string WebBackEnd::GetPCICapStructList(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCICapStructList: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_cap_struct_list_sample().dump();
+    return viewer().cap_struct_list(sbdf).dump();
 }
 
 std::string WebBackEnd::GetPCIExtCapStructList(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCIExtCapStructList: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_ext_cap_struct_list_sample().dump();
+    return viewer().ext_cap_struct_list(sbdf).dump();
 }
 
 std::string WebBackEnd::GetPCIRawView(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCIRawView: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_raw_view_sample(sbdf).dump();
+    return viewer().raw_view(sbdf).dump();
 }
 
+// Raw dwords are shown, never written: a raw write can't tell which bits of a
+// dword are status bits that a one would clear. Fields are written through
+// PCITableWrite, which knows.
 std::string WebBackEnd::PCIRawViewWrite(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
@@ -620,7 +627,7 @@ std::string WebBackEnd::GetPCITableInfo(std::string body) {
     const std::string sbdf = string_of(request, "SBDF");
     const std::string table = string_of(request, "tableName");
     print_viewer_request("GetPCITableInfo: statusStr: ", body, "SBDF: " + sbdf + " tableName: " + table);
-    return pci_table_info_sample(sbdf, table).dump();
+    return viewer().table_info(sbdf, table).dump();
 }
 
 std::string WebBackEnd::PCITableWrite(std::string body) {
@@ -630,5 +637,5 @@ std::string WebBackEnd::PCITableWrite(std::string body) {
     const std::string offset = string_of(request, "absoluteOffset");
     print_viewer_request("PCITableWrite: statusStr: ", body,
                          "SBDF: " + sbdf + " tableName: " + table + " absoluteOffset: " + offset);
-    return "success";
+    return viewer().table_write(request);
 }
