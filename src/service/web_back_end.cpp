@@ -54,7 +54,8 @@ json parse_request_body(const std::string& body) {
 }
 
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
-    : _aspm(std::make_shared<PCIEASPMGUIInterface>()),
+    : _aspm(std::make_shared<PCIEASPMGUIInterface>(store.get_pcie_device_list(), store.get_read_accessor(),
+                                                   store.get_write_accessor())),
       _link_control(std::make_shared<PCIELinkControlGUIInterface>()),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),

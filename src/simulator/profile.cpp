@@ -192,12 +192,13 @@ MarginingProfile read_margining(const Field& field, unsigned max_width) {
 }
 
 CapabilityProfile read_capabilities(const Field& field) {
-    field.expect_object({"power_management", "aer", "secondary_pcie", "lane_margining"});
+    field.expect_object({"power_management", "aer", "secondary_pcie", "lane_margining", "l1_pm_substates"});
     CapabilityProfile caps;
     if (field.has("power_management")) caps.power_management = field.child("power_management").as_bool();
     if (field.has("aer")) caps.aer = field.child("aer").as_bool();
     if (field.has("secondary_pcie")) caps.secondary_pcie = field.child("secondary_pcie").as_bool();
     if (field.has("lane_margining")) caps.lane_margining = field.child("lane_margining").as_bool();
+    if (field.has("l1_pm_substates")) caps.l1_pm_substates = field.child("l1_pm_substates").as_bool();
     return caps;
 }
 

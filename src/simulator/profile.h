@@ -79,6 +79,7 @@ struct CapabilityProfile {
     bool aer = true;
     std::optional<bool> secondary_pcie;
     std::optional<bool> lane_margining;
+    bool l1_pm_substates = true;  // port-wide: function 0 and ports only
 };
 
 struct FunctionProfile {

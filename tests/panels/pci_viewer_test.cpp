@@ -203,7 +203,8 @@ TEST_F(ModelViewer, TablesDecodeTheRawDumpAndTheTreeHangsTogether) {
     }
     for (const char* expected : {"PCIE_HEADER_TYPE0", "PCIE_HEADER_TYPE1", "PMI_CAP", "PCIE_CAP", "PCIE_ADV_ERR_RPT_ENH_CAP",
                                  "PCIE_SECONDARY_PCIE_ENH_CAP", "PCIE_PHY_16GT_ENH_CAP", "PCIE_PHY_32GT_ENH_CAP",
-                                 "PCIE_MARGINING_ENH_CAP", "PCIE_ACS_ENH_CAP", "PCIE_DEV_SERIAL_NUM_ENH_CAP"})
+                                 "PCIE_MARGINING_ENH_CAP", "PCIE_ACS_ENH_CAP", "PCIE_DEV_SERIAL_NUM_ENH_CAP",
+                                 "PCIE_L1_PM_SUBSTATES_ENH_CAP"})
         EXPECT_TRUE(seen_tables.count(expected)) << expected << " was never decoded";
 }
 
