@@ -6,6 +6,8 @@
 #include "gui/pcie_margin_estimate.h"
 #include "gui/test_archive.h"
 #include "gui/test_record_checks.h"
+#include "discovery/port_mapping.h"
+#include "hardware/crn_factory.h"
 #include "hardware/file_logger.h"
 #include "hardware/resource_lock.h"
 #include "panels/pci_viewer.h"
@@ -60,7 +62,20 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
       _store(store),
-      _storage(storage) {}
+      _storage(storage) {
+    auto counters = std::make_unique<CPC_PCIEList>();
+    const auto dies = store.get_die_list();
+    if (!dies.empty() && store.get_read_accessor()) {
+        const PortMapData ports = get_all_port_data(dies, store.get_pcie_device_list(), store.get_read_accessor());
+        std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
+        for (const VEX_DIE_INFO& die : dies) {
+            const auto it = ports.find(die);
+            by_die.emplace_back(die, it == ports.end() ? std::vector<PortMap>{} : it->second);
+        }
+        counters->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
+    }
+    _perf_counter->Initialize(std::move(counters), store.get_directory_for_lanewright() + "/count.txt", push);
+}
 
 WebBackEnd::~WebBackEnd() {
     // A run still going would keep its thread joinable; ask each to end first.

@@ -10,6 +10,7 @@
 #include "simulator/port_mapping_model.h"
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
+#include "simulator/traffic_model.h"
 
 namespace sim {
 
@@ -532,6 +533,7 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
     for (const PlacedPort& placed : ports) root_ports.push_back(placed.profile);
     place_lane_map_registers(r, die.type, root_ports, locator);
     place_equalisation_registers(r, die.type, die.socket, root_ports, locator, _noise);
+    place_perf_counters(r, die.type, root_ports);
 }
 
 PlatformModel::Function* PlatformModel::_route(unsigned segment, unsigned bus, unsigned device, unsigned function,

@@ -278,11 +278,12 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
         device->kind = DeviceProfile::Kind::endpoint;
         const bool several = field.has("functions");
         if (several)
-            field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "functions"});
+            field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "functions",
+                                 "traffic"});
         else
             field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "vendor_id",
                                  "device_id", "class_code", "revision", "subsystem_vendor_id", "subsystem_id",
-                                 "capabilities"});
+                                 "capabilities", "traffic"});
         if (several) {
             const auto items = field.child("functions").array();
             if (items.empty() || items.size() > 8)
@@ -298,7 +299,7 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
     } else if (type == "switch") {
         device->kind = DeviceProfile::Kind::pcie_switch;
         field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "vendor_id",
-                             "device_id", "revision", "capabilities", "downstream_ports"});
+                             "device_id", "revision", "capabilities", "downstream_ports", "traffic"});
         FunctionProfile upstream;
         upstream.vendor_id = field.at("vendor_id").as_uint(0xFFFE);
         upstream.device_id = field.at("device_id").as_uint(0xFFFF);
@@ -315,6 +316,16 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
     if (field.has("speed")) device->speed = speed_code(field.child("speed"));
     if (field.has("width")) device->width = link_width(field.child("width"));
     if (field.has("margining")) device->margining = read_margining(field.child("margining"), device->max_width);
+    if (field.has("traffic")) {
+        // Per second; the limits keep a 48-bit count from wrapping within a minute.
+        const Field traffic = field.child("traffic");
+        traffic.expect_object({"tx_tlps", "rx_tlps", "tx_bytes", "rx_bytes", "replays", "naks"});
+        std::array<double, 6> rates{};
+        const char* keys[] = {"tx_tlps", "rx_tlps", "tx_bytes", "rx_bytes", "replays", "naks"};
+        for (size_t i = 0; i < 6; ++i)
+            if (traffic.has(keys[i])) rates[i] = traffic.child(keys[i]).as_number(0, 1e12);
+        device->traffic = rates;
+    }
     if (device->kind == DeviceProfile::Kind::pcie_switch) {
         const auto ports = field.at("downstream_ports").array();
         if (ports.empty() || ports.size() > 32) fail(field.child("downstream_ports").path(), "a switch has 1 to 32 downstream ports");
