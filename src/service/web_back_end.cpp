@@ -56,16 +56,20 @@ json parse_request_body(const std::string& body) {
 }
 
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
-    : _aspm(std::make_shared<PCIEASPMGUIInterface>(store.get_pcie_device_list(), store.get_read_accessor(),
-                                                   store.get_write_accessor())),
+    // Panels over the machine need the device list; a back end made before it
+    // is stored (tests of the routes alone) has panels without devices.
+    : _aspm(store.get_read_accessor() ? std::make_shared<PCIEASPMGUIInterface>(store.get_pcie_device_list(),
+                                                                               store.get_read_accessor(),
+                                                                               store.get_write_accessor())
+                                      : std::make_shared<PCIEASPMGUIInterface>()),
       _link_control(std::make_shared<PCIELinkControlGUIInterface>()),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>()),
       _store(store),
       _storage(storage) {
     auto counters = std::make_unique<CPC_PCIEList>();
-    const auto dies = store.get_die_list();
-    if (!dies.empty() && store.get_read_accessor()) {
+    const auto dies = store.get_read_accessor() ? store.get_die_list() : std::vector<VEX_DIE_INFO>{};
+    if (!dies.empty()) {
         const PortMapData ports = get_all_port_data(dies, store.get_pcie_device_list(), store.get_read_accessor());
         std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
         for (const VEX_DIE_INFO& die : dies) {
@@ -599,6 +603,7 @@ std::string WebBackEnd::ClearLinkErrorReport() { return _link_control->ClearErro
 // --- PCI viewer ---------------------------------------------------------------
 
 PCIViewer WebBackEnd::viewer() {
+    if (!_store.get_read_accessor()) return PCIViewer({}, nullptr, nullptr);
     return PCIViewer(_store.get_pcie_device_list(), _store.get_read_accessor(), _store.get_write_accessor());
 }
 

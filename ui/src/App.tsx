@@ -11,9 +11,12 @@ import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
+import { PciViewerView } from './views/PciViewerView';
+import { AspmView } from './views/AspmView';
+import { CountersView } from './views/CountersView';
 import { result_id_of_hash } from './route';
 
-const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
+const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results', 'pci', 'aspm', 'counters'];
 
 function screen_from_hash(): Screen {
   // "#/results/<ResultId>" opens the results screen on one result.
@@ -131,6 +134,15 @@ export function App() {
         </section>
         <section hidden={screen !== 'results'}>
           <ResultsView generation={resultsGeneration} visible={screen === 'results'} linked={linkedResult} />
+        </section>
+        <section hidden={screen !== 'pci'}>
+          <PciViewerView visible={screen === 'pci'} />
+        </section>
+        <section hidden={screen !== 'aspm'}>
+          <AspmView visible={screen === 'aspm'} />
+        </section>
+        <section hidden={screen !== 'counters'}>
+          <CountersView visible={screen === 'counters'} />
         </section>
       </main>
     </div>

@@ -1,12 +1,15 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'queue' | 'results';
+export type Screen = 'devices' | 'new' | 'queue' | 'results' | 'pci' | 'aspm' | 'counters';
 
 const TABS: { screen: Screen; label: string }[] = [
   { screen: 'devices', label: 'Devices' },
   { screen: 'new', label: 'New test' },
   { screen: 'queue', label: 'Queue' },
   { screen: 'results', label: 'Results' },
+  { screen: 'pci', label: 'PCI viewer' },
+  { screen: 'aspm', label: 'ASPM' },
+  { screen: 'counters', label: 'Counters' },
 ];
 
 function connection_text(state: SocketState): string {
