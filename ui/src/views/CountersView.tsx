@@ -111,12 +111,19 @@ export function CountersView({ visible }: { visible: boolean }) {
               <tr key={row.key} data-counter={row.key}>
                 <td>
                   <input type="checkbox" aria-label={`enable ${row.name} ${row.port}`} checked={row.enabled}
-                    onChange={(e) => act(choose(row).then(() => api.set_counter_enabled((e.target as HTMLInputElement).checked)))} />
+                    onChange={(e) => {
+                      // Read before any await: a re-render puts the box back until the service agrees.
+                      const on = (e.target as HTMLInputElement).checked;
+                      act(choose(row).then(() => api.set_counter_enabled(on)));
+                    }} />
                 </td>
                 <td title={row.space}>{row.name}</td>
                 <td>
                   {s && s.portSelection.length > 1 ? (
-                    <select value={s.selectedPort} onChange={(e) => act(choose(row).then(() => api.set_counter_port(Number((e.target as HTMLSelectElement).value))))}>
+                    <select value={s.selectedPort} onChange={(e) => {
+                      const port = Number((e.target as HTMLSelectElement).value);
+                      act(choose(row).then(() => api.set_counter_port(port)).then(() => choose(row)));
+                    }}>
                       {s.portSelection.map((p, i) => <option key={p} value={i}>{p}</option>)}
                     </select>
                   ) : row.port}
@@ -124,7 +131,10 @@ export function CountersView({ visible }: { visible: boolean }) {
                 <td>
                   {s ? (
                     <select aria-label={`event ${row.name}`} value={s.selectedCounter}
-                      onChange={(e) => act(choose(row).then(() => api.set_counter_event(Number((e.target as HTMLSelectElement).value))).then(() => choose(row)))}>
+                      onChange={(e) => {
+                        const event = Number((e.target as HTMLSelectElement).value);
+                        act(choose(row).then(() => api.set_counter_event(event)).then(() => choose(row)));
+                      }}>
                       {s.counterSelection.map((c, i) => <option key={c} value={i}>{c}</option>)}
                     </select>
                   ) : (
