@@ -10,22 +10,36 @@ interface TreeRow {
   depth: number;
 }
 
-/** Functions in tree order: each after its parent, children by address. */
+/**
+ * Functions in tree order: each after its parent, children by address. A
+ * parent that isn't listed (or the function itself) makes a root, and
+ * functions caught in a loop of parents are shown as roots too, so every
+ * function is shown exactly once.
+ */
 export function tree_rows(functions: PciFunction[]): TreeRow[] {
   const known = new Set(functions.map((f) => f.SBDF));
   const children = new Map<string, PciFunction[]>();
   for (const f of functions) {
-    const parent = known.has(f.ParentSBDF) ? f.ParentSBDF : '';
+    const parent = known.has(f.ParentSBDF) && f.ParentSBDF !== f.SBDF ? f.ParentSBDF : '';
     children.set(parent, [...(children.get(parent) ?? []), f]);
   }
   const rows: TreeRow[] = [];
+  const shown = new Set<string>();
   const walk = (parent: string, depth: number) => {
     for (const f of children.get(parent) ?? []) {
+      if (shown.has(f.SBDF)) continue;
+      shown.add(f.SBDF);
       rows.push({ fn: f, depth });
-      if (f.SBDF !== parent) walk(f.SBDF, depth + 1);
+      walk(f.SBDF, depth + 1);
     }
   };
   walk('', 0);
+  for (const f of functions)
+    if (!shown.has(f.SBDF)) {
+      shown.add(f.SBDF);
+      rows.push({ fn: f, depth: 0 });
+      walk(f.SBDF, 1);
+    }
   return rows;
 }
 
