@@ -11,12 +11,15 @@ import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
+import { PciViewerView } from './views/PciViewerView';
+import { AspmView } from './views/AspmView';
+import { CountersView } from './views/CountersView';
 import { result_id_of_hash } from './route';
 import { LinkPushHub } from './link_push';
 import { PortStatusView } from './views/PortStatusView';
 import { LinkControlView } from './views/LinkControlView';
 
-const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results', 'ports', 'links'];
+const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results', 'ports', 'links', 'pci', 'aspm', 'counters'];
 
 function screen_from_hash(): Screen {
   // "#/results/<ResultId>" opens the results screen on one result.
@@ -144,6 +147,15 @@ export function App() {
         </section>
         <section hidden={screen !== 'links'}>
           <LinkControlView hub={linkHub} visible={screen === 'links'} />
+        </section>
+        <section hidden={screen !== 'pci'}>
+          <PciViewerView visible={screen === 'pci'} />
+        </section>
+        <section hidden={screen !== 'aspm'}>
+          <AspmView visible={screen === 'aspm'} />
+        </section>
+        <section hidden={screen !== 'counters'}>
+          <CountersView visible={screen === 'counters'} />
         </section>
       </main>
     </div>

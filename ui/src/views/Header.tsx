@@ -1,6 +1,6 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'queue' | 'results' | LinkScreen;
+export type Screen = 'devices' | 'new' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
 // Port status and link control.
 export type LinkScreen = 'ports' | 'links';
 
@@ -11,6 +11,9 @@ const TABS: { screen: Screen; label: string }[] = [
   { screen: 'results', label: 'Results' },
   { screen: 'ports', label: 'Port status' },
   { screen: 'links', label: 'Link control' },
+  { screen: 'pci', label: 'PCI viewer' },
+  { screen: 'aspm', label: 'ASPM' },
+  { screen: 'counters', label: 'Counters' },
 ];
 
 function connection_text(state: SocketState): string {
