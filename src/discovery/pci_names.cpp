@@ -53,6 +53,8 @@ PCIIdDatabase::PCIIdDatabase(const std::string& path) {
     unsigned int base_class = 0;
     unsigned int sub_class = 0;
     bool have_sub_class = false;
+    unsigned int vendor = 0;
+    bool have_vendor = false;
     std::string line;
     while (std::getline(in, line)) {
         if (line.empty() || line[0] == '#') continue;
@@ -64,7 +66,13 @@ PCIIdDatabase::PCIIdDatabase(const std::string& path) {
             if (!parse_entry(line, 2, 2, base_class, name)) section = Section::Vendors;
         } else if (line[0] != '\t') {
             section = Section::Vendors;
-            if (parse_entry(line, 0, 4, id, name)) _vendors.emplace(id, name);
+            have_vendor = parse_entry(line, 0, 4, id, name);
+            if (have_vendor) {
+                vendor = id;
+                _vendors.emplace(id, name);
+            }
+        } else if (section == Section::Vendors && have_vendor && line.size() > 1 && line[1] != '\t') {
+            if (parse_entry(line, 1, 4, id, name)) _devices.emplace(vendor << 16 | id, name);
         } else if (section == Section::Classes) {
             if (line.size() > 1 && line[1] == '\t') {
                 if (have_sub_class && parse_entry(line, 2, 2, id, name))
@@ -74,8 +82,13 @@ PCIIdDatabase::PCIIdDatabase(const std::string& path) {
                 _sub_classes.emplace((base_class << 8) | sub_class, name);
             }
         }
-        // Device and subsystem lines of the vendor section aren't needed.
+        // Subsystem lines of the vendor section aren't needed.
     }
+}
+
+std::string PCIIdDatabase::device_name(unsigned int vendor_id, unsigned int device_id) const {
+    const auto it = _devices.find(vendor_id << 16 | device_id);
+    return it == _devices.end() ? std::string() : it->second;
 }
 
 std::pair<std::string, std::string> PCIIdDatabase::vendor_names(unsigned int vendor_id) const {

@@ -29,6 +29,9 @@ public:
     std::optional<std::string> class_text(unsigned int base_class, unsigned int sub_class,
                                           unsigned int programming_interface) const;
 
+    // The device's name under its vendor; empty when the file has none.
+    std::string device_name(unsigned int vendor_id, unsigned int device_id) const;
+
     // The process-wide database, read on first use.
     static std::shared_ptr<const PCIIdDatabase> shared();
     // The file the process-wide database is read from (default
@@ -37,6 +40,7 @@ public:
 
 private:
     std::unordered_map<unsigned int, std::string> _vendors;
+    std::unordered_map<unsigned int, std::string> _devices;  // vendor << 16 | device
     std::map<unsigned int, std::string> _sub_classes;  // base << 8 | sub
     std::map<unsigned int, std::string> _interfaces;   // base << 16 | sub << 8 | interface
 };

@@ -1,11 +1,96 @@
 #include "panels/pcie_aspm_gui_interface.h"
 
-nlohmann::json PCIEASPMGUIInterface::GetPCIEASPMInfo() {
-    return nlohmann::json{{"ports", _rows}};
+using nlohmann::json;
+
+PCIEASPMGUIInterface::PCIEASPMGUIInterface(const std::vector<PCIDeviceDetails>& devices, std::shared_ptr<ReadPCI> read,
+                                           std::shared_ptr<WritePCI> write)
+    : _list(std::make_unique<CASPMDeviceList>(devices, std::move(read), std::move(write))) {}
+
+CASPMGeneric* PCIEASPMGUIInterface::_entry(int index) const {
+    CASPMGeneric* entry = nullptr;
+    if (!_list || index < 0 || !_list->GetListEntry(static_cast<unsigned int>(index), &entry)) return nullptr;
+    return entry;
 }
-bool PCIEASPMGUIInterface::OnL0sEnabledToggled(int index, bool) { return _is_row(index); }
-bool PCIEASPMGUIInterface::OnL1EnabledToggled(int index, bool) { return _is_row(index); }
-bool PCIEASPMGUIInterface::OnL11EnabledToggled(int index, bool) { return _is_row(index); }
-bool PCIEASPMGUIInterface::OnL12EnabledToggled(int index, bool) { return _is_row(index); }
-bool PCIEASPMGUIInterface::OnL0TimerIndexChanged(int index, int, const std::string&) { return _is_row(index); }
-bool PCIEASPMGUIInterface::OnL1TimerIndexChanged(int index, int, const std::string&) { return _is_row(index); }
+
+std::string PCIEASPMGUIInterface::GetTimerValueStr(unsigned int value) {
+    if (value == 0xFFFFFFFFu) return "Disabled";
+    if (value < 1000) return std::to_string(value) + " ns";
+    if (value >= 1000000) return std::to_string(value / 1000000) + " ms";
+    return std::to_string(value / 1000) + " us";
+}
+
+std::vector<std::string> PCIEASPMGUIInterface::GetASPML0sInactivityList(CASPMBase* entry) {
+    std::vector<std::string> texts;
+    unsigned int value = 0;
+    for (unsigned int i = 0; i < entry->GetL0sNumberOfEntries(); ++i)
+        if (entry->GetASPML0sInactivityEntry(i, &value)) texts.push_back(GetTimerValueStr(value));
+    return texts;
+}
+
+std::vector<std::string> PCIEASPMGUIInterface::GetASPML1InactivityList(CASPMBase* entry) {
+    std::vector<std::string> texts;
+    unsigned int value = 0;
+    for (unsigned int i = 0; i < entry->GetL1NumberOfEntries(); ++i)
+        if (entry->GetASPML1InactivityEntry(i, &value)) texts.push_back(GetTimerValueStr(value));
+    return texts;
+}
+
+namespace {
+json end_json(const ASPMEndState& s) {
+    return json{{"SBDF", s.sbdf},
+                {"L0sCapable", s.l0s_capable}, {"L1Capable", s.l1_capable},
+                {"L11Capable", s.l11_capable}, {"L12Capable", s.l12_capable},
+                {"L0sEnabled", s.l0s_enabled}, {"L1Enabled", s.l1_enabled},
+                {"L11Enabled", s.l11_enabled}, {"L12Enabled", s.l12_enabled},
+                {"L0sExitLatency", PCIEASPMGUIInterface::GetTimerValueStr(s.l0s_exit_latency_ns)},
+                {"L1ExitLatency", PCIEASPMGUIInterface::GetTimerValueStr(s.l1_exit_latency_ns)}};
+}
+}  // namespace
+
+json PCIEASPMGUIInterface::GetPCIEASPMInfo() {
+    json entries = json::array();
+    for (unsigned int i = 0; _list && i < _list->GetListSize(); ++i) {
+        CASPMGeneric* e = nullptr;
+        _list->GetListEntry(i, &e);
+        const ASPMEndState port = e->port_state(), device = e->device_state();
+        entries.push_back({{"id", i},
+                           {"L0TimerValues", GetASPML0sInactivityList(e)},
+                           {"L1TimerValues", GetASPML1InactivityList(e)},
+                           {"L0sCapable", port.l0s_capable && device.l0s_capable},
+                           {"L1Capable", port.l1_capable && device.l1_capable},
+                           {"L11Capable", port.l11_capable && device.l11_capable},
+                           {"L12Capable", port.l12_capable && device.l12_capable},
+                           {"L0sEnabled", port.l0s_enabled && device.l0s_enabled},
+                           {"L1Enabled", port.l1_enabled && device.l1_enabled},
+                           {"L11Enabled", port.l11_enabled && device.l11_enabled},
+                           {"L12Enabled", port.l12_enabled && device.l12_enabled},
+                           {"Port", end_json(port)},
+                           {"Device", end_json(device)}});
+    }
+    return entries;
+}
+
+bool PCIEASPMGUIInterface::OnL0sEnabledToggled(int index, bool value) {
+    CASPMGeneric* e = _entry(index);
+    return e && e->EnableASPML0s(value);
+}
+bool PCIEASPMGUIInterface::OnL1EnabledToggled(int index, bool value) {
+    CASPMGeneric* e = _entry(index);
+    return e && e->EnableASPML1(value);
+}
+bool PCIEASPMGUIInterface::OnL11EnabledToggled(int index, bool value) {
+    CASPMGeneric* e = _entry(index);
+    return e && e->EnableASPML1_1(value);
+}
+bool PCIEASPMGUIInterface::OnL12EnabledToggled(int index, bool value) {
+    CASPMGeneric* e = _entry(index);
+    return e && e->EnableASPML1_2(value);
+}
+bool PCIEASPMGUIInterface::OnL0TimerIndexChanged(int index, int timer_index, const std::string&) {
+    CASPMGeneric* e = _entry(index);
+    return e && timer_index >= 0 && static_cast<unsigned int>(timer_index) < e->GetL0sNumberOfEntries();
+}
+bool PCIEASPMGUIInterface::OnL1TimerIndexChanged(int index, int timer_index, const std::string&) {
+    CASPMGeneric* e = _entry(index);
+    return e && timer_index >= 0 && static_cast<unsigned int>(timer_index) < e->GetL1NumberOfEntries();
+}

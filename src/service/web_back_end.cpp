@@ -13,13 +13,15 @@
 #include "gui/test_archive.h"
 #include "discovery/ltssm_state.h"
 #include "gui/test_record_checks.h"
+#include "discovery/port_mapping.h"
+#include "hardware/crn_factory.h"
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
 #include "hardware/resource_lock.h"
 #include "result_data/eye_grade.h"
 #include "service/archive_index.h"
 #include "service/archive_workers.h"
-#include "service/pci_viewer_samples.h"
+#include "panels/pci_viewer.h"
 #include "service/result_archive.h"
 #include "service/result_samples.h"
 #include "service/service_loop.h"
@@ -91,7 +93,12 @@ PanelMachineSource panel_machine(GUIResourceStore& store) {
 }  // namespace
 
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
-    : _aspm(std::make_shared<PCIEASPMGUIInterface>()),
+    // Panels over the machine need the device list; a back end made before it
+    // is stored (tests of the routes alone) has panels without devices.
+    : _aspm(store.get_read_accessor() ? std::make_shared<PCIEASPMGUIInterface>(store.get_pcie_device_list(),
+                                                                               store.get_read_accessor(),
+                                                                               store.get_write_accessor())
+                                      : std::make_shared<PCIEASPMGUIInterface>()),
       _link_control(std::make_shared<PCIELinkControlGUIInterface>(panel_machine(store))),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>(panel_machine(store))),
@@ -101,6 +108,18 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
       _archive_workers(std::make_unique<ArchiveWorkers>(kArchiveThreads, kArchiveQueue, kArchiveMaxWait)) {
     _link_control->set_push(push);
     _port_status->set_push(push);
+    auto counters = std::make_unique<CPC_PCIEList>();
+    const auto dies = store.get_read_accessor() ? store.get_die_list() : std::vector<VEX_DIE_INFO>{};
+    if (!dies.empty()) {
+        const PortMapData ports = get_all_port_data(dies, store.get_pcie_device_list(), store.get_read_accessor());
+        std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
+        for (const VEX_DIE_INFO& die : dies) {
+            const auto it = ports.find(die);
+            by_die.emplace_back(die, it == ports.end() ? std::vector<PortMap>{} : it->second);
+        }
+        counters->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
+    }
+    _perf_counter->Initialize(std::move(counters), store.get_directory_for_lanewright() + "/count.txt", push);
 }
 
 WebBackEnd::~WebBackEnd() {
@@ -778,29 +797,37 @@ std::string WebBackEnd::ClearLinkErrorReport() { return _link_control->ClearErro
 
 // --- PCI viewer ---------------------------------------------------------------
 
-std::string WebBackEnd::GetPCIDeviceList() { return pci_device_list_sample().dump(); }
+PCIViewer WebBackEnd::viewer() {
+    if (!_store.get_read_accessor()) return PCIViewer({}, nullptr, nullptr);
+    return PCIViewer(_store.get_pcie_device_list(), _store.get_read_accessor(), _store.get_write_accessor());
+}
+
+std::string WebBackEnd::GetPCIDeviceList() { return viewer().device_list().dump(); }
 
 std::string WebBackEnd::GetPCICapStructList(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCICapStructList: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_cap_struct_list_sample().dump();
+    return viewer().cap_struct_list(sbdf).dump();
 }
 
 std::string WebBackEnd::GetPCIExtCapStructList(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCIExtCapStructList: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_ext_cap_struct_list_sample().dump();
+    return viewer().ext_cap_struct_list(sbdf).dump();
 }
 
 std::string WebBackEnd::GetPCIRawView(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
     print_viewer_request("GetPCIRawView: statusStr: ", body, "SBDF: " + sbdf);
-    return pci_raw_view_sample(sbdf).dump();
+    return viewer().raw_view(sbdf).dump();
 }
 
+// Raw dwords are shown, never written: a raw write can't tell which bits of a
+// dword are status bits that a one would clear. Fields are written through
+// PCITableWrite, which knows.
 std::string WebBackEnd::PCIRawViewWrite(std::string body) {
     const json request = parse_request_body(body);
     const std::string sbdf = string_of(request, "SBDF");
@@ -816,7 +843,7 @@ std::string WebBackEnd::GetPCITableInfo(std::string body) {
     const std::string sbdf = string_of(request, "SBDF");
     const std::string table = string_of(request, "tableName");
     print_viewer_request("GetPCITableInfo: statusStr: ", body, "SBDF: " + sbdf + " tableName: " + table);
-    return pci_table_info_sample(sbdf, table).dump();
+    return viewer().table_info(sbdf, table).dump();
 }
 
 std::string WebBackEnd::PCITableWrite(std::string body) {
@@ -826,5 +853,5 @@ std::string WebBackEnd::PCITableWrite(std::string body) {
     const std::string offset = string_of(request, "absoluteOffset");
     print_viewer_request("PCITableWrite: statusStr: ", body,
                          "SBDF: " + sbdf + " tableName: " + table + " absoluteOffset: " + offset);
-    return "success";
+    return viewer().table_write(request);
 }

@@ -16,6 +16,7 @@
 #include "panels/pcie_link_control_gui_interface.h"
 #include "panels/pcie_perf_counter_gui_interface.h"
 #include "panels/pcie_port_status_gui_interface.h"
+#include "panels/pci_viewer.h"
 
 namespace PortHall {
 class WireApp;
@@ -121,6 +122,8 @@ public:
     nlohmann::json GetFullPortStatusInfo();
 
 private:
+    // The viewer over the functions found at start, through the machine's accessors.
+    PCIViewer viewer();
     void start_port_run(nlohmann::json settings);
     nlohmann::json port_status_partial(const nlohmann::json& settings, bool running);
     // Joins a finished thread of one of the four runs before a new one starts.

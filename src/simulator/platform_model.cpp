@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "hardware/chips/chip_identity.h"
+#include "simulator/aspm_model.h"
 #include "simulator/equalisation_model.h"
 #include "simulator/port_mapping_model.h"
 #include "simulator/lane_margining_model.h"
@@ -12,6 +13,7 @@
 #include "simulator/hvl_phy_model.h"
 #include "simulator/link_model.h"
 #include "hardware/chips/server_registers.h"
+#include "simulator/traffic_model.h"
 
 namespace sim {
 
@@ -96,6 +98,7 @@ struct Shape {
     bool power_management = false, aer = false, secondary = false, margining = false;
     bool physical16 = false, physical32 = false;
     bool acs = false;         // downstream ports
+    bool l1_substates = false;
     uint64_t serial = 0;      // endpoints and upstream ports: device serial number (0: none)
     unsigned buses = 0;  // bridges: primary | secondary << 8 | subordinate << 16
 };
@@ -240,6 +243,7 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
     };
     if (s.physical16) f.physical16 = physical_layer(cfg::kExtCapPhysicalLayer16);
     if (s.physical32) f.physical32 = physical_layer(cfg::kExtCapPhysicalLayer32);
+    if (s.l1_substates) define_l1_pm_substates(c, add_ext(cfg::kExtCapL1PmSubstates, 1, cfg::kL1PmSubstatesSize));
 }
 
 namespace {
@@ -264,6 +268,7 @@ Shape port_shape(const PortProfile& port, unsigned port_type, unsigned primary_b
     s.physical32 = port.max_speed >= kSpeed32GT;
     s.buses = primary_bus | port.secondary_bus.value_or(0) << 8 | port.subordinate_bus.value_or(0) << 16;
     s.acs = true;
+    s.l1_substates = port.capabilities.l1_pm_substates;
     return s;
 }
 
@@ -285,6 +290,7 @@ Shape device_shape(const DeviceProfile& device, const FunctionProfile& fn, bool 
     s.margining = function_zero && fn.capabilities.lane_margining.value_or(device.max_speed >= kSpeed16GT);
     s.physical16 = function_zero && device.max_speed >= kSpeed16GT;
     s.physical32 = function_zero && device.max_speed >= kSpeed32GT;
+    s.l1_substates = function_zero && fn.capabilities.l1_pm_substates;
     return s;
 }
 
@@ -572,6 +578,7 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
     for (const PlacedPort& placed : ports) root_ports.push_back(placed.profile);
     place_lane_map_registers(r, die.type, root_ports, locator);
     place_equalisation_registers(r, die.type, die.socket, root_ports, locator, _noise);
+    place_perf_counters(r, die.type, root_ports);
 }
 
 PlatformModel::Function* PlatformModel::_route(unsigned segment, unsigned bus, unsigned device, unsigned function,

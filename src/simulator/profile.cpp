@@ -195,12 +195,13 @@ MarginingProfile read_margining(const Field& field, unsigned max_width) {
 }
 
 CapabilityProfile read_capabilities(const Field& field) {
-    field.expect_object({"power_management", "aer", "secondary_pcie", "lane_margining"});
+    field.expect_object({"power_management", "aer", "secondary_pcie", "lane_margining", "l1_pm_substates"});
     CapabilityProfile caps;
     if (field.has("power_management")) caps.power_management = field.child("power_management").as_bool();
     if (field.has("aer")) caps.aer = field.child("aer").as_bool();
     if (field.has("secondary_pcie")) caps.secondary_pcie = field.child("secondary_pcie").as_bool();
     if (field.has("lane_margining")) caps.lane_margining = field.child("lane_margining").as_bool();
+    if (field.has("l1_pm_substates")) caps.l1_pm_substates = field.child("l1_pm_substates").as_bool();
     return caps;
 }
 
@@ -280,11 +281,12 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
         device->kind = DeviceProfile::Kind::endpoint;
         const bool several = field.has("functions");
         if (several)
-            field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "functions"});
+            field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "functions",
+                                 "traffic"});
         else
             field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "vendor_id",
                                  "device_id", "class_code", "revision", "subsystem_vendor_id", "subsystem_id",
-                                 "capabilities"});
+                                 "capabilities", "traffic"});
         if (several) {
             const auto items = field.child("functions").array();
             if (items.empty() || items.size() > 8)
@@ -300,7 +302,7 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
     } else if (type == "switch") {
         device->kind = DeviceProfile::Kind::pcie_switch;
         field.expect_object({"type", "name", "max_speed", "max_width", "speed", "width", "margining", "vendor_id",
-                             "device_id", "revision", "capabilities", "downstream_ports"});
+                             "device_id", "revision", "capabilities", "downstream_ports", "traffic"});
         FunctionProfile upstream;
         upstream.vendor_id = field.at("vendor_id").as_uint(0xFFFE);
         upstream.device_id = field.at("device_id").as_uint(0xFFFF);
@@ -317,6 +319,16 @@ std::shared_ptr<DeviceProfile> read_device(const Field& field) {
     if (field.has("speed")) device->speed = speed_code(field.child("speed"));
     if (field.has("width")) device->width = link_width(field.child("width"));
     if (field.has("margining")) device->margining = read_margining(field.child("margining"), device->max_width);
+    if (field.has("traffic")) {
+        // Per second; the limits keep a 48-bit count from wrapping within a minute.
+        const Field traffic = field.child("traffic");
+        traffic.expect_object({"tx_tlps", "rx_tlps", "tx_bytes", "rx_bytes", "replays", "naks"});
+        std::array<double, 6> rates{};
+        const char* keys[] = {"tx_tlps", "rx_tlps", "tx_bytes", "rx_bytes", "replays", "naks"};
+        for (size_t i = 0; i < 6; ++i)
+            if (traffic.has(keys[i])) rates[i] = traffic.child(keys[i]).as_number(0, 1e12);
+        device->traffic = rates;
+    }
     if (device->kind == DeviceProfile::Kind::pcie_switch) {
         const auto ports = field.at("downstream_ports").array();
         if (ports.empty() || ports.size() > 32) fail(field.child("downstream_ports").path(), "a switch has 1 to 32 downstream ports");

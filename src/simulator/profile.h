@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <array>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -79,6 +80,7 @@ struct CapabilityProfile {
     bool aer = true;
     std::optional<bool> secondary_pcie;
     std::optional<bool> lane_margining;
+    bool l1_pm_substates = true;  // port-wide: function 0 and ports only
 };
 
 struct FunctionProfile {
@@ -102,6 +104,8 @@ struct DeviceProfile {
     std::vector<FunctionProfile> functions;  // endpoint: function n at index n; switch: the upstream port
     std::vector<PortProfile> downstream_ports;  // switch only
     unsigned internal_bus = 0;  // switch only: the bus its downstream ports sit on (assigned by the loader)
+    // Events per second on its link, by chips::perf::Event (profile "traffic"); unset: none given.
+    std::optional<std::array<double, 6>> traffic;
 };
 
 // A downstream-facing port: a root port of a die or a downstream port of a switch.

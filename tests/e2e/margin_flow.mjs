@@ -6,129 +6,12 @@
 // node margin_flow.mjs --sim <lanewright-sim> --artifacts <folder>
 //
 // Screenshots of every screen land in the artifacts folder, with the
-// service's console output (sim.log). Debian's Chromium drives the page;
+// service's console output (margin-sim.log). Debian's Chromium drives the page;
 // playwright-core comes from ui/node_modules, installed by the build.
-import { spawn } from 'node:child_process';
-import { createRequire } from 'node:module';
 import fs from 'node:fs';
-import net from 'node:net';
-import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 import assert from 'node:assert/strict';
-
-const here = path.dirname(fileURLToPath(import.meta.url));
-const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
-const { chromium } = requireFromUi('playwright-core');
-
-const CHROMIUM = '/usr/bin/chromium';
-// Generous bounds for conditions to become true; nothing here measures speed.
-const LONG_WAIT_MS = 150_000;
-const WAIT_MS = 30_000;
-
-function option(name, fallback) {
-  const at = process.argv.indexOf(name);
-  if (at >= 0 && at + 1 < process.argv.length) return process.argv[at + 1];
-  if (fallback === undefined) throw new Error(`missing ${name}`);
-  return fallback;
-}
-
-function free_port() {
-  return new Promise((resolve, reject) => {
-    const server = net.createServer();
-    server.unref();
-    server.on('error', reject);
-    server.listen(0, '127.0.0.1', () => {
-      const { port } = server.address();
-      server.close(() => resolve(port));
-    });
-  });
-}
-
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-
-async function wait_until(what, condition, timeoutMs = WAIT_MS) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    const value = await condition();
-    if (value) return value;
-    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
-    await sleep(100);
-  }
-}
-
-class Service {
-  constructor(simPath, artifacts) {
-    this.simPath = simPath;
-    this.log = fs.createWriteStream(path.join(artifacts, 'sim.log'));
-    this.exited = null;
-  }
-
-  async start() {
-    this.port = await free_port();
-    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-'));
-    this.base = `http://127.0.0.1:${this.port}`;
-    this.process = spawn(
-      this.simPath,
-      // Fast enough for a short test, slow enough that a margin spans several
-      // of the service's once-a-second queue pushes.
-      ['--port', String(this.port), '--results', this.results, '--time-scale', '500'],
-      { stdio: ['ignore', 'pipe', 'pipe'] },
-    );
-    this.process.stdout.pipe(this.log);
-    this.process.stderr.pipe(this.log);
-    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
-    await wait_until(
-      'the service to serve the page',
-      async () => {
-        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
-        try {
-          const response = await fetch(`${this.base}/`);
-          return response.ok && (await response.text()).includes('id="app"');
-        } catch {
-          return false;
-        }
-      },
-      60_000,
-    );
-  }
-
-  async stop() {
-    if (!this.process) return;
-    if (!this.exited) {
-      try {
-        await fetch(`${this.base}/stop`);
-      } catch {
-        // Already gone.
-      }
-      try {
-        await wait_until('the service to end', () => this.exited !== null, 20_000);
-      } catch {
-        this.process.kill('SIGKILL');
-      }
-    }
-    fs.rmSync(this.results, { recursive: true, force: true });
-  }
-}
-
-async function shot(page, artifacts, name) {
-  await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
-}
-
-async function open_page(browser, service, viewport = { width: 1280, height: 800 }) {
-  const context = await browser.newContext({ viewport, acceptDownloads: true });
-  const page = await context.newPage();
-  const problems = [];
-  page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-  page.on('console', (message) => {
-    if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
-  });
-  return { context, page, problems };
-}
-
-async function wait_live(page) {
-  await page.waitForSelector('[data-testid=connection].up', { timeout: WAIT_MS });
-}
+import { LONG_WAIT_MS, WAIT_MS, open_page, run_flows, shot, sleep, wait_live, wait_until } from './harness.mjs';
 
 // A device the machine doesn't have, offered as margin-capable by a doctored
 // device list: the form accepts it and only the service can refuse it.
@@ -141,7 +24,7 @@ const GHOST = {
 };
 
 async function check_form_errors_and_refusal(browser, service, artifacts) {
-  const { context, page, problems } = await open_page(browser, service);
+  const { context, page, problems } = await open_page(browser);
   await page.route('**/api/1.0/GetPCIEDeviceListForMargin', async (route) => {
     const response = await route.fetch();
     const list = await response.json();
@@ -307,7 +190,7 @@ async function check_devices(page, devices) {
 }
 
 async function check_margin_flow(browser, service, artifacts) {
-  const { context, page, problems } = await open_page(browser, service);
+  const { context, page, problems } = await open_page(browser);
   await page.goto(`${service.base}/#devices`);
   await wait_live(page);
   const version = await page.textContent('[data-testid=version]');
@@ -399,39 +282,16 @@ async function check_margin_flow(browser, service, artifacts) {
   await context.close();
 
   // The same screen on a 4K monitor without system scaling, for the eye.
-  const big = await open_page(browser, service, { width: 3840, height: 2160 });
+  const big = await open_page(browser, { width: 3840, height: 2160 });
   await big.page.goto(`${service.base}/#results`);
   await big.page.waitForSelector('[data-testid=timing-chart] canvas', { timeout: WAIT_MS });
   await shot(big.page, artifacts, 'results-4k');
   await big.context.close();
 }
 
-async function main() {
-  const simPath = option('--sim');
-  const artifacts = option('--artifacts');
-  fs.mkdirSync(artifacts, { recursive: true });
-  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
-
-  const service = new Service(simPath, artifacts);
-  let browser;
-  try {
-    await service.start();
-    browser = await chromium.launch({
-      executablePath: CHROMIUM,
-      headless: true,
-      args: ['--no-sandbox', '--disable-background-networking'],
-    });
-    await check_form_errors_and_refusal(browser, service, artifacts);
-    console.log('ok - form errors and a refused record');
-    await check_margin_flow(browser, service, artifacts);
-    console.log('ok - devices, two margins of one device, a cancel, the chart and the CSV');
-  } finally {
-    await browser?.close();
-    await service.stop();
-  }
-}
-
-main().catch((error) => {
-  console.error(`not ok - ${error.stack ?? error}`);
-  process.exit(1);
-});
+// Fast enough for a short test, slow enough that a margin spans several of
+// the service's once-a-second queue pushes.
+await run_flows('margin', 500, [
+  ['form errors and a refused record', check_form_errors_and_refusal],
+  ['devices, two margins of one device, a cancel, the chart and the CSV', check_margin_flow],
+]);

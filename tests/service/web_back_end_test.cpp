@@ -97,8 +97,6 @@ INSTANTIATE_TEST_SUITE_P(
         AnswerCase{"POST", "/api/1.0/SetAdvErrorEnabled", R"({"checked":true})", "success"},
         AnswerCase{"POST", "/api/1.0/PCIRawViewWrite", R"({"SBDF":"0:4:0.0","absoluteOffset":"0x4","value":"0x7"})",
                    "success"},
-        AnswerCase{"POST", "/api/1.0/PCITableWrite", R"({"SBDF":"0:4:0.0","tableName":"PMI_CAP","absoluteOffset":"0x80"})",
-                   "success"},
         AnswerCase{"GET", "/api/1.0/GetResultsDateRange", "", R"({"DateList":[],"key":"PastResultsDateRange"})"}));
 
 // Accepts what the PCIe margin check accepts and runs nothing.
@@ -212,23 +210,6 @@ INSTANTIATE_TEST_SUITE_P(Malformed, WebBackEndBadBodies,
                                            BadBodyCase{"/api/1.0/SetL0Enabled", R"({"index":0,"value":"yes"})"},
                                            BadBodyCase{"/api/1.0/GetPCIRawView", R"({"sbdf":"0:4:0.0"})"},
                                            BadBodyCase{"/api/1.0/GetResultsByDate", ""}));
-
-TEST(WebBackEndViewer, RawViewAndTablesSelectBySbdfAndTableName) {
-    const unsigned port = running_service().port;
-    auto raw = [&](const std::string& sbdf) {
-        return json::parse(request(port, "POST", "/api/1.0/GetPCIRawView", json{{"SBDF", sbdf}}.dump()).body);
-    };
-    EXPECT_EQ(raw("0:4:0.0")["register"].size(), 274u);
-    EXPECT_EQ(raw("0:3:0.0")["register"].size(), 64u);
-    auto table = [&](const std::string& sbdf, const std::string& name) {
-        const std::string body = json{{"SBDF", sbdf}, {"tableName", name}}.dump();
-        return json::parse(request(port, "POST", "/api/1.0/GetPCITableInfo", body).body)["name"];
-    };
-    EXPECT_EQ(table("0:4:0.0", "PCIE_HEADER"), "PCIE_HEADER_TYPE1");
-    EXPECT_EQ(table("0:3:0.0", "PCIE_HEADER"), "PCIE_HEADER_TYPE0");
-    EXPECT_EQ(table("0:4:0.0", "ANY"), "PMI_CAP");
-    EXPECT_EQ(json::parse(request(port, "GET", "/api/1.0/GetPCIDeviceList").body).size(), 20u);
-}
 
 TEST(WebBackEndStatus, UnknownPathIs404AndWrongMethodIs405) {
     const unsigned port = running_service().port;

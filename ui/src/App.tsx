@@ -11,9 +11,15 @@ import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
+import { PciViewerView } from './views/PciViewerView';
+import { AspmView } from './views/AspmView';
+import { CountersView } from './views/CountersView';
 import { result_id_of_hash } from './route';
+import { LinkPushHub } from './link_push';
+import { PortStatusView } from './views/PortStatusView';
+import { LinkControlView } from './views/LinkControlView';
 
-const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results'];
+const SCREENS: Screen[] = ['devices', 'new', 'queue', 'results', 'ports', 'links', 'pci', 'aspm', 'counters'];
 
 function screen_from_hash(): Screen {
   // "#/results/<ResultId>" opens the results screen on one result.
@@ -38,6 +44,8 @@ export function App() {
   const [resultsGeneration, setResultsGeneration] = useState(0);
   // The time left shown for each running test, so a new estimate is steadied against it.
   const etaShown = useRef(new Map<number, number | null>());
+  // Port status and link control pushes go straight to their screens, each in order.
+  const linkHub = useRef(new LinkPushHub()).current;
 
   useEffect(() => {
     const onHash = () => {
@@ -76,6 +84,8 @@ export function App() {
             setResultsGeneration((g) => g + 1);
           }
           setQueue(steadied.tests);
+        } else if (push.kind === 'links') {
+          linkHub.emit(push.push);
         } else if (push.kind === 'download') {
           setPushNote(push.msg);
         } else if (push.kind === 'invalid') {
@@ -131,6 +141,21 @@ export function App() {
         </section>
         <section hidden={screen !== 'results'}>
           <ResultsView generation={resultsGeneration} visible={screen === 'results'} linked={linkedResult} />
+        </section>
+        <section hidden={screen !== 'ports'}>
+          <PortStatusView hub={linkHub} visible={screen === 'ports'} />
+        </section>
+        <section hidden={screen !== 'links'}>
+          <LinkControlView hub={linkHub} visible={screen === 'links'} />
+        </section>
+        <section hidden={screen !== 'pci'}>
+          <PciViewerView visible={screen === 'pci'} />
+        </section>
+        <section hidden={screen !== 'aspm'}>
+          <AspmView visible={screen === 'aspm'} />
+        </section>
+        <section hidden={screen !== 'counters'}>
+          <CountersView visible={screen === 'counters'} />
         </section>
       </main>
     </div>

@@ -3,6 +3,8 @@
 import type { DurationEstimate, MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
 import type { JsonObject, ResultDocument, ResultsPage } from './types';
 import { results_page_of } from './results';
+import { port_status_doc, register_groups, type PortStatusDoc, type RegisterGroup } from './port_status';
+import { link_port, link_port_info, link_ports, type LinkPort, type LinkPortInfo } from './link_control';
 
 async function request(path: string, init?: RequestInit): Promise<string> {
   let response: Response;
@@ -142,4 +144,106 @@ export async function queue_record(record: JsonObject): Promise<{ ok: true; test
   if (typeof answer?.OperationStatus !== 'boolean') throw new Error('The service gave no queue status.');
   if (answer.OperationStatus) return { ok: true, testId: typeof answer.TestID === 'number' ? answer.TestID : null };
   return { ok: false, reason: typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : 'no reason given' };
+}
+
+// --- Port status and link control ---
+
+/** A plain-word answer ("success", "yes", "Error"), whether sent bare or as a JSON string. */
+async function request_word(path: string, init?: RequestInit): Promise<string> {
+  const body = (await request(path, init)).trim();
+  try {
+    const value: unknown = JSON.parse(body);
+    return typeof value === 'string' ? value : body;
+  } catch {
+    return body;
+  }
+}
+
+export async function get_port_status(): Promise<PortStatusDoc> {
+  return port_status_doc(await request_json('/api/1.0/GetPortSelectionInfo'));
+}
+
+/** Selects a port (refused by the service while a run is active) and turns on its LTSSM pushes. */
+export async function select_status_port(index: number): Promise<PortStatusDoc> {
+  return port_status_doc(await request_json('/api/1.0/GetPortStatusInfo', post({ index })));
+}
+
+export async function get_port_registers(): Promise<RegisterGroup[]> {
+  return register_groups(await request_json('/api/1.0/GetPortStatusRegistersInfo'));
+}
+
+export type PortAction = 'advErrorEnabled' | 'linkDisable' | 'secBusReset';
+
+const ACTION_PATHS: Record<PortAction, string> = {
+  advErrorEnabled: '/api/1.0/SetAdvErrorEnabled',
+  linkDisable: '/api/1.0/SetPortLinkDisabled',
+  secBusReset: '/api/1.0/SetSecBusReset',
+};
+
+/** Sets one of the port's three switches; a refusal becomes the Error's message. */
+export async function set_port_action(action: PortAction, checked: boolean): Promise<void> {
+  const word = await request_word(ACTION_PATHS[action], post({ checked }));
+  if (word === 'Error' || word === 'failed') throw new Error('The service could not change the port.');
+}
+
+export async function clear_aer_registers(): Promise<void> {
+  const word = await request_word('/api/1.0/ClearAdvErrorRegisters');
+  if (word !== 'success') throw new Error(`The error registers were not cleared (${word || 'no answer'}).`);
+}
+
+export async function set_log_port_status(checked: boolean): Promise<void> {
+  await request('/api/1.0/SetLogPortStatus', post({ checked }));
+}
+
+/** Starts the stress loop on the selected port; its pushes tell how it goes. */
+export async function start_port_loop(settings: JsonObject): Promise<void> {
+  await request('/api/1.0/StartPortStatusContinuousRun', post(settings));
+}
+
+export async function stop_port_loop(): Promise<void> {
+  await request('/api/1.0/StopPortStatusContinuousRun');
+}
+
+export async function get_link_ports(): Promise<LinkPort[]> {
+  return link_ports(await request_json('/api/1.0/GetLinkInfo'));
+}
+
+export async function get_link_port(index: number): Promise<LinkPortInfo> {
+  return link_port_info(await request_json('/api/1.0/GetLinkPortInfo', post({ index })));
+}
+
+/**
+ * Applies a speed (index into the five speeds, by the given method) or a
+ * width (into x1…x16) once; the port's row after it.
+ */
+export async function set_link(what: 'speed' | 'width', index: number, method?: number): Promise<LinkPort | null> {
+  const path = what === 'speed' ? '/api/1.0/SetLinkSpeed' : '/api/1.0/SetLinkWidth';
+  const answer = (await request_json(path, post(what === 'speed' && method !== undefined ? { index, method } : { index }))) as JsonObject | null;
+  if (answer?.OperationStatus === false) {
+    throw new Error(typeof answer.ErrMsg === 'string' && answer.ErrMsg ? answer.ErrMsg : `The ${what} was not changed.`);
+  }
+  if (answer?.OperationStatus !== true) throw new Error(`The service gave no status for the ${what} change.`);
+  return link_port(answer.port);
+}
+
+export async function set_port_option(index: number, value: boolean): Promise<boolean> {
+  const answer = (await request_json('/api/1.0/SetPortOption', post({ index, value }))) as JsonObject | null;
+  if (typeof answer?.Error === 'string' && answer.Error) throw new Error(answer.Error);
+  return answer?.checked === true;
+}
+
+export async function start_link_loop(control: JsonObject): Promise<void> {
+  await request('/api/1.0/StartContinuousRun', post(control));
+}
+
+export async function stop_link_loop(): Promise<void> {
+  await request('/api/1.0/StopContinuousRun');
+}
+
+export async function set_link_logging(which: 'errors' | 'status', checked: boolean): Promise<void> {
+  await request(which === 'errors' ? '/api/1.0/SetLogLinkErrors' : '/api/1.0/SetLogLinkStatus', post({ checked }));
+}
+
+export async function clear_link_errors(): Promise<void> {
+  await request('/api/1.0/ClearLinkErrorReport');
 }

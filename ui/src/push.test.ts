@@ -50,7 +50,7 @@ describe('parse_push', () => {
     ['list not an array', '{"key":"RunningTestsUpdate","TestList":{}}', { kind: 'invalid', reason: '"TestList" is not an array' }],
     ['export outcome', '{"key":"DownloadUpdate","msg":"1 pcie device and 0 hvl devices data dumped."}',
       { kind: 'download', msg: '1 pcie device and 0 hvl devices data dumped.' }],
-    ['other kinds', '{"key":"PortLTSSMUpdate","ltssmdata":[]}', { kind: 'other', key: 'PortLTSSMUpdate' }],
+    ['other kinds', '{"key":"UnknownUpdate","data":[]}', { kind: 'other', key: 'UnknownUpdate' }],
   ])('%s', (_name, text, expected) => {
     expect(parse_push(text)).toEqual(expected);
   });

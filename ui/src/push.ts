@@ -2,10 +2,12 @@
 // can't be read is reported as such and never ends the page.
 import type { FinishedPush, JsonObject, Progress, QueuedTest } from './types';
 import { ber_label, lanes_label, text_of } from './format';
+import { LINK_PUSH_KEYS, parse_link_push, type LinkPush } from './link_push';
 
 export type Push =
   | { kind: 'tests'; tests: QueuedTest[]; finished: FinishedPush[] }
   | { kind: 'download'; msg: string }
+  | { kind: 'links'; push: LinkPush }
   | { kind: 'other'; key: string }
   | { kind: 'invalid'; reason: string };
 
@@ -126,7 +128,13 @@ export function parse_push(text: string): Push {
     }
     case 'DownloadUpdate':
       return { kind: 'download', msg: text_of(message.msg) };
-    default:
+    default: {
+      // Port status and link control.
+      if (LINK_PUSH_KEYS.includes(message.key)) {
+        const push = parse_link_push(message);
+        return 'invalid' in push ? { kind: 'invalid', reason: push.invalid } : { kind: 'links', push };
+      }
       return { kind: 'other', key: message.key };
+    }
   }
 }

@@ -1,12 +1,19 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'queue' | 'results';
+export type Screen = 'devices' | 'new' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
+// Port status and link control.
+export type LinkScreen = 'ports' | 'links';
 
 const TABS: { screen: Screen; label: string }[] = [
   { screen: 'devices', label: 'Devices' },
   { screen: 'new', label: 'New test' },
   { screen: 'queue', label: 'Queue' },
   { screen: 'results', label: 'Results' },
+  { screen: 'ports', label: 'Port status' },
+  { screen: 'links', label: 'Link control' },
+  { screen: 'pci', label: 'PCI viewer' },
+  { screen: 'aspm', label: 'ASPM' },
+  { screen: 'counters', label: 'Counters' },
 ];
 
 function connection_text(state: SocketState): string {

@@ -1,9 +1,9 @@
-import { useEffect, useRef, useState } from 'preact/hooks';
+import { useEffect, useState } from 'preact/hooks';
 import { cancel_test } from '../api';
 import { progress_text, type FinishedTest } from '../progress';
 import { result_hash } from '../route';
 import type { Progress, QueuedTest } from '../types';
-import { EmptyRow } from './common';
+import { Confirm, EmptyRow } from './common';
 
 interface Props {
   /** null until the service has pushed the queue once. */
@@ -44,37 +44,13 @@ function status_class(status: string): string {
 
 /** Asks before stopping a running test: what it measured so far is kept, but the run can't go on. */
 function ConfirmCancel({ test, onAnswer }: { test: QueuedTest; onAnswer: (yes: boolean) => void }) {
-  const dialog = useRef<HTMLDialogElement>(null);
-  useEffect(() => {
-    const d = dialog.current;
-    if (d && !d.open) d.showModal();
-  }, []);
   return (
-    <dialog
-      ref={dialog}
-      class="confirm"
-      data-testid="confirm-cancel"
-      aria-labelledby="confirm-cancel-title"
-      onCancel={(e) => {
-        // Escape: the same as "Keep it running".
-        e.preventDefault();
-        onAnswer(false);
-      }}
-    >
-      <h2 id="confirm-cancel-title">Cancel test {test.TestID}?</h2>
+    <Confirm testId="confirm-cancel" title={`Cancel test ${test.TestID}?`} keepLabel="Keep it running" goLabel={`Cancel test ${test.TestID}`} onAnswer={onAnswer}>
       <p>
         The running {test.Operation} of {test.SBDF} stops at its next safe point, with its lanes back at their normal
         settings. What it has measured so far is kept in its result, marked "Cancelled".
       </p>
-      <div class="dialog-actions">
-        <button type="button" autofocus onClick={() => onAnswer(false)}>
-          Keep it running
-        </button>
-        <button type="button" class="danger" onClick={() => onAnswer(true)}>
-          Cancel test {test.TestID}
-        </button>
-      </div>
-    </dialog>
+    </Confirm>
   );
 }
 

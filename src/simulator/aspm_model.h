@@ -1,0 +1,23 @@
+// The model's L1 PM Substates capability: what both ends of a link offer for
+// L1.1 and L1.2 and the controls software sets. ASPM L0s and L1 themselves
+// sit in the PCI Express capability's link registers.
+#pragma once
+
+#include "simulator/config_space.h"
+
+namespace sim {
+
+namespace cfg {
+constexpr unsigned kExtCapL1PmSubstates = 0x001E;
+constexpr unsigned kL1PmSubstatesSize = 0x14;
+// Inside L1 PM Substates.
+constexpr unsigned kL1SubCapabilities = 0x04, kL1SubControl1 = 0x08, kL1SubControl2 = 0x0C, kL1SubStatus = 0x10;
+constexpr unsigned kAspmL11Enable = 1u << 3, kAspmL12Enable = 1u << 2;
+}  // namespace cfg
+
+// Defines the capability's registers at `at` (its header is already placed).
+// Every substate is offered; all start disabled, as firmware leaves them when
+// the operating system manages ASPM.
+void define_l1_pm_substates(ConfigSpace& space, unsigned at);
+
+}  // namespace sim

@@ -1,0 +1,162 @@
+// What the browser tests share: lanewright-sim on a free port with a
+// temporary results folder, Debian's Chromium through playwright-core (from
+// ui/node_modules, installed by the build), waiting for conditions, and
+// screenshots into the artifacts folder.
+import { spawn } from 'node:child_process';
+import { createRequire } from 'node:module';
+import fs from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+import assert from 'node:assert/strict';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
+const { chromium } = requireFromUi('playwright-core');
+
+export const CHROMIUM = '/usr/bin/chromium';
+// Generous bounds for conditions to become true; nothing here measures speed.
+export const LONG_WAIT_MS = 150_000;
+export const WAIT_MS = 30_000;
+
+export function option(name) {
+  const at = process.argv.indexOf(name);
+  if (at < 0 || at + 1 >= process.argv.length) throw new Error(`missing ${name}`);
+  return process.argv[at + 1];
+}
+
+function free_port() {
+  return new Promise((resolve, reject) => {
+    const server = net.createServer();
+    server.unref();
+    server.on('error', reject);
+    server.listen(0, '127.0.0.1', () => {
+      const { port } = server.address();
+      server.close(() => resolve(port));
+    });
+  });
+}
+
+export const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+
+export async function wait_until(what, condition, timeoutMs = WAIT_MS) {
+  const deadline = Date.now() + timeoutMs;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
+    await sleep(100);
+  }
+}
+
+export class Service {
+  /** `name` prefixes the log and the results folder; `timeScale` is the sim's --time-scale. */
+  constructor(simPath, artifacts, name, timeScale) {
+    this.simPath = simPath;
+    this.name = name;
+    this.timeScale = timeScale;
+    this.log = fs.createWriteStream(path.join(artifacts, `${name}-sim.log`));
+    this.exited = null;
+  }
+
+  async start() {
+    this.port = await free_port();
+    this.results = fs.mkdtempSync(path.join(os.tmpdir(), `lanewright-${this.name}-`));
+    this.base = `http://127.0.0.1:${this.port}`;
+    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', String(this.timeScale)], {
+      stdio: ['ignore', 'pipe', 'pipe'],
+    });
+    this.process.stdout.pipe(this.log);
+    this.process.stderr.pipe(this.log);
+    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
+    await wait_until(
+      'the service to serve the page',
+      async () => {
+        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
+        try {
+          const response = await fetch(`${this.base}/`);
+          return response.ok && (await response.text()).includes('id="app"');
+        } catch {
+          return false;
+        }
+      },
+      60_000,
+    );
+  }
+
+  /** A route of the service, outside the browser: GET without a body, POST with one. */
+  async api(route, body) {
+    const init = body === undefined ? {} : { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) };
+    const response = await fetch(`${this.base}/api/1.0/${route}`, init);
+    const text = await response.text();
+    assert.ok(response.ok, `${route}: ${response.status} ${text}`);
+    return JSON.parse(text);
+  }
+
+  async stop() {
+    if (!this.process) return;
+    if (!this.exited) {
+      try {
+        await fetch(`${this.base}/stop`);
+      } catch {
+        // Already gone.
+      }
+      try {
+        await wait_until('the service to end', () => this.exited !== null, 20_000);
+      } catch {
+        this.process.kill('SIGKILL');
+      }
+    }
+    fs.rmSync(this.results, { recursive: true, force: true });
+  }
+}
+
+export async function open_page(browser, viewport = { width: 1280, height: 800 }) {
+  const context = await browser.newContext({ viewport, acceptDownloads: true });
+  const page = await context.newPage();
+  const problems = [];
+  page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
+  page.on('console', (message) => {
+    if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
+  });
+  return { context, page, problems };
+}
+
+export async function wait_live(page) {
+  await page.waitForSelector('[data-testid=connection].up', { timeout: WAIT_MS });
+}
+
+/**
+ * Runs `flows` (each given the browser, the service and the artifacts folder)
+ * against one service, prints "ok - <name>" per flow, and ends the process
+ * with 1 at the first failure.
+ */
+export async function run_flows(name, timeScale, flows) {
+  try {
+    const simPath = option('--sim');
+    const artifacts = option('--artifacts');
+    fs.mkdirSync(artifacts, { recursive: true });
+    if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
+    const service = new Service(simPath, artifacts, name, timeScale);
+    let browser;
+    try {
+      await service.start();
+      browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
+      for (const [label, flow] of flows) {
+        await flow(browser, service, artifacts);
+        console.log(`ok - ${label}`);
+      }
+    } finally {
+      await browser?.close();
+      await service.stop();
+    }
+  } catch (error) {
+    console.error(`not ok - ${error.stack ?? error}`);
+    process.exit(1);
+  }
+}
+
+export async function shot(page, artifacts, name) {
+  await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
+}

@@ -1,0 +1,227 @@
+// Browser test of the panel screens against lanewright-sim: the PCI viewer
+// opens 0:41:0.0 with its Lane Margining and AER structures, shows live
+// values and writes an RW field; the ASPM screen turns L1 off and on for a
+// link after confirming; the counters screen watches the 400G NIC's TX
+// bytes climb at its profile's rate and saves the samples as CSV.
+//
+// node panels_flow.mjs --sim <lanewright-sim> --artifacts <folder>
+import { spawn } from 'node:child_process';
+import { createRequire } from 'node:module';
+import fs from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+import assert from 'node:assert/strict';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
+const { chromium } = requireFromUi('playwright-core');
+
+const CHROMIUM = '/usr/bin/chromium';
+// Generous bounds for conditions to become true; nothing here measures speed.
+const LONG_WAIT_MS = 150_000;
+const WAIT_MS = 30_000;
+
+function option(name) {
+  const at = process.argv.indexOf(name);
+  if (at < 0 || at + 1 >= process.argv.length) throw new Error(`missing ${name}`);
+  return process.argv[at + 1];
+}
+
+function free_port() {
+  return new Promise((resolve, reject) => {
+    const server = net.createServer();
+    server.unref();
+    server.on('error', reject);
+    server.listen(0, '127.0.0.1', () => {
+      const { port } = server.address();
+      server.close(() => resolve(port));
+    });
+  });
+}
+
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+
+async function wait_until(what, condition, timeoutMs = WAIT_MS) {
+  const deadline = Date.now() + timeoutMs;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
+    await sleep(100);
+  }
+}
+
+class Service {
+  constructor(simPath, artifacts) {
+    this.simPath = simPath;
+    this.log = fs.createWriteStream(path.join(artifacts, 'panels-flow-sim.log'));
+    this.exited = null;
+  }
+
+  async start() {
+    this.port = await free_port();
+    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-panels-'));
+    this.base = `http://127.0.0.1:${this.port}`;
+    // Fast: the margins only have to finish; nothing here watches them run.
+    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', '100'], {
+      stdio: ['ignore', 'pipe', 'pipe'],
+    });
+    this.process.stdout.pipe(this.log);
+    this.process.stderr.pipe(this.log);
+    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
+    await wait_until(
+      'the service to serve the page',
+      async () => {
+        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
+        try {
+          const response = await fetch(`${this.base}/`);
+          return response.ok && (await response.text()).includes('id="app"');
+        } catch {
+          return false;
+        }
+      },
+      60_000,
+    );
+  }
+
+  async api(route, body) {
+    const init = body === undefined ? {} : { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) };
+    const response = await fetch(`${this.base}/api/1.0/${route}`, init);
+    const text = await response.text();
+    assert.ok(response.ok, `${route}: ${response.status} ${text}`);
+    return JSON.parse(text);
+  }
+
+  async stop() {
+    if (!this.process) return;
+    if (!this.exited) {
+      try {
+        await fetch(`${this.base}/stop`);
+      } catch {
+        // Already gone.
+      }
+      try {
+        await wait_until('the service to end', () => this.exited !== null, 20_000);
+      } catch {
+        this.process.kill('SIGKILL');
+      }
+    }
+    fs.rmSync(this.results, { recursive: true, force: true });
+  }
+}
+
+
+async function shot(page, artifacts, name) {
+  await page.screenshot({ path: path.join(artifacts, `panels-flow-${name}.png`), fullPage: true });
+}
+
+async function check_viewer(page, artifacts) {
+  await page.goto(`${page.base}/#pci`);
+  await page.click('[data-testid=pci-tree] >> text=0:41:0.0');
+  for (const name of ['PCIE_MARGINING_ENH_CAP', 'PCIE_ADV_ERR_RPT_ENH_CAP', 'PCIE_CAP'])
+    await page.waitForSelector(`[data-testid=structures] button:has-text("${name}")`);
+  await page.click('[data-testid=structures] button:has-text("PCIE_CAP")');
+  // Live: the trained link of the NIC (32 GT/s x16) as the device reports it.
+  await page.waitForSelector('[data-field="LINK_STATUS.NEGOTIATED_LINK_WIDTH"]');
+  assert.equal((await page.textContent('[data-field="LINK_STATUS.NEGOTIATED_LINK_WIDTH"] td:nth-child(6)')).trim(), '0x10');
+  await page.click('[data-testid=structures] button:has-text("PCIE_ADV_ERR_RPT_ENH_CAP")');
+  const input = '[data-field="CORR_ERR_MASK.BAD_TLP_MASK"] input';
+  await page.waitForSelector(input);
+  await page.fill(input, '0x1');
+  await page.click('[data-field="CORR_ERR_MASK.BAD_TLP_MASK"] button');
+  await wait_until('the write to be confirmed', async () => (await page.textContent('[data-testid=viewer-note]'))?.includes('BAD_TLP_MASK = 0x1'));
+  await wait_until('the table to show the new value', async () => (await page.inputValue(input)) === '0x1');
+  // A read-only field offers no editor.
+  assert.equal(await page.$('[data-field="UNCORR_ERR_STATUS.POISONED_TLP"] input'), null);
+  await page.click('[data-testid=structures] button:has-text("Raw dump")');
+  const dump = await page.textContent('[data-testid=raw-dump]');
+  assert.match(dump, /^000: /);
+  await shot(page, artifacts, 'viewer');
+}
+
+async function check_aspm(page, service, artifacts) {
+  await page.goto(`${page.base}/#aspm`);
+  const box = '[data-link="0:40:1.0"] input[aria-label="L1 0:40:1.0"]';
+  await page.waitForSelector(box);
+  const link = async () => (await service.api('GetASPMInfo')).find((l) => l.Port.SBDF === '0:40:1.0');
+  assert.equal((await link()).L1Enabled, false);
+  page.once('dialog', (d) => d.dismiss());
+  await page.click(box);
+  await sleep(300);
+  assert.equal((await link()).L1Enabled, false, 'a dismissed confirmation changes nothing');
+  for (const want of [true, false]) {
+    page.once('dialog', (d) => d.accept());
+    await page.click(box);
+    await wait_until(`L1 ${want ? 'on' : 'off'} on both ends`, async () => {
+      const l = await link();
+      return l.L1Enabled === want && l.Port.L1Enabled === want && l.Device.L1Enabled === want;
+    });
+    await wait_until('the box to follow', async () => (await page.isChecked(box)) === want);
+  }
+  await shot(page, artifacts, 'aspm');
+}
+
+async function check_counters(page, artifacts) {
+  await page.goto(`${page.base}/#counters`);
+  // The core counter slot 1 of the port above the 400G NIC: pick TX Bytes and enable it.
+  const row = 'tr:has(td:text-is("PCIE0_nbio1 EVENT1")):has(td:text-is("0:40:1.0"))';
+  await page.waitForSelector(row);
+  await page.click(`${row} a`);
+  await page.selectOption(`${row} select[aria-label^=event]`, { label: '2. TX Bytes' });
+  await page.check(`${row} input[type=checkbox]`);
+  await page.click('[data-testid=monitor-start]');
+  await wait_until('the monitor to run', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Monitoring');
+  await shot(page, artifacts, 'counters-started');
+  await wait_until(
+    'a rate from the pushes',
+    async () => /^\d+$/.test((await page.textContent(`${row} [data-testid=rate]`)).trim()),
+    LONG_WAIT_MS,
+  );
+  const rate = Number((await page.textContent(`${row} [data-testid=rate]`)).trim());
+  assert.ok(Math.abs(rate - 12e9) <= 12e9 * 0.01, `TX bytes rate ${rate}, profile 12e9`);
+  await page.waitForSelector(`${row} svg.rate-chart`, { timeout: LONG_WAIT_MS });
+  const download = page.waitForEvent('download');
+  await page.click('[data-testid=samples-csv]');
+  const csv = fs.readFileSync(await (await download).path(), 'utf8');
+  assert.match(csv, /^Time,Counter,Port,Event,Value,Rate/);
+  assert.match(csv, /"PCIE0_nbio1 EVENT1","0:40:1.0","2. TX Bytes"/);
+  await page.click('[data-testid=monitor-stop]');
+  await wait_until('the monitor to stop', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Stopped');
+  await shot(page, artifacts, 'counters');
+}
+
+async function main() {
+  const simPath = option('--sim');
+  const artifacts = option('--artifacts');
+  fs.mkdirSync(artifacts, { recursive: true });
+  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
+
+  const service = new Service(simPath, artifacts);
+  let browser;
+  try {
+    await service.start();
+    browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
+    const context = await browser.newContext({ viewport: { width: 1600, height: 1000 }, acceptDownloads: true });
+    const page = await context.newPage();
+    page.base = service.base;
+    const problems = [];
+    page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
+    await check_viewer(page, artifacts);
+    console.log('ok - PCI viewer: tree, structures, live values, RW write, raw dump');
+    await check_aspm(page, service, artifacts);
+    console.log('ok - ASPM: L1 off and on for a link, with confirmation');
+    await check_counters(page, artifacts);
+    console.log('ok - counters: TX bytes at the profile rate, chart, CSV, stop');
+    assert.deepEqual(problems, []);
+  } finally {
+    await browser?.close();
+    await service.stop();
+  }
+}
+
+main().catch((error) => {
+  console.error(`not ok - ${error.stack ?? error}`);
+  process.exit(1);
+});

@@ -1,0 +1,155 @@
+// Performance counters: pick a row's port and event, enable rows, start and
+// stop the monitor; the table, totals and a rate chart per enabled row follow
+// the monitor's pushes, and the samples seen can be saved as CSV.
+import { useEffect, useRef, useState } from 'preact/hooks';
+import * as api from '../panels_api';
+import type { CounterRow, CounterSettings } from '../panels_api';
+import { LiveSocket, socket_url } from '../socket';
+
+interface Sample {
+  at: string;
+  row: CounterRow;
+}
+
+/** The samples as CSV, one line per row and push. */
+export function samples_csv(samples: Sample[]): string {
+  const quote = (s: string) => `"${s.replace(/"/g, '""')}"`;
+  const lines = ['Time,Counter,Port,Event,Value,Rate (/s),Max Rate (/s)'];
+  for (const { at, row } of samples)
+    lines.push([at, row.name, row.port, row.event, row.value, row.rate, row.maxRate].map(quote).join(','));
+  return lines.join('\n') + '\n';
+}
+
+function Chart({ points }: { points: number[] }) {
+  if (points.length < 2) return <span class="chart-empty">…</span>;
+  const max = Math.max(...points, 1);
+  const step = 160 / (points.length - 1);
+  const line = points.map((p, i) => `${(i * step).toFixed(1)},${(38 - (36 * p) / max).toFixed(1)}`).join(' ');
+  return (
+    <svg class="rate-chart" width="160" height="40" role="img" aria-label="rate over time">
+      <polyline points={line} fill="none" stroke="currentColor" stroke-width="1.5" />
+    </svg>
+  );
+}
+
+export function CountersView({ visible }: { visible: boolean }) {
+  const [rows, setRows] = useState<CounterRow[] | null>(null);
+  const [settings, setSettings] = useState<Record<number, CounterSettings>>({});
+  const [running, setRunning] = useState(false);
+  const [note, setNote] = useState('');
+  const samples = useRef<Sample[]>([]);
+  const [history, setHistory] = useState<Record<number, number[]>>({});
+
+  const load = () => api.get_counters().then(setRows).catch((e: Error) => setNote(e.message));
+  useEffect(() => {
+    if (!visible) return;
+    load();
+    const live = new LiveSocket(
+      socket_url(location),
+      (text) => {
+        let message: { key?: string; perfInfo?: CounterRow[] };
+        try {
+          message = JSON.parse(text);
+        } catch {
+          return;
+        }
+        if (message.key === 'counterStarted') setRunning(true);
+        if (message.key === 'counterStopped') setRunning(false);
+        if ((message.key === 'perfInfo' || message.key === 'enableCounterClicked') && Array.isArray(message.perfInfo)) {
+          const table = message.perfInfo;
+          setRows(table);
+          if (message.key !== 'perfInfo') return;
+          const at = new Date().toISOString();
+          for (const row of table) if (row.enabled) samples.current.push({ at, row });
+          setHistory((old) => {
+            const next = { ...old };
+            for (const row of table)
+              if (row.enabled && row.rate !== 'N/A') next[row.key] = [...(old[row.key] ?? []), Number(row.rate)].slice(-60);
+            return next;
+          });
+        }
+      },
+      () => {},
+    );
+    live.open();
+    return () => live.close();
+  }, [visible]);
+
+  const choose = async (row: CounterRow) => {
+    const s = await api.select_counter(row.key);
+    setSettings((old) => ({ ...old, [row.key]: s }));
+    return s;
+  };
+  const act = (what: Promise<unknown>) => what.then(load).catch((e: Error) => setNote(e.message));
+
+  const download = () => {
+    const blob = new Blob([samples_csv(samples.current)], { type: 'text/csv' });
+    const a = document.createElement('a');
+    a.href = URL.createObjectURL(blob);
+    a.download = 'counter_samples.csv';
+    a.click();
+    URL.revokeObjectURL(a.href);
+  };
+
+  return (
+    <div class="counters">
+      <h2>Performance counters</h2>
+      <div class="actions">
+        <button data-testid="monitor-start" disabled={running} onClick={() => act(api.start_monitor().then(() => setRunning(true)))}>Start monitor</button>
+        <button data-testid="monitor-stop" disabled={!running} onClick={() => act(api.stop_monitor())}>Stop</button>
+        <label><input type="checkbox" onChange={(e) => act(api.set_counter_logging((e.target as HTMLInputElement).checked))} /> Log to count.txt</label>
+        <button data-testid="samples-csv" onClick={download}>Samples as CSV</button>
+        <span data-testid="monitor-state">{running ? 'Monitoring' : 'Stopped'}</span>
+      </div>
+      {note && <p class="note">{note}</p>}
+      <table data-testid="counter-table">
+        <thead><tr><th>On</th><th>Counter</th><th>Port</th><th>Event</th><th>Total</th><th>Rate (/s)</th><th>Max rate (/s)</th><th>Rate chart</th></tr></thead>
+        <tbody>
+          {(rows ?? []).map((row) => {
+            const s = settings[row.key];
+            return (
+              <tr key={row.key} data-counter={row.key}>
+                <td>
+                  <input type="checkbox" aria-label={`enable ${row.name} ${row.port}`} checked={row.enabled}
+                    onChange={(e) => {
+                      // Read before any await: a re-render puts the box back until the service agrees.
+                      const on = (e.target as HTMLInputElement).checked;
+                      act(choose(row).then(() => api.set_counter_enabled(on)));
+                    }} />
+                </td>
+                <td title={row.space}>{row.name}</td>
+                <td>
+                  {s && s.portSelection.length > 1 ? (
+                    <select value={s.selectedPort} onChange={(e) => {
+                      const port = Number((e.target as HTMLSelectElement).value);
+                      act(choose(row).then(() => api.set_counter_port(port)).then(() => choose(row)));
+                    }}>
+                      {s.portSelection.map((p, i) => <option key={p} value={i}>{p}</option>)}
+                    </select>
+                  ) : row.port}
+                </td>
+                <td>
+                  {s ? (
+                    <select aria-label={`event ${row.name}`} value={s.selectedCounter}
+                      onChange={(e) => {
+                        const event = Number((e.target as HTMLSelectElement).value);
+                        act(choose(row).then(() => api.set_counter_event(event)).then(() => choose(row)));
+                      }}>
+                      {s.counterSelection.map((c, i) => <option key={c} value={i}>{c}</option>)}
+                    </select>
+                  ) : (
+                    <a href="javascript:void 0" onClick={() => choose(row).catch((e: Error) => setNote(e.message))}>{row.event}</a>
+                  )}
+                </td>
+                <td data-testid="total">{row.value}</td>
+                <td data-testid="rate">{row.rate}</td>
+                <td>{row.maxRate}</td>
+                <td>{row.enabled && <Chart points={history[row.key] ?? []} />}</td>
+              </tr>
+            );
+          })}
+        </tbody>
+      </table>
+    </div>
+  );
+}
