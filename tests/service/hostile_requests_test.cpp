@@ -87,7 +87,7 @@ TEST(HostileRequests, ServiceStaysUpAnsweringAndSmall) {
     // connections against a table of 1,024.
     rlimit own{};
     ::getrlimit(RLIMIT_NOFILE, &own);
-    if (own.rlim_max < 1400) GTEST_SKIP() << "needs a hard descriptor limit of 1400, have " << own.rlim_max;
+    const bool can_flood = own.rlim_max >= 1400;
     own.rlim_cur = own.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &own);
 
@@ -167,10 +167,14 @@ TEST(HostileRequests, ServiceStaysUpAnsweringAndSmall) {
 
     // Idle connections beyond the service's descriptor table: the extra ones
     // wait in the listen backlog, none costs the listener.
-    std::vector<int> idle;
-    for (int i = 0; i < 1100; ++i) idle.push_back(connect_local(port));
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    for (const int fd : idle) ::close(fd);
+    if (can_flood) {
+        std::vector<int> idle;
+        for (int i = 0; i < 1100; ++i) idle.push_back(connect_local(port));
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        for (const int fd : idle) ::close(fd);
+    } else {
+        std::cout << "Connection flood left out: this process may open only " << own.rlim_max << " files\n";
+    }
 
     EXPECT_EQ(wire_test::request(port, "GET", "/api/GetLANEWRIGHTVersion").status, 200);
     EXPECT_TRUE(alive(service.pid));
