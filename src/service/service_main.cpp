@@ -104,6 +104,10 @@ int run_service(const ServiceOptions& options) {
     ShutdownSignals signals([server] { server->StopServer(); });
     std::thread poller(poll_thread, &scheduler, std::ref(storage), backend.get());
     server->Wait();
+    // Only a stop that was asked for ends with 0; a supervisor restarts
+    // anything else.
+    const int exit_code = server->ended_unexpectedly() ? 1 : 0;
+    if (exit_code != 0) std::cerr << "Error: the web server ended unexpectedly" << std::endl;
 
     stop_requested = true;
     poller.join();
@@ -113,5 +117,5 @@ int run_service(const ServiceOptions& options) {
     margin_stop.request_stop();
     scheduler.join_all_tests();
     backend.reset();
-    return 0;
+    return exit_code;
 }

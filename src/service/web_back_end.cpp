@@ -17,6 +17,7 @@
 #include "hardware/crn_factory.h"
 #include "hardware/file_logger.h"
 #include "hardware/os_specific.h"
+#include "hardware/json_limits.h"
 #include "hardware/resource_lock.h"
 #include "result_data/eye_grade.h"
 #include "service/archive_index.h"
@@ -67,7 +68,9 @@ void print_viewer_request(const char* title, const std::string& body, const std:
 json parse_request_body(const std::string& body) {
     json parsed;
     try {
-        parsed = json::parse(body);
+        parsed = parse_json_limited(body);
+    } catch (const JsonTooDeep&) {
+        throw PortHall::BadRequest("Request body nests deeper than " + std::to_string(kMaxJsonDepth) + " levels");
     } catch (const json::parse_error& error) {
         throw PortHall::BadRequest(std::string("Request body is not JSON: ") + error.what());
     }
@@ -309,6 +312,13 @@ std::string WebBackEnd::AddTestToQueue(const std::string& body) {
     {
         NamedLockGuard console("ConsoleLock");
         std::cout << "Added test to queue" << std::endl;
+    }
+    // Every queued record is pushed to every browser once a second and kept
+    // in the archive; one of this size is no test record but a payload.
+    if (body.size() > kMaxTestRecordBytes) {
+        return json{{"OperationStatus", false},
+                    {"ErrMsg", "Test record larger than " + std::to_string(kMaxTestRecordBytes / 1024) + " KiB"}}
+            .dump();
     }
     json record = parse_request_body(body);
     if (const auto refusal = check_test_record(record, _store)) {

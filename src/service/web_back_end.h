@@ -148,6 +148,9 @@ private:
     std::unique_ptr<ArchiveWorkers> _archive_workers;
 };
 
-// Parses a request body as a JSON object; a body that isn't one is refused
-// with a one-line reason.
+// AddTestToQueue refuses larger records before looking inside them.
+constexpr std::size_t kMaxTestRecordBytes = 64 * 1024;
+
+// Parses a request body as a JSON object (nesting limited, see
+// json_limits.h); a body that isn't one is refused with a one-line reason.
 nlohmann::json parse_request_body(const std::string& body);

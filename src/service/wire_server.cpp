@@ -12,12 +12,19 @@
 #include <thread>
 #include <unordered_map>
 
+#include <arpa/inet.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <zlib.h>
+
 #include <restinio/all.hpp>
 #include <restinio/router/boost_regex_engine.hpp>
 #include <restinio/websocket/websocket.hpp>
 
 #include "hardware/file_logger.h"
+#include "hardware/json_limits.h"
 #include "hardware/os_specific.h"
+#include "hardware/system_facts.h"
 
 namespace PortHall {
 
@@ -27,8 +34,11 @@ namespace fs = std::filesystem;
 // The Boost.Regex engine: the standard library's regex costs half the
 // throughput once some sixty routes are tried in turn.
 using wire_router_t = restinio::router::express_router_t<restinio::router::boost_regex_engine_t>;
-struct wire_traits_t : public restinio::traits_t<restinio::asio_timer_manager_t,
-                                                 restinio::null_logger_t, wire_router_t> {};
+// Every request passes the gate (Host, body size) before the router; the
+// connection limiter keeps descriptors in reserve (see connection_cap).
+struct wire_traits_t : public restinio::traits_t<restinio::asio_timer_manager_t, restinio::null_logger_t> {
+    static constexpr bool use_connection_count_limiter = true;
+};
 using wire_http_server_t = restinio::http_server_t<wire_traits_t>;
 using wire_request_handle_t = restinio::request_handle_t;
 
@@ -53,6 +63,7 @@ std::string reason_phrase(int status) {
         case 403: return "Forbidden";
         case 404: return "Not Found";
         case 405: return "Method Not Allowed";
+        case 413: return "Payload Too Large";
         case 500: return "Internal Server Error";
         case 503: return "Service Unavailable";
         default: return "Status";
@@ -276,6 +287,202 @@ std::string content_type_for(const std::string& file_name) {
 }
 
 // ---------------------------------------------------------------------------
+// Host names the service answers to
+
+namespace {
+
+std::string trim(const std::string& text) {
+    const auto first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// "Name." and "name" are one host.
+std::string normal_host_name(std::string name) {
+    name = lower(trim(name));
+    if (!name.empty() && name.back() == '.') name.pop_back();
+    return name;
+}
+
+}  // namespace
+
+bool host_is_allowed(const std::string& host_header, const std::vector<std::string>& allowed_names) {
+    std::string host = trim(host_header);
+    if (host.empty()) return false;
+    auto port_is_valid = [](const std::string& port) {
+        return !port.empty() && port.size() <= 5 &&
+               std::all_of(port.begin(), port.end(), [](unsigned char c) { return std::isdigit(c); });
+    };
+    if (host.front() == '[') {
+        const auto close = host.find(']');
+        if (close == std::string::npos) return false;
+        const std::string rest = host.substr(close + 1);
+        if (!rest.empty() && (rest.front() != ':' || !port_is_valid(rest.substr(1)))) return false;
+        in6_addr address{};
+        return ::inet_pton(AF_INET6, host.substr(1, close - 1).c_str(), &address) == 1;
+    }
+    if (const auto colon = host.find(':'); colon != std::string::npos) {
+        if (!port_is_valid(host.substr(colon + 1))) return false;
+        host.resize(colon);
+    }
+    in_addr address{};
+    if (::inet_pton(AF_INET, host.c_str(), &address) == 1) return true;
+    host = normal_host_name(host);
+    if (host.empty()) return false;
+    return std::any_of(allowed_names.begin(), allowed_names.end(),
+                       [&](const std::string& name) { return normal_host_name(name) == host; });
+}
+
+std::vector<std::string> allowed_host_names() {
+    std::vector<std::string> names{"localhost"};
+    char own[256] = {};
+    if (::gethostname(own, sizeof(own) - 1) == 0 && own[0] != '\0') names.emplace_back(own);
+    // Under the machine model this is the modelled machine's name.
+    if (const std::string modelled = system_facts().host_name(); !modelled.empty()) names.push_back(modelled);
+    if (const char* listed = std::getenv("LANEWRIGHT_ALLOWED_HOSTS")) {
+        std::stringstream list(listed);
+        std::string name;
+        while (std::getline(list, name, ',')) {
+            if (!trim(name).empty()) names.push_back(trim(name));
+        }
+    }
+    return names;
+}
+
+// ---------------------------------------------------------------------------
+// Descriptors
+
+std::size_t raise_open_file_limit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+    if (limit.rlim_cur < limit.rlim_max) {
+        rlimit raised = limit;
+        raised.rlim_cur = limit.rlim_max;
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+    }
+    return limit.rlim_cur == RLIM_INFINITY ? std::numeric_limits<std::size_t>::max()
+                                           : static_cast<std::size_t>(limit.rlim_cur);
+}
+
+std::size_t connection_cap(std::size_t open_file_limit) {
+    // A quarter of the table, and never fewer than 256 descriptors, stays free
+    // for archive files, the log and the machine's device files. The
+    // listener's accept loop ends at the first failed accept (EMFILE), so the
+    // connections alone must never be able to fill the table.
+    const std::size_t reserve = std::max<std::size_t>(256, open_file_limit / 4);
+    const std::size_t room = open_file_limit > reserve ? open_file_limit - reserve : 0;
+    return std::clamp<std::size_t>(room, kMinConnections, kMaxConnections);
+}
+
+// ---------------------------------------------------------------------------
+// Caching and compression of the front-end files
+
+bool is_hashed_asset(const std::string& file_name) {
+    // The bundler names assets "name-XXXXXXXX.ext", the eight characters a
+    // content hash in base64url. A plain word of eight letters ("settings")
+    // is not taken for one: a hash has a digit or a capital letter.
+    const std::string stem = fs::path(file_name).stem().string();
+    const auto dash = stem.rfind('-');
+    if (dash == std::string::npos || dash == 0 || stem.size() - dash - 1 != 8) return false;
+    const std::string hash = stem.substr(dash + 1);
+    const bool alphabet = std::all_of(hash.begin(), hash.end(), [](unsigned char c) {
+        return std::isalnum(c) || c == '_' || c == '-';
+    });
+    const bool mixed = std::any_of(hash.begin(), hash.end(), [](unsigned char c) {
+        return std::isdigit(c) || std::isupper(c);
+    });
+    return alphabet && mixed && !fs::path(file_name).extension().empty();
+}
+
+bool accepts_gzip(const std::string& accept_encoding) {
+    std::stringstream list(accept_encoding);
+    std::string item;
+    while (std::getline(list, item, ',')) {
+        const auto semicolon = item.find(';');
+        if (lower(trim(item.substr(0, semicolon))) != "gzip") continue;
+        if (semicolon == std::string::npos) return true;
+        // "gzip;q=0" refuses it.
+        std::string parameter = lower(trim(item.substr(semicolon + 1)));
+        parameter.erase(std::remove(parameter.begin(), parameter.end(), ' '), parameter.end());
+        if (parameter.rfind("q=", 0) != 0) return true;
+        try {
+            return std::stod(parameter.substr(2)) > 0;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return false;
+}
+
+std::optional<std::string> gzip_compress(const std::string& data) {
+    z_stream stream{};
+    // 15 window bits plus 16: a gzip wrapper, which every browser decodes.
+    if (deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+        return std::nullopt;
+    }
+    std::string out(deflateBound(&stream, static_cast<uLong>(data.size())), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    stream.avail_in = static_cast<uInt>(data.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    const int result = deflate(&stream, Z_FINISH);
+    out.resize(stream.total_out);
+    deflateEnd(&stream);
+    if (result != Z_STREAM_END) return std::nullopt;
+    return out;
+}
+
+namespace {
+
+bool is_compressible(const std::string& content_type) {
+    return content_type.rfind("text/", 0) == 0 || content_type.rfind("application/json", 0) == 0 ||
+           content_type.rfind("image/svg", 0) == 0;
+}
+
+// Compressed copies of the front-end files, made once per file version. The
+// bound keeps a folder of unexpected size from growing the process: past it
+// the cache starts over.
+class GzipCache {
+public:
+    std::shared_ptr<const std::string> get(const std::string& path, const std::string& bytes) {
+        std::error_code ec;
+        const auto stamp = fs::last_write_time(path, ec);
+        std::lock_guard<std::mutex> lock(_mutex);
+        if (auto found = _entries.find(path);
+            found != _entries.end() && found->second.stamp == stamp && found->second.size == bytes.size()) {
+            return found->second.compressed;
+        }
+        auto compressed = gzip_compress(bytes);
+        if (!compressed || compressed->size() >= bytes.size()) return nullptr;
+        if (_total + compressed->size() > kMaxBytes) {
+            _entries.clear();
+            _total = 0;
+        }
+        if (auto old = _entries.find(path); old != _entries.end()) {
+            _total -= old->second.compressed->size();
+            _entries.erase(old);
+        }
+        auto shared = std::make_shared<const std::string>(std::move(*compressed));
+        _total += shared->size();
+        _entries[path] = Entry{stamp, bytes.size(), shared};
+        return shared;
+    }
+
+private:
+    static constexpr std::size_t kMaxBytes = 32 * 1024 * 1024;
+    struct Entry {
+        fs::file_time_type stamp;
+        std::size_t size = 0;
+        std::shared_ptr<const std::string> compressed;
+    };
+    std::mutex _mutex;
+    std::unordered_map<std::string, Entry> _entries;
+    std::size_t _total = 0;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
 // The server
 
 struct WireServer::Impl {
@@ -286,12 +493,17 @@ struct WireServer::Impl {
 
     std::unique_ptr<wire_http_server_t> server;
     std::thread server_thread;
-    std::mutex lifecycle_mutex;  // start, stop and wait
+    mutable std::mutex lifecycle_mutex;  // start, stop and wait
     // Separate from server_thread: Wait() takes the thread out to join it
     // without the lock, and a stop must still reach a server being waited on.
     bool running = false;
     bool stopping = false;
+    // The workers ran out of work without a stop: the listener is gone.
+    bool ended_unexpectedly = false;
     std::string last_error;
+    std::vector<std::string> allowed_hosts;
+    std::size_t max_connections = kMaxConnections;
+    GzipCache gzip;
 
     mutable std::mutex connection_mutex;
     std::unordered_map<std::uint64_t, rws::ws_handle_t> connections;
@@ -322,7 +534,9 @@ struct WireServer::Impl {
             restinio::http_status_code_t{static_cast<std::uint16_t>(response.status)},
             reason_phrase(response.status)});
         builder.append_header(restinio::http_field::content_type, response.content_type);
-        builder.append_header(restinio::http_field::cache_control, "no-store");
+        const bool own_cache_rule = std::any_of(response.headers.begin(), response.headers.end(),
+                                                [](const auto& field) { return lower(field.first) == "cache-control"; });
+        if (!own_cache_rule) builder.append_header(restinio::http_field::cache_control, "no-store");
         for (const auto& [name, value] : response.headers) builder.append_header(name, one_line(value));
         builder.set_body(response.body);
         if (response.after_sent) {
@@ -429,7 +643,7 @@ struct WireServer::Impl {
         return response;
     }
 
-    WireResponse serve_static(const std::string& captured) const {
+    WireResponse serve_static(const std::string& captured, const std::string& accept_encoding) {
         const std::string root = OSSpecific().append_to_path(ui_folder, "static");
         const auto resolved = resolve_inside(root, captured);
         if (!resolved) {
@@ -441,8 +655,25 @@ struct WireServer::Impl {
         if (!fs::is_regular_file(*resolved, ec) || !read_whole_file(*resolved, std::ios::binary, bytes)) {
             return WireResponse::text("404");
         }
-        WireResponse response = WireResponse::text(std::move(bytes));
-        response.content_type = content_type_for(*resolved);
+        const std::string type = content_type_for(*resolved);
+        WireResponse response;
+        response.content_type = type;
+        // Hashed names change with their content, so a browser may keep them
+        // for good; anything else is asked for again.
+        if (is_hashed_asset(*resolved)) {
+            response.headers.emplace_back("Cache-Control", "public, max-age=31536000, immutable");
+        }
+        if (is_compressible(type)) {
+            response.headers.emplace_back("Vary", "Accept-Encoding");
+            if (accepts_gzip(accept_encoding)) {
+                if (auto compressed = gzip.get(*resolved, bytes)) {
+                    response.headers.emplace_back("Content-Encoding", "gzip");
+                    response.body = *compressed;
+                    return response;
+                }
+            }
+        }
+        response.body = std::move(bytes);
         return response;
     }
 
@@ -485,7 +716,7 @@ struct WireServer::Impl {
     // "Message" value. A malformed message is reported and the socket stays.
     void handle_topic_message(const std::string& data) {
         try {
-            const auto document = nlohmann::json::parse(data);
+            const auto document = parse_json_limited(data);
             const std::string topic = document.at("Topic").get<std::string>();
             const nlohmann::json& value = document.at("Message");
             TopicHandler handler;
@@ -499,6 +730,31 @@ struct WireServer::Impl {
         } catch (const std::exception& error) {
             std::cerr << "Exception: " << error.what() << std::endl;
         }
+    }
+
+    // Refusals every request gets before routing, the socket upgrade included.
+    std::optional<WireResponse> gate(const wire_request_handle_t& req) const {
+        const auto& header = req->header();
+        // A browser always names the host it thinks it talks to; a page whose
+        // name was re-pointed at this machine (DNS rebinding) names its own.
+        // Requests without a Host (HTTP/1.0 tools) can't come from a page and
+        // are let through.
+        if (header.has_field(restinio::http_field::host)) {
+            const std::string host(header.get_field(restinio::http_field::host));
+            if (!host_is_allowed(host, allowed_hosts)) {
+                log_line("Refused request for host '" + one_line(host) + "'");
+                return WireResponse::text(
+                    "Forbidden: host name '" + one_line(host) +
+                        "' is not this machine's; add it to LANEWRIGHT_ALLOWED_HOSTS to allow it",
+                    403);
+            }
+        }
+        if (req->body().size() > kMaxBodyBytes) {
+            return WireResponse::text("Request body larger than " + std::to_string(kMaxBodyBytes / 1024 / 1024) +
+                                          " MiB",
+                                      413);
+        }
+        return std::nullopt;
     }
 
     restinio::request_handling_status_t upgrade(const wire_request_handle_t& req) {
@@ -531,8 +787,8 @@ struct WireServer::Impl {
         return restinio::request_accepted();
     }
 
-    std::unique_ptr<wire_router_t> build_router() {
-        auto router = std::make_unique<wire_router_t>();
+    std::shared_ptr<wire_router_t> build_router() {
+        auto router = std::make_shared<wire_router_t>();
         for (const auto& route : app.routes()) {
             auto handler = [this, route](const wire_request_handle_t& req, auto) {
                 if (route.offload) return offload(req, route);
@@ -547,7 +803,9 @@ struct WireServer::Impl {
             }
         }
         router->http_get("/static/:path(.*)", [this](const wire_request_handle_t& req, auto params) {
-            return answer(req, serve_static(std::string(params["path"])));
+            const std::string accept_encoding(
+                req->header().get_field_or(restinio::http_field::accept_encoding, std::string{}));
+            return answer(req, serve_static(std::string(params["path"]), accept_encoding));
         });
         router->http_get("/ws", [this](const wire_request_handle_t& req, auto) { return upgrade(req); });
         router->non_matched_request_handler([this](const wire_request_handle_t& req) {
@@ -602,15 +860,31 @@ int WireServer::StartServer() {
             RouteEffect::ChangesState);
         _impl->own_routes_added = true;
     }
+    _impl->allowed_hosts = allowed_host_names();
+    _impl->max_connections = connection_cap(raise_open_file_limit());
     try {
         _impl->server = std::make_unique<wire_http_server_t>(
             restinio::own_io_context(), [this](auto& settings) {
+                std::shared_ptr<wire_router_t> router = _impl->build_router();
                 settings.port(static_cast<std::uint16_t>(_impl->port))
                     .address("0.0.0.0")
                     // An archive query over a large, not yet indexed archive
                     // may take longer than the library's 10 s.
                     .handle_request_timeout(std::chrono::seconds(60))
-                    .request_handler(_impl->build_router());
+                    .max_parallel_connections(_impl->max_connections)
+                    // Beyond these the library drops the connection as the
+                    // headers or body arrive, before buffering more; bodies
+                    // between kMaxBodyBytes and the hard cap get a 413.
+                    .incoming_http_msg_limits(restinio::incoming_http_msg_limits_t{}
+                                                  .max_url_size(16 * 1024)
+                                                  .max_field_name_size(1024)
+                                                  .max_field_value_size(32 * 1024)
+                                                  .max_field_count(100)
+                                                  .max_body_size(kHardMaxBodyBytes))
+                    .request_handler([this, router](const wire_request_handle_t& req) {
+                        if (auto refusal = _impl->gate(req)) return Impl::answer(req, *refusal);
+                        return (*router)(req);
+                    });
             });
         _impl->server->open_sync();
     } catch (const std::exception& error) {
@@ -621,19 +895,32 @@ int WireServer::StartServer() {
     _impl->running = true;
     _impl->stopping = false;
     _impl->streams_stopping = false;
+    _impl->ended_unexpectedly = false;
     _impl->last_error.clear();
     _impl->server_thread = std::thread([this] {
         std::vector<std::thread> workers;
         for (std::size_t i = 0; i < kWorkerCount; ++i) {
             workers.emplace_back([this] {
-                try {
-                    _impl->server->io_context().run();
-                } catch (const std::exception& error) {
-                    log_line(std::string("Server worker ended: ") + error.what());
+                // A handler's exception ends only that call of run(); the
+                // worker goes back to work.
+                for (;;) {
+                    try {
+                        _impl->server->io_context().run();
+                        return;
+                    } catch (const std::exception& error) {
+                        log_line(std::string("Server worker caught: ") + error.what());
+                    } catch (...) {
+                        log_line("Server worker caught an unknown exception");
+                    }
                 }
             });
         }
         for (auto& worker : workers) worker.join();
+        std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+        if (!_impl->stopping) {
+            _impl->ended_unexpectedly = true;
+            log_line("The web server ended without being asked to stop (its listener failed)");
+        }
     });
     return 1;
 }
@@ -739,6 +1026,13 @@ void WireServer::set_topic_handler(const std::string& topic, TopicHandler handle
 }
 
 std::string WireServer::last_error() const { return _impl->last_error; }
+
+bool WireServer::ended_unexpectedly() const {
+    std::lock_guard<std::mutex> lock(_impl->lifecycle_mutex);
+    return _impl->ended_unexpectedly;
+}
+
+std::size_t WireServer::max_connections() const { return _impl->max_connections; }
 
 std::size_t WireServer::connection_count() const {
     std::lock_guard<std::mutex> lock(_impl->connection_mutex);

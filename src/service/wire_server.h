@@ -164,6 +164,11 @@ public:
 
     std::string last_error() const;
     std::size_t connection_count() const;
+    // True once the server ended without StopServer (its listener failed);
+    // the process must then end with an error so a supervisor restarts it.
+    bool ended_unexpectedly() const;
+    // The connection limiter's cap chosen at the last StartServer.
+    std::size_t max_connections() const;
 
 private:
     struct Impl;
@@ -174,6 +179,44 @@ private:
 
 extern std::mutex g_send_message_protection;
 extern const std::string stop_service_name;
+
+// Request bodies above this get 413 (the largest real one, a test record,
+// is a few kilobytes). Above the hard cap the library drops the connection as
+// the body arrives, so no request costs more memory than that.
+constexpr std::size_t kMaxBodyBytes = 1024 * 1024;
+constexpr std::size_t kHardMaxBodyBytes = 4 * 1024 * 1024;
+
+// Parallel connections (WebSockets included) are capped by the limiter; more
+// wait in the listen backlog until one closes.
+constexpr std::size_t kMinConnections = 16;
+constexpr std::size_t kMaxConnections = 4096;
+
+// Raises the soft limit on open files to the hard one; returns the limit now
+// in force (0 when it can't be read).
+std::size_t raise_open_file_limit();
+
+// The connection cap for a descriptor limit: what is left after a reserve of
+// a quarter of the table (at least 256), within kMinConnections and
+// kMaxConnections. 1024 descriptors give 768 connections.
+std::size_t connection_cap(std::size_t open_file_limit);
+
+// Whether a Host header names this machine: an IPv4 literal, a bracketed IPv6
+// literal, or one of the names (case and a final dot ignored), with or
+// without a port. Anything else may be a foreign name re-pointed at us.
+bool host_is_allowed(const std::string& host_header, const std::vector<std::string>& allowed_names);
+
+// "localhost", this machine's host name (the system's and the facts
+// provider's) and the comma-separated names in LANEWRIGHT_ALLOWED_HOSTS.
+std::vector<std::string> allowed_host_names();
+
+// "index-TqXFsg1D.css": a bundler's content-hashed asset name.
+bool is_hashed_asset(const std::string& file_name);
+
+// Whether an Accept-Encoding value admits gzip ("gzip;q=0" does not).
+bool accepts_gzip(const std::string& accept_encoding);
+
+// The data in gzip format; nothing when compression fails.
+std::optional<std::string> gzip_compress(const std::string& data);
 
 // Content type by file name extension, for the front-end files.
 std::string content_type_for(const std::string& file_name);

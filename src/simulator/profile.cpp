@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "hardware/chips/chip_identity.h"
+#include "hardware/json_limits.h"
 #include "simulator/lane_margining_model.h"
 #include "simulator/hvl_link_model.h"
 #include "simulator/hvl_phy_model.h"
@@ -547,7 +548,9 @@ Profile parse_profile(const json& document) {
 Profile parse_profile_text(const std::string& text) {
     json document;
     try {
-        document = json::parse(text);
+        document = parse_json_limited(text);
+    } catch (const JsonTooDeep& e) {
+        throw ProfileError(std::string("profile: ") + e.what());
     } catch (const json::parse_error& e) {
         throw ProfileError(std::string("profile: not valid JSON: ") + e.what());
     }

@@ -1,10 +1,19 @@
-// The service as a process: what it prints, that every way of ending it
-// ends it cleanly with exit code 0, and that no way of ending it, not even
-// kill -9, loses a test a user queued.
-#include <gtest/gtest.h>
+// The service as a process: what it prints, that every way of asking it to
+// stop ends it cleanly with exit code 0 and nothing else does, and that no
+// way of ending it, not even kill -9, loses a test a user queued.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <thread>
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "service_process.h"
@@ -152,4 +161,30 @@ TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {
     EXPECT_EQ(wire_test::request(service.port, "GET", "/stop").status, 200);
     EXPECT_EQ(service.wait_for_exit(), 0);
     std::filesystem::remove_all("pcie_reports");
+
+TEST(ServiceProcessTest, ListenerFailureEndsWithOne) {
+    ServiceProcess service(wire_test::free_port());
+    service.read_until("(chrome recommended):  http://");
+    // Take a copy of the child's listening socket and shut it: the accept
+    // under way fails, as it would on a full descriptor table.
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, service.pid, 0));
+    if (pidfd < 0) GTEST_SKIP() << "pidfd_open is not available";
+    bool shut = false;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(service.pid) + "/fd")) {
+        const int fd = static_cast<int>(::syscall(SYS_pidfd_getfd, pidfd, std::stoi(entry.path().filename()), 0));
+        if (fd < 0) continue;
+        sockaddr_in address{};
+        socklen_t length = sizeof(address);
+        int listening = 0;
+        socklen_t flag_length = sizeof(listening);
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 && address.sin_family == AF_INET &&
+            ntohs(address.sin_port) == service.port &&
+            ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &flag_length) == 0 && listening) {
+            shut = ::shutdown(fd, SHUT_RDWR) == 0;
+        }
+        ::close(fd);
+    }
+    ::close(pidfd);
+    if (!shut) GTEST_SKIP() << "the child's socket could not be taken (pidfd_getfd needs ptrace rights)";
+    EXPECT_EQ(service.wait_for_exit(), 1);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,13 +25,18 @@ struct ServiceProcess {
     bool owns_results = false;
 
     // A service on its own fresh result folder, removed at the end.
-    explicit ServiceProcess(unsigned listen_port)
+    // descriptor_limit, when given, is set as both soft and hard limit of the
+    // child, so the service can't raise it.
+    explicit ServiceProcess(unsigned listen_port, rlim_t descriptor_limit = 0)
         : ServiceProcess(listen_port,
-                         std::filesystem::temp_directory_path() / ("lanewright_proc_" + std::to_string(::getpid()))) {
+                         std::filesystem::temp_directory_path() /
+                             ("lanewright_proc_" + std::to_string(::getpid()) + "_" + std::to_string(listen_port)),
+                         {}, descriptor_limit) {
         owns_results = true;
     }
     // A service on a result folder that outlives it (a restart reads it again).
-    ServiceProcess(unsigned listen_port, std::filesystem::path results_root, std::vector<std::string> extra = {})
+    ServiceProcess(unsigned listen_port, std::filesystem::path results_root, std::vector<std::string> extra = {},
+                   rlim_t descriptor_limit = 0)
         : port(listen_port), results(std::move(results_root)) {
         int pipe_fds[2];
         if (::pipe(pipe_fds) != 0) throw std::runtime_error("pipe");
@@ -42,6 +48,10 @@ struct ServiceProcess {
         argv.push_back(nullptr);
         pid = ::fork();
         if (pid == 0) {
+            if (descriptor_limit != 0) {
+                const rlimit limit{descriptor_limit, descriptor_limit};
+                ::setrlimit(RLIMIT_NOFILE, &limit);
+            }
             ::dup2(pipe_fds[1], STDOUT_FILENO);
             ::close(pipe_fds[0]);
             ::execv(LANEWRIGHT_SIM_PATH, argv.data());

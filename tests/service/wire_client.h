@@ -109,8 +109,9 @@ inline HttpResponse request(unsigned port, const std::string& method, const std:
                             const std::string& body = "",
                             const std::map<std::string, std::string>& headers = {}) {
     const int fd = connect_local(port);
-    std::string text = method + " " + path + " HTTP/1.1\r\nHost: localhost:" + std::to_string(port) +
-                       "\r\nConnection: close\r\n";
+    // A "Host" among the headers replaces the usual one.
+    std::string text = method + " " + path + " HTTP/1.1\r\nConnection: close\r\n";
+    if (!headers.count("Host")) text += "Host: localhost:" + std::to_string(port) + "\r\n";
     for (const auto& [name, value] : headers) text += name + ": " + value + "\r\n";
     if (method == "POST") text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     text += "\r\n" + body;
@@ -129,9 +130,9 @@ inline HttpResponse request(unsigned port, const std::string& method, const std:
 class WsClient {
 public:
     WsClient(unsigned port, const std::map<std::string, std::string>& headers = {}) : _fd(connect_local(port)) {
-        std::string text = "GET /ws HTTP/1.1\r\nHost: localhost:" + std::to_string(port) +
-                           "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        std::string text = "GET /ws HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n";
+        if (!headers.count("Host")) text += "Host: localhost:" + std::to_string(port) + "\r\n";
         for (const auto& [name, value] : headers) text += name + ": " + value + "\r\n";
         send_all(_fd, text + "\r\n");
         std::string raw;
@@ -151,7 +152,13 @@ public:
     void send_frame(uint8_t opcode, const std::string& payload) {
         std::string frame;
         frame.push_back(static_cast<char>(0x80 | opcode));
-        frame.push_back(static_cast<char>(0x80 | payload.size()));  // short payloads only
+        if (payload.size() < 126) {
+            frame.push_back(static_cast<char>(0x80 | payload.size()));
+        } else {  // up to 64 KiB
+            frame.push_back(static_cast<char>(0x80 | 126));
+            frame.push_back(static_cast<char>(payload.size() >> 8));
+            frame.push_back(static_cast<char>(payload.size() & 0xFF));
+        }
         const uint8_t mask[4] = {0x12, 0x34, 0x56, 0x78};
         frame.append(reinterpret_cast<const char*>(mask), 4);
         for (std::size_t i = 0; i < payload.size(); ++i) frame.push_back(static_cast<char>(payload[i] ^ mask[i % 4]));

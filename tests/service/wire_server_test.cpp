@@ -1,5 +1,9 @@
 #include <atomic>
+#include <cstdlib>
+#include <fstream>
 #include <thread>
+
+#include <zlib.h>
 
 #include <gtest/gtest.h>
 
@@ -30,6 +34,47 @@ INSTANTIATE_TEST_SUITE_P(
                       DecodeCase{"aX|Xb", "a\\b"}, DecodeCase{"%2C%3B", "},},"}, DecodeCase{"a%3Db", "a,b"},
                       DecodeCase{"%5Bx%5D", "{x"}, DecodeCase{"%E2%82%AC", "`"}, DecodeCase{"a%20%20b", "a  b"},
                       DecodeCase{"%7B%22k%22%3A1%7D", "{\"k\":1}"}, DecodeCase{"%zz%", "%zz%"}));
+
+std::string gunzip(const std::string& data) {
+    z_stream stream{};
+    inflateInit2(&stream, 15 + 16);
+    std::string out(1 << 20, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    stream.avail_in = static_cast<uInt>(data.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    inflate(&stream, Z_FINISH);
+    out.resize(stream.total_out);
+    inflateEnd(&stream);
+    return out;
+}
+
+TEST(WireServerFiles, HashedAssetsAreCachedForGoodAndSentCompressedWhenAccepted) {
+    const auto& service = running_service();
+    std::string script;
+    for (int i = 0; i < 200; ++i) script += "export const value" + std::to_string(i) + " = " + std::to_string(i) + ";\n";
+    std::ofstream(service.ui_folder / "static" / "index-Ab3dE9_x.js") << script;
+    const std::string path = "/static/index-Ab3dE9_x.js";
+
+    const auto plain = request(service.port, "GET", path);
+    EXPECT_EQ(plain.body, script);
+    EXPECT_EQ(plain.headers.at("cache-control"), "public, max-age=31536000, immutable");
+    EXPECT_EQ(plain.headers.count("content-encoding"), 0u);
+    for (const char* accepted : {"gzip", "deflate, gzip;q=0.5", "br, GZIP"}) {
+        const auto packed = request(service.port, "GET", path, "", {{"Accept-Encoding", accepted}});
+        EXPECT_EQ(packed.headers.at("content-encoding"), "gzip") << accepted;
+        EXPECT_LT(packed.body.size(), script.size() / 2) << accepted;
+        EXPECT_EQ(gunzip(packed.body), script) << accepted;
+    }
+    EXPECT_EQ(request(service.port, "GET", path, "", {{"Accept-Encoding", "gzip;q=0"}}).body, script);
+    // Files without a content hash, the page and the API are never kept.
+    for (const char* other : {"/static/js/app.js", "/", "/api/GetLANEWRIGHTVersion"}) {
+        EXPECT_EQ(request(service.port, "GET", other).headers.at("cache-control"), "no-store") << other;
+    }
+    for (const char* name : {"index-settings.js", "index-Ab3dE9.js", "Ab3dE9_x.js", "app-Ab3dE9_x"}) {
+        EXPECT_FALSE(PortHall::is_hashed_asset(name)) << name;
+    }
+}
 
 TEST(WireServerFiles, IndexStaticAndNotFoundTexts) {
     const unsigned port = running_service().port;
@@ -86,6 +131,103 @@ TEST(WireServerOrigin, ForeignOriginMayNotChangeState) {
     EXPECT_EQ(foreign_socket.status, 403);
     WsClient own_socket(port, {{"Origin", own}});
     EXPECT_EQ(own_socket.status, 101);
+    WsClient rebound_socket(port, {{"Host", "evil.example:" + std::to_string(port)},
+                                   {"Origin", "http://evil.example:" + std::to_string(port)}});
+    EXPECT_EQ(rebound_socket.status, 403);
+}
+
+struct HostCase {
+    std::string host;
+    bool allowed;
+    friend void PrintTo(const HostCase& c, std::ostream* os) { *os << '"' << c.host << '"'; }
+};
+class HostCheckTest : public ::testing::TestWithParam<HostCase> {};
+
+TEST_P(HostCheckTest, OnlyAddressesAndOwnNamesPass) {
+    EXPECT_EQ(PortHall::host_is_allowed(GetParam().host, {"localhost", "bench-7", "lab.example"}), GetParam().allowed);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hosts, HostCheckTest,
+    ::testing::Values(HostCase{"127.0.0.1:9970", true}, HostCase{"10.1.2.3", true}, HostCase{"[::1]:9970", true},
+                      HostCase{"[fe80::1]", true}, HostCase{"LocalHost.:9970", true}, HostCase{"bench-7", true},
+                      HostCase{"lab.example:80", true}, HostCase{"evil.example:9970", false},
+                      HostCase{"localhost.evil.example", false}, HostCase{"127.0.0.1.evil.example", false},
+                      HostCase{"localhost:99x", false}, HostCase{"[::1", false}, HostCase{"[::1]x", false},
+                      HostCase{"[evil]:80", false}, HostCase{"", false}, HostCase{"0x7f.1", false}));
+
+TEST(HostCheck, ListsOwnNamesAndTheConfiguredOnes) {
+    ::setenv("LANEWRIGHT_ALLOWED_HOSTS", " lab-a.example , ,lab-b ", 1);
+    const auto names = PortHall::allowed_host_names();
+    ::unsetenv("LANEWRIGHT_ALLOWED_HOSTS");
+    char own[256] = {};
+    ::gethostname(own, sizeof(own) - 1);
+    for (const std::string expected : {std::string("localhost"), std::string(own), std::string("lab-a.example"), std::string("lab-b")}) {
+        EXPECT_NE(std::find(names.begin(), names.end(), expected), names.end()) << expected;
+    }
+    EXPECT_EQ(std::count(names.begin(), names.end(), ""), 0);
+}
+
+struct GateCase {
+    std::string name, method, path, body;
+    std::map<std::string, std::string> headers;
+    int status;
+    std::string reason;  // a part of the answer
+    friend void PrintTo(const GateCase& c, std::ostream* os) { *os << c.name; }
+};
+class GateTest : public ::testing::TestWithParam<GateCase> {};
+
+std::string nested(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+std::string nested_objects(std::size_t depth) {
+    std::string text;
+    for (std::size_t i = 0; i < depth; ++i) text += R"({"a":)";
+    return text + "1" + std::string(depth, '}');
+}
+
+TEST_P(GateTest, AnswersWithItsReason) {
+    const auto& c = GetParam();
+    auto headers = c.headers;
+    for (auto& [name, value] : headers) {
+        if (value.find("PORT") != std::string::npos) value.replace(value.find("PORT"), 4, std::to_string(running_service().port));
+    }
+    const auto answer = request(running_service().port, c.method, c.path, c.body, headers);
+    EXPECT_EQ(answer.status, c.status) << answer.body;
+    EXPECT_NE(answer.body.find(c.reason), std::string::npos) << answer.body;
+    EXPECT_EQ(answer.body.find('\n'), std::string::npos);
+}
+
+const std::map<std::string, std::string> kEvilHost{{"Host", "evil.example:PORT"}};
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, GateTest,
+    ::testing::Values(
+        GateCase{"DeepArrayOnEchoRoute", "POST", "/api/1.0/SetCountersLogging", nested(80000), {}, 400, "deeper than 64"},
+        GateCase{"DeepObjectOnPortRun", "POST", "/api/1.0/StartPortStatusContinuousRun", nested_objects(50000), {},
+                    400, "deeper than 64"},
+        GateCase{"DeepKeyInQueuedRecord", "POST", "/api/1.0/AddTestToQueue",
+                    R"({"Operation":"PCIe Margin","x":)" + nested(64) + "}", {}, 400, "deeper than 64"},
+        // 64 levels in all still parse; the handler then looks for its keys.
+        GateCase{"SixtyFourLevelsParse", "POST", "/api/1.0/SetLinkWidth", R"({"x":)" + nested(63) + "}", {},
+                    400, "Malformed request"},
+        GateCase{"BodyOverOneMiB", "POST", "/api/1.0/SetL0Enabled", std::string(1024 * 1024 + 1, ' '), {}, 413,
+                    "larger than 1 MiB"},
+        GateCase{"RecordOver64KiB", "POST", "/api/1.0/AddTestToQueue",
+                    R"({"Operation":"PCIe Margin","Pad":")" + std::string(65536, 'a') + "\"}", {}, 200,
+                    R"("ErrMsg":"Test record larger than 64 KiB")"},
+        GateCase{"ForeignHostReading", "GET", "/api/1.0/GetPCIEDeviceListForMargin", "", kEvilHost, 403,
+                    "not this machine's"},
+        GateCase{"RebindingWithMatchingOrigin", "POST", "/api/1.0/SetLogLinkStatus", R"({"checked":true})",
+                    {{"Host", "evil.example:PORT"}, {"Origin", "http://evil.example:PORT"}}, 403, "not this machine's"},
+        GateCase{"ForeignHostOnStaticFiles", "GET", "/static/js/app.js", "", kEvilHost, 403, "not this machine's"},
+        GateCase{"AddressLiteralHost", "GET", "/api/GetLANEWRIGHTVersion", "", {{"Host", "127.0.0.1:PORT"}}, 200,
+                    "Tool_Version"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(WireServerEnd, ConnectionCapLeavesDescriptorsSpare) {
+    EXPECT_EQ(PortHall::connection_cap(1024), 768u);
+    EXPECT_EQ(PortHall::connection_cap(200), PortHall::kMinConnections);
+    EXPECT_EQ(PortHall::connection_cap(1u << 20), PortHall::kMaxConnections);
+    EXPECT_GE(PortHall::raise_open_file_limit(), 1024u);
 }
 
 using wire_test::wait_for_connections;
