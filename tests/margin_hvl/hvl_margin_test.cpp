@@ -5,6 +5,8 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -202,6 +204,7 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
         json fault;
         std::string reason;  // empty: the lane completes
         unsigned int margin = 0;
+        std::vector<std::string> console;  // lines the console must show
     };
     const Case cases[] = {
         {"firmware version 4", {{"type", "hvl_firmware_version"}, {"socket", 0}, {"link", "G1"}, {"version", 4}},
@@ -212,13 +215,19 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
          "Error: CorvaneVersionCheck::operator(). Override not working."},
         {"link drops at offset 5", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 5}}, "", 4},
         {"link drops at offset 1", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 1}},
-         "Margin Failed. Link not in L0 state."},
-        {"link never in L0", {{"type", "hvl_link_down"}, {"socket", 1}, {"link", "G3"}}, "Margin failed at offset zero"},
+         "Margin Failed. Link not in L0 state.", 0,
+         {"At Offset 0 for non L0 back and forth\n", "Margin failed for lane:0 of Link:G1 as Link not in L0 state\n"}},
+        {"link never in L0", {{"type", "hvl_link_down"}, {"socket", 1}, {"link", "G3"}}, "Margin failed at offset zero",
+         0, {"Margin failed at offset zero for lane:0 of Link:G1\n"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         boot(json::array({c.fault}));
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         const json results = run({0, 1});
+        const std::string console = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+        for (const std::string& line : c.console) EXPECT_NE(console.find(line), std::string::npos) << line;
         ASSERT_FALSE(results.empty());
         const json& lane = results.at(0);
         if (c.reason.empty()) {
