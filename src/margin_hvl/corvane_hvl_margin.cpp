@@ -93,7 +93,9 @@ bool CorvanehVLMargin::margin_at_offset(Direction direction, unsigned int offset
         if (after == kSaturated) break;
     }
     OffsetData& record = offsets.back();
-    record.err_cnt = after - before;
+    // A count that went backwards was reset under us: what it lost is
+    // unknown, so the offset counts as saturated, as a slice does.
+    record.err_cnt = after >= before ? after - before : kSaturated;
     if (_operations->get_ber_exceeded_flag(_lane)) record.err_cnt = 255;
     if (_operations->check_link_state(_lane) != 1) {
         record.message = kNotL0;

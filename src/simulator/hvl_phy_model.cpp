@@ -16,7 +16,7 @@ namespace {
 using nlohmann::json;
 namespace e32 = chips::e32;
 
-constexpr int64_t kGrantDelayNs = 1'000'000, kBusyNs = 100'000, kRetrainNs = 1'000'000;
+constexpr int64_t kGrantDelayNs = 1'000'000, kBusyNs = 100'000, kRetrainNs = 1'000'000, kFlapNs = 10'000'000;
 constexpr uint32_t kStateL0 = 0x81, kStateRecovery = 0x04;
 constexpr uint32_t kCountEnableBit = 1u << 21, kCountClearBit = 1u << 23;
 constexpr uint32_t kBerFlagBit = 1u << 6, kRecoveredBit = 1u << 17;
@@ -55,6 +55,10 @@ struct EndState {
     uint32_t perf_event = 0, recoveries = 0;
     unsigned drop_past_edge = 6;
     std::optional<unsigned> drop_offset;
+    std::optional<unsigned> flap_offset;
+    unsigned flap_visit = 1, flap_visits = 0;
+    ModelDeadline flap;
+    bool count_backwards = false;
 };
 
 struct LinkShared {
@@ -99,6 +103,11 @@ void advance(EndState& end, const ModelTime& now) {
         if (!(end.mask & kBerFlagBit)) drop(*end.link);
     }
     if (end.control & kCountEnableBit) end.count = std::min(255.0, end.count + rate * seconds);
+    if (end.flap.active() && end.flap.expired(now)) {
+        end.flap.clear();
+        if (end.control & kCountEnableBit) end.count = 255;
+        drop(*end.link);
+    }
 }
 
 bool at_trained_point(const LinkShared& link) {
@@ -148,7 +157,8 @@ uint32_t capability(const EndState& end, const LaneState& lane, unsigned index) 
 void run_command(EndState& end, LaneState& lane, uint32_t code, uint32_t parameter, const ModelTime& now) {
     switch (code & 0xFF) {
     case e32::kCmdRxMargin: {
-        advance(end, now);
+        // A retrain that ran out before this command completes first.
+        touch(end, now);
         lane.phase = static_cast<int8_t>(parameter & 0xFF);
         lane.voltage = static_cast<int8_t>((parameter >> 8) & 0xFF);
         if (end.link && end.link->up) {
@@ -158,6 +168,8 @@ void run_command(EndState& end, LaneState& lane, uint32_t code, uint32_t paramet
             const unsigned reach = std::max(std::abs(lane.phase), std::abs(lane.voltage));
             if (past >= static_cast<int>(end.drop_past_edge) || (end.drop_offset && reach >= *end.drop_offset))
                 drop(*end.link);
+            if (end.flap_offset && reach == *end.flap_offset && ++end.flap_visits == end.flap_visit)
+                end.flap.start(now, kFlapNs);
         }
         if (end.link) update_link(*end.link, now);
         break;
@@ -257,7 +269,7 @@ void attach_mailboxes(RegisterSpace* space, const chips::McuMailboxes& boxes, un
 
 bool is_hvl_fault(const std::string& type) {
     return type == "hvl_override_never_granted" || type == "hvl_link_drop" || type == "hvl_link_down" ||
-           type == "hvl_firmware_version" ||
+           type == "hvl_link_flap" || type == "hvl_error_count_backwards" || type == "hvl_firmware_version" ||
            type == "hvl_active_cache_invalid" || type == "mailbox_silent";
 }
 
@@ -296,10 +308,14 @@ std::vector<HvlFault> read_hvl_faults(const json& faults, const std::vector<Sock
         }
         if (fault.type == "hvl_override_never_granted" && entry.contains("grants"))
             fault.value = whole(entry.at("grants"), path + ".grants");
-        if (fault.type == "hvl_link_drop") {
+        if (fault.type == "hvl_link_drop" || fault.type == "hvl_link_flap") {
             if (!entry.contains("offset")) fail(path, "missing field 'offset'");
             fault.value = whole(entry.at("offset"), path + ".offset");
             if (fault.value == 0 || fault.value > 127) fail(path + ".offset", "expected 1 to 127");
+        }
+        if (fault.type == "hvl_link_flap" && entry.contains("visit")) {
+            fault.visit = whole(entry.at("visit"), path + ".visit");
+            if (fault.visit == 0) fail(path + ".visit", "expected 1 or more");
         }
         if (fault.type == "hvl_firmware_version") {
             if (!entry.contains("version")) fail(path, "missing field 'version'");
@@ -337,6 +353,11 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
             EndState* e = end.get();
             if (const HvlFault* f = find_fault(faults, "hvl_firmware_version", s, link.name)) e->version = f->value;
             if (const HvlFault* f = find_fault(faults, "hvl_link_drop", s, link.name)) e->drop_offset = f->value;
+            if (const HvlFault* f = find_fault(faults, "hvl_link_flap", s, link.name)) {
+                e->flap_offset = f->value;
+                e->flap_visit = f->visit;
+            }
+            e->count_backwards = find_fault(faults, "hvl_error_count_backwards", s, link.name) != nullptr;
             const unsigned layout = e->version >= 1 && e->version <= 3 ? e->version : 3;
             const auto [word0, word1] = version_words(layout);
             const uint32_t firmware = e32::firmware_base(link.chiplet_base.at(0));
@@ -448,7 +469,8 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
                             });
             space->on_read(at("PCS_HVL3X16_PCS_ERROR_STATUS1"), [e](uint32_t, const ModelTime& now) {
                 touch(*e, now);
-                return (e->status1 & 0x00FFFFFFu) | static_cast<uint32_t>(e->count) << 24;
+                const auto count = static_cast<uint32_t>(e->count);
+                return (e->status1 & 0x00FFFFFFu) | (e->count_backwards ? 255 - count : count) << 24;
             });
             space->on_write(at("PCS_HVL3X16_PCS_ERROR_STATUS1"),
                             [e](uint32_t, uint32_t& value, uint32_t, const ModelTime& now) {

@@ -46,6 +46,11 @@ namespace sim {
 //   {"type": "hvl_override_never_granted", "socket", "link", "lane"?, "grants"?}
 //       the override is granted for the first "grants" requests (default 0)
 //   {"type": "hvl_link_drop", "socket", "link", "offset"}   any lane past offset
+//   {"type": "hvl_link_flap", "socket", "link", "offset", "visit"?}   the
+//       visit-th margin command to exactly offset (default the first) fills
+//       the error counter and drops the link 10 ms later
+//   {"type": "hvl_error_count_backwards", "socket", "link"}   the counter
+//       counts down from 255, which a clear reloads
 //   {"type": "hvl_link_down", "socket", "link"}   the link never reaches L0
 //   {"type": "hvl_firmware_version", "socket", "link", "version"}
 //   {"type": "hvl_active_cache_invalid", "socket", "link", "lane"}
@@ -56,6 +61,7 @@ struct HvlFault {
     std::string link;
     std::optional<unsigned> lane;
     unsigned value = 0;  // offset, version
+    unsigned visit = 1;
     std::string mailbox;
 };
 bool is_hvl_fault(const std::string& type);

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -125,24 +127,36 @@ TEST_F(HvlOnModel, FullMarginFindsEachLanesEyeAndRestoresTheReceiver) {
 // The walk that follows the scan: a plain walk-back at a 50 ms dwell and on
 // the timing sides, the back-and-forth walk in slices elsewhere; Top and
 // Bottom scan three times, each pass retesting where the last one stopped.
+// A counter that runs backwards counts 255, in the scan and in a slice; a
+// slice in which the link leaves L0 is thrown away, so the burst of errors
+// that came with the drop doesn't move the edge.
 TEST_F(HvlOnModel, TheScanAndTheWalkBackFollowDwellAndDirection) {
-    boot();
+    const json backwards = {{"type", "hvl_error_count_backwards"}, {"socket", 0}, {"link", "G1"}};
+    // Visits to offset 20: the scan's, the walk's first command there, then
+    // the first slice's.
+    const json flap = {{"type", "hvl_link_flap"}, {"socket", 0}, {"link", "G1"}, {"offset", 20}, {"visit", 3}};
     struct Case {
         const char* name;
         CorvanehVLMargin::Direction direction;
         unsigned int dwell_ms, edge, scan_passes;
         bool back_and_forth;
+        json fault;
+        unsigned int past_edge_count = 0;  // what every record past the edge holds; 0: any count over the limit
     };
     const Case cases[] = {
-        {"Top at 50 ms", CorvanehVLMargin::Top, 50, 20, 3, false},
-        {"Top at full dwell", CorvanehVLMargin::Top, 329, 20, 3, true},
-        {"Bottom at full dwell", CorvanehVLMargin::Bottom, 329, 17, 3, true},
-        {"Right at full dwell", CorvanehVLMargin::Right, 329, 13, 1, false},
+        {"Top at 50 ms", CorvanehVLMargin::Top, 50, 20, 3, false, nullptr},
+        {"Top at full dwell", CorvanehVLMargin::Top, 329, 20, 3, true, nullptr},
+        {"Bottom at full dwell", CorvanehVLMargin::Bottom, 329, 17, 3, true, nullptr},
+        {"Right at full dwell", CorvanehVLMargin::Right, 329, 13, 1, false, nullptr},
+        {"Top in slices, counter backwards", CorvanehVLMargin::Top, 329, 20, 3, true, backwards, 255},
+        {"Right, counter backwards", CorvanehVLMargin::Right, 329, 13, 1, false, backwards, 255},
+        {"Top in slices, link drops in a slice at the edge", CorvanehVLMargin::Top, 329, 20, 3, true, flap},
     };
-    const auto store = get_register_store(die0);
-    auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die0));
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
+        boot(c.fault.is_null() ? json::array() : json::array({c.fault}));
+        const auto store = get_register_store(die0);
+        auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die0));
         auto commands = std::make_shared<CorvaneE32PCSCommands>("G1", 0, store);
         auto lanes = get_lane_generic_info(die0);
         CorvanehVLMargin engine("G1", 0, store, std::make_shared<CorvaneVersionCheck>("G1", die0, commands), commands,
@@ -154,6 +168,11 @@ TEST_F(HvlOnModel, TheScanAndTheWalkBackFollowDwellAndDirection) {
         ASSERT_TRUE(engine.margin(c.direction, 64, c.dwell_ms, 5, offsets, error)) << error;
         commands->disable_override();
         EXPECT_EQ(offsets.back().offset, c.edge);
+        for (const OffsetData& record : offsets) {
+            if (record.offset <= c.edge) EXPECT_LE(record.err_cnt, 5u) << "at " << record.offset;
+            else if (c.past_edge_count) EXPECT_EQ(record.err_cnt, c.past_edge_count) << "at " << record.offset;
+            else EXPECT_GT(record.err_cnt, 5u) << "at " << record.offset;
+        }
         // Scan: 0 .. edge + 1, then edge + 1 once more per further pass.
         unsigned int scan_end = 0;
         while (offsets[scan_end].offset == scan_end && scan_end <= c.edge + 1) ++scan_end;
@@ -163,6 +182,7 @@ TEST_F(HvlOnModel, TheScanAndTheWalkBackFollowDwellAndDirection) {
         // The back-and-forth walk ends by repeating its best record.
         EXPECT_EQ(before_last.offset, c.back_and_forth ? c.edge : c.edge + 1);
         EXPECT_EQ(offsets.size(), scan_end + (c.scan_passes - 1) + (c.back_and_forth ? 3 : 2));
+        EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_STATE_HIST1", "G1")->read() & 0xFFu, 0x81u);
     }
     EXPECT_EQ(hvl_scan_limit(5, 50), 5u) << "no 1 added at or under 50 ms";
     EXPECT_EQ(hvl_scan_limit(5, 329), 2u);
@@ -184,6 +204,7 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
         json fault;
         std::string reason;  // empty: the lane completes
         unsigned int margin = 0;
+        std::vector<std::string> console;  // lines the console must show
     };
     const Case cases[] = {
         {"firmware version 4", {{"type", "hvl_firmware_version"}, {"socket", 0}, {"link", "G1"}, {"version", 4}},
@@ -194,13 +215,19 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
          "Error: CorvaneVersionCheck::operator(). Override not working."},
         {"link drops at offset 5", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 5}}, "", 4},
         {"link drops at offset 1", {{"type", "hvl_link_drop"}, {"socket", 0}, {"link", "G1"}, {"offset", 1}},
-         "Margin Failed. Link not in L0 state."},
-        {"link never in L0", {{"type", "hvl_link_down"}, {"socket", 1}, {"link", "G3"}}, "Margin failed at offset zero"},
+         "Margin Failed. Link not in L0 state.", 0,
+         {"At Offset 0 for non L0 back and forth\n", "Margin failed for lane:0 of Link:G1 as Link not in L0 state\n"}},
+        {"link never in L0", {{"type", "hvl_link_down"}, {"socket", 1}, {"link", "G3"}}, "Margin failed at offset zero",
+         0, {"Margin failed at offset zero for lane:0 of Link:G1\n"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         boot(json::array({c.fault}));
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         const json results = run({0, 1});
+        const std::string console = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+        for (const std::string& line : c.console) EXPECT_NE(console.find(line), std::string::npos) << line;
         ASSERT_FALSE(results.empty());
         const json& lane = results.at(0);
         if (c.reason.empty()) {
