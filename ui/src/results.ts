@@ -24,11 +24,12 @@ export function input_of_stamp(stamp: string): string {
 }
 
 /**
- * Picoseconds in one UI at a link speed such as "16 GT/s". 64 GT/s signals
+ * Picoseconds in one UI at a link speed such as "16 GT/s" or "32Gts". 64 GT/s signals
  * four levels at 32 GBd, so its UI is that of 32 GT/s. null when unknown.
  */
 export function ui_ps_of_speed(speed: unknown): number | null {
-  const m = typeof speed === 'string' ? /([\d.]+)\s*GT\/s/.exec(speed) : null;
+  // An hVL link writes its rate as "32Gts".
+  const m = typeof speed === 'string' ? /([\d.]+)\s*GT\/?s/i.exec(speed) : null;
   const rate = m ? Number(m[1]) : NaN;
   if (!(rate > 0)) return null;
   return 1000 / (rate >= 64 ? rate / 2 : rate);

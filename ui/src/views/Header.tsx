@@ -1,10 +1,11 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'queue' | 'results';
+export type Screen = 'devices' | 'new' | 'hvl' | 'queue' | 'results';
 
 const TABS: { screen: Screen; label: string }[] = [
   { screen: 'devices', label: 'Devices' },
   { screen: 'new', label: 'New test' },
+  { screen: 'hvl', label: 'hVL links' },
   { screen: 'queue', label: 'Queue' },
   { screen: 'results', label: 'Results' },
 ];
