@@ -1,7 +1,7 @@
 import { describe, expect, it } from 'vitest';
 import { error_map, step_sizes } from './chart_data';
 import { build_hvl_record, default_hvl_form, equalisation, hvl_lane_rows, hvl_links, hvl_ui_ps, link_key, link_row, type HvlForm } from './hvl';
-import type { HVLLink, ResultDocument } from './types';
+import type { HVLLink, LaneMargin, ResultDocument } from './types';
 
 const g1: HVLLink = {
   SERDES: { DeviceName: 'Die S0', SERDES: 'G1' },
@@ -74,7 +74,7 @@ describe('hVL result lanes', () => {
     expect(rows[1]).toMatchObject({ lane: 6, error: 'Margin failed at offset zero', right: ['–', '–'], eyeWidth: '–' });
   });
 
-  it.each<[string, object[], object, number | null]>([
+  it.each<[string, LaneMargin[], object, number | null]>([
     ['the report\'s own UI', [{ Margins: { UIps: 40 } }, lane(0)], {}, 40],
     ['a lane\'s data rate', [lane(0)], { Speed: '16Gts' }, 31.25],
     ['the link\'s rate', [{}], { Speed: '16Gts' }, 62.5],
