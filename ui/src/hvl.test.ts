@@ -65,13 +65,18 @@ const lane = (id: number, extra: object = {}) => ({
 
 describe('hVL result lanes', () => {
   it('shows each side in steps and in UI (ps) or mV, and the lanes that failed', () => {
-    const rows = hvl_lane_rows([lane(7), lane(6, { ErrorPresent: true, ErrorMsg: 'Margin failed at offset zero', PhaseRightOffset: undefined, PhaseRightMargin: undefined })], 31.25);
+    const rows = hvl_lane_rows([lane(7), lane(6, { ErrorPresent: true, ErrorMsg: 'Margin failed at offset zero' }), lane(5, { PhaseRightOffset: undefined, PhaseRightMargin: 'x' })], 31.25);
     expect(rows[0]).toEqual({
       lane: 7, error: null,
       left: ['12', '0.188 UI (5.9 ps)'], right: ['10', '0.156 UI (4.9 ps)'], top: ['9', '36.0 mV'], bottom: ['11', '44.0 mV'],
       eyeWidth: '0.344 UI (10.7 ps)', eyeHeight: '80.0 mV',
     });
-    expect(rows[1]).toMatchObject({ lane: 6, error: 'Margin failed at offset zero', right: ['–', '–'], eyeWidth: '–' });
+    // A failed lane's figures were never measured, whatever it holds.
+    expect(rows[1]).toEqual({
+      lane: 6, error: 'Margin failed at offset zero',
+      left: ['–', '–'], right: ['–', '–'], top: ['–', '–'], bottom: ['–', '–'], eyeWidth: '–', eyeHeight: '–',
+    });
+    expect(rows[2]).toMatchObject({ lane: 5, error: null, right: ['–', '–'], eyeWidth: '–', eyeHeight: '80.0 mV' });
   });
 
   it.each<[string, LaneMargin[], object, number | null]>([

@@ -4,7 +4,7 @@
 // socket and link ("s0.G1") since the die's long name is the same for all
 // links of a die.
 import { lane_objects, lane_number, margin_chart_data } from './chart_data';
-import { ber_label, lanes_label, text_of } from './format';
+import { ber_label, lanes_label, rate_label, text_of } from './format';
 import { check_errcnt, check_lanes_and_ber, default_choices, type FormErrors } from './record';
 import { mv_label, timing_label, ui_ps_of_speed } from './results';
 import type { HVLCtrlInfo, HVLLink, HVLRecord, LaneMargin, ResultDocument } from './types';
@@ -29,12 +29,6 @@ export function partner_label(info: Partial<HVLCtrlInfo> | undefined): string {
 /** The select's value for one end: die and link together are unique. */
 export function link_key(link: HVLLink): string {
   return `${link.HVLCtrlInfo.DeviceName}|${link.HVLCtrlInfo.SERDES}`;
-}
-
-/** "32Gts" -> "32 GT/s"; other forms as they came. */
-export function rate_label(speed: unknown): string {
-  const m = typeof speed === 'string' ? /^\s*([\d.]+)\s*Gts\s*$/.exec(speed) : null;
-  return m ? `${m[1]} GT/s` : text_of(speed);
 }
 
 export function hvl_links(answer: unknown): HVLLink[] {
@@ -159,8 +153,21 @@ export interface HvlLaneRow {
 /** A count or register value as it came, a dash when absent. */
 const step_text = (value: unknown) => (finite(value) === null ? '–' : String(value));
 
+const MEASURED = /^(Phase|Volt)\w*(Margin|Offset)$/;
+
+/**
+ * The lanes of a report with the figures of a failed lane taken out: what
+ * such a lane holds (often zeros) was never measured, so it is neither
+ * shown nor charted, nor taken for the worst lane.
+ */
+export function measured_lanes(full: unknown): LaneMargin[] {
+  return lane_objects(full).map((lane) =>
+    lane.ErrorPresent === true ? Object.fromEntries(Object.entries(lane).filter(([key]) => !MEASURED.test(key))) : lane,
+  );
+}
+
 export function hvl_lane_rows(full: unknown, uiPs: number | null): HvlLaneRow[] {
-  const lanes = lane_objects(full);
+  const lanes = measured_lanes(full);
   const chart = margin_chart_data(lanes, uiPs);
   return lanes.map((lane, i) => {
     const failed = lane.ErrorPresent === true;

@@ -1,7 +1,7 @@
 // What the results screen shows of the archive: finish times with year and
 // seconds, figures in one unit per quantity with a dash for a test that did
 // not measure, grades, and the record a result can be queued again from.
-import { ber_label, lanes_label, text_of } from './format';
+import { ber_label, lanes_label, rate_label, text_of } from './format';
 import type { Grade, GradeName, JsonObject, ResultDocument, ResultSummary, ResultsPage } from './types';
 
 const STAMP = /^(\d{4})_(\d{2})_(\d{2})-(\d{2})_(\d{2})_(\d{2})$/;
@@ -150,7 +150,7 @@ export function summary_cells(s: ResultSummary) {
     receiver: s.Receiver === null ? '' : String(s.Receiver),
     lanes: lanes_label(s.Lanes),
     ber: s.BER ? ber_label(s.BER) : '',
-    link: [s.Speed, s.Width].filter(Boolean).join(' '),
+    link: [rate_label(s.Speed), s.Width.trim()].filter(Boolean).join(' '),
     left: timing_label(s.PhaseLeftUI, uiPs),
     right: timing_label(s.PhaseRightUI, uiPs),
     top: mv_label(s.VoltTopMV),

@@ -4,8 +4,8 @@
 // it finished.
 import { useMemo } from 'preact/hooks';
 import { margin_chart_data } from '../chart_data';
-import { ber_label, lanes_label, text_of } from '../format';
-import { equalisation, hvl_lane_rows, rate_label, RX_EQ, TX_EQ } from '../hvl';
+import { ber_label, lanes_label, rate_label, text_of } from '../format';
+import { equalisation, hvl_lane_rows, measured_lanes, RX_EQ, TX_EQ } from '../hvl';
 import { lanes_of } from '../push';
 import type { LaneMargin, ResultDocument } from '../types';
 import { MarginChart } from './MarginChart';
@@ -102,7 +102,7 @@ function Equalisation({ lanes }: { lanes: ReturnType<typeof equalisation>[] }) {
 
 /** The figures of an hVL result; the caller shows the status line and the offset records. */
 export function HvlResult({ doc, full, uiPs }: { doc: ResultDocument; full: LaneMargin[]; uiPs: number | null }) {
-  const chart = useMemo(() => margin_chart_data(full, uiPs), [full, uiPs]);
+  const chart = useMemo(() => margin_chart_data(measured_lanes(full), uiPs), [full, uiPs]);
   const rows = useMemo(() => hvl_lane_rows(full, uiPs), [full, uiPs]);
   const status = text_of(doc.TestOutput?.Status);
   const params = doc.TestParams ?? {};

@@ -3,7 +3,8 @@
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { get_hvl_links } from '../api';
 import { errcnt_range, type FormErrors } from '../record';
-import { build_hvl_record, default_hvl_form, hvl_record_text, link_key, link_label, link_row, LINK_COLUMNS, partner_label, rate_label, type HvlForm } from '../hvl';
+import { build_hvl_record, default_hvl_form, hvl_record_text, link_key, link_label, link_row, LINK_COLUMNS, partner_label, type HvlForm } from '../hvl';
+import { rate_label } from '../format';
 import type { HVLLink } from '../types';
 import { EmptyRow } from './common';
 import { AnswerLine, EstimateLine, FieldError, MarginChoiceFields, useQueueAnswer } from './form_parts';
@@ -117,8 +118,8 @@ export function HvlView() {
               const info = l.HVLCtrlInfo;
               return (
                 <option key={link_key(l)} value={link_key(l)}>
-                  {link_label(info)} — {info.DeviceName} {info.SERDES}, {rate_label(info.Speed)} {String(info.Width ?? '').trim()}
-                  {info.PartnerSERDES ? `, to ${partner_label(info)}` : ''}
+                  {link_label(info)}
+                  {info.PartnerSERDES ? ` to ${partner_label(info)}` : ''}, {rate_label(info.Speed)} {String(info.Width ?? '').trim()} — {info.DeviceName}
                 </option>
               );
             })}
