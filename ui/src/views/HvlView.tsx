@@ -141,7 +141,7 @@ export function HvlView() {
 
         <span />
         <div class="actions">
-          <button type="submit" class="primary" disabled={queue.sending}>
+          <button type="submit" class="primary" disabled={queue.sending} data-testid="hv-submit">
             Queue hVL test
           </button>
         </div>
