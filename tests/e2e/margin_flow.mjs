@@ -5,130 +5,12 @@
 //
 // node margin_flow.mjs --sim <lanewright-sim> --artifacts <folder>
 //
-// Screenshots of every screen land in the artifacts folder, with the
-// service's console output (sim.log). Debian's Chromium drives the page;
-// playwright-core comes from ui/node_modules, installed by the build.
-import { spawn } from 'node:child_process';
-import { createRequire } from 'node:module';
+// Screenshots of every screen land in the artifacts folder as
+// margin-flow-*.png, with the service's console output (margin-flow-sim.log).
 import fs from 'node:fs';
-import net from 'node:net';
-import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 import assert from 'node:assert/strict';
-
-const here = path.dirname(fileURLToPath(import.meta.url));
-const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
-const { chromium } = requireFromUi('playwright-core');
-
-const CHROMIUM = '/usr/bin/chromium';
-// Generous bounds for conditions to become true; nothing here measures speed.
-const LONG_WAIT_MS = 150_000;
-const WAIT_MS = 30_000;
-
-function option(name, fallback) {
-  const at = process.argv.indexOf(name);
-  if (at >= 0 && at + 1 < process.argv.length) return process.argv[at + 1];
-  if (fallback === undefined) throw new Error(`missing ${name}`);
-  return fallback;
-}
-
-function free_port() {
-  return new Promise((resolve, reject) => {
-    const server = net.createServer();
-    server.unref();
-    server.on('error', reject);
-    server.listen(0, '127.0.0.1', () => {
-      const { port } = server.address();
-      server.close(() => resolve(port));
-    });
-  });
-}
-
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-
-async function wait_until(what, condition, timeoutMs = WAIT_MS) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    const value = await condition();
-    if (value) return value;
-    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
-    await sleep(100);
-  }
-}
-
-class Service {
-  constructor(simPath, artifacts) {
-    this.simPath = simPath;
-    this.log = fs.createWriteStream(path.join(artifacts, 'sim.log'));
-    this.exited = null;
-  }
-
-  async start() {
-    this.port = await free_port();
-    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-'));
-    this.base = `http://127.0.0.1:${this.port}`;
-    this.process = spawn(
-      this.simPath,
-      // Fast enough for a short test, slow enough that a margin spans several
-      // of the service's once-a-second queue pushes.
-      ['--port', String(this.port), '--results', this.results, '--time-scale', '500'],
-      { stdio: ['ignore', 'pipe', 'pipe'] },
-    );
-    this.process.stdout.pipe(this.log);
-    this.process.stderr.pipe(this.log);
-    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
-    await wait_until(
-      'the service to serve the page',
-      async () => {
-        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
-        try {
-          const response = await fetch(`${this.base}/`);
-          return response.ok && (await response.text()).includes('id="app"');
-        } catch {
-          return false;
-        }
-      },
-      60_000,
-    );
-  }
-
-  async stop() {
-    if (!this.process) return;
-    if (!this.exited) {
-      try {
-        await fetch(`${this.base}/stop`);
-      } catch {
-        // Already gone.
-      }
-      try {
-        await wait_until('the service to end', () => this.exited !== null, 20_000);
-      } catch {
-        this.process.kill('SIGKILL');
-      }
-    }
-    fs.rmSync(this.results, { recursive: true, force: true });
-  }
-}
-
-async function shot(page, artifacts, name) {
-  await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
-}
-
-async function open_page(browser, service, viewport = { width: 1280, height: 800 }) {
-  const context = await browser.newContext({ viewport, acceptDownloads: true });
-  const page = await context.newPage();
-  const problems = [];
-  page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-  page.on('console', (message) => {
-    if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
-  });
-  return { context, page, problems };
-}
-
-async function wait_live(page) {
-  await page.waitForSelector('[data-testid=connection].up', { timeout: WAIT_MS });
-}
+import { LONG_WAIT_MS, WAIT_MS, open_page, queue_row, run, wait_live, wait_until, watch_queue_row } from './harness.mjs';
 
 // A device the machine doesn't have, offered as margin-capable by a doctored
 // device list: the form accepts it and only the service can refuse it.
@@ -140,8 +22,8 @@ const GHOST = {
   NonDestMarginSupported: false,
 };
 
-async function check_form_errors_and_refusal(browser, service, artifacts) {
-  const { context, page, problems } = await open_page(browser, service);
+async function check_form_errors_and_refusal({ browser, service, shot }) {
+  const { context, page, problems } = await open_page(browser);
   await page.route('**/api/1.0/GetPCIEDeviceListForMargin', async (route) => {
     const response = await route.fetch();
     const list = await response.json();
@@ -161,7 +43,7 @@ async function check_form_errors_and_refusal(browser, service, artifacts) {
   assert.equal(await page.textContent('[data-testid=error-ber]'), 'Choose a BER.');
   assert.equal(await page.textContent('[data-testid=error-errCnt]'), 'Error count must be between 1 and 63.');
   assert.equal(await page.textContent('[data-testid=queue-answer]'), '', 'nothing is sent while the form has errors');
-  await shot(page, artifacts, 'new-test-form-errors');
+  await shot(page, 'new-test-form-errors');
 
   // A valid-looking record for a device that isn't there: the service's reason is shown.
   await page.check('#nt-all-lanes');
@@ -173,53 +55,9 @@ async function check_form_errors_and_refusal(browser, service, artifacts) {
     await answer.textContent(),
     'The service refused the test: no PCI function ff:ff:1f.7 on this machine',
   );
-  await shot(page, artifacts, 'new-test-refused');
+  await shot(page, 'new-test-refused');
   assert.deepEqual(problems, []);
   await context.close();
-}
-
-/** What the queue screen shows for one test, or null when it isn't listed. */
-function queue_row(page, testId) {
-  return page
-    .evaluate((id) => {
-      for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
-        if (tr.cells[0]?.textContent === String(id)) {
-          const bar = tr.querySelector('[role=progressbar]');
-          return {
-            status: tr.dataset.status,
-            cancelling: tr.dataset.cancelling === 'true',
-            percent: bar ? Number(bar.getAttribute('aria-valuenow')) : null,
-            text: tr.querySelector('.progress-text')?.textContent ?? null,
-            waiting: tr.querySelector('[data-testid=waiting]')?.textContent ?? null,
-          };
-        }
-      }
-      return null;
-    }, testId)
-    .catch(() => null);
-}
-
-/** Statuses and progress of one test as the queue screen shows them over time. */
-function watch_queue_row(page, testId) {
-  const seen = { statuses: [], percents: new Set(), shown: [], stop: false };
-  const loop = (async () => {
-    while (!seen.stop) {
-      const row = await queue_row(page, testId);
-      if (row) {
-        if (seen.statuses[seen.statuses.length - 1] !== row.status) seen.statuses.push(row.status);
-        if (row.percent !== null) {
-          seen.percents.add(row.percent);
-          seen.shown.push({ percent: row.percent, text: row.text });
-        }
-      }
-      await sleep(50);
-    }
-  })();
-  seen.done = async () => {
-    seen.stop = true;
-    await loop;
-  };
-  return seen;
 }
 
 /**
@@ -306,14 +144,14 @@ async function check_devices(page, devices) {
   }
 }
 
-async function check_margin_flow(browser, service, artifacts) {
-  const { context, page, problems } = await open_page(browser, service);
+async function check_margin_flow({ browser, service, shot, artifacts }) {
+  const { context, page, problems } = await open_page(browser);
   await page.goto(`${service.base}/#devices`);
   await wait_live(page);
   const version = await page.textContent('[data-testid=version]');
   assert.match(version, /^v\d+\.\d+\.\d+$/);
   await page.waitForSelector('[data-testid=device-table] tbody tr td', { timeout: WAIT_MS });
-  await shot(page, artifacts, 'devices');
+  await shot(page, 'devices');
 
   const devices = await (await fetch(`${service.base}/api/1.0/GetPCIEDeviceListForMargin`)).json();
   await check_devices(page, devices);
@@ -345,13 +183,13 @@ async function check_margin_flow(browser, service, artifacts) {
   await page.goto(`${service.base}/#queue`);
   const waiting = await wait_until('the second test to wait', async () => (await queue_row(page, secondId))?.waiting);
   assert.equal(waiting, `waits for test ${firstId}`);
-  await shot(page, artifacts, 'queue-waiting');
+  await shot(page, 'queue-waiting');
 
   // The running test is cancelled after a confirmation and ends "Cancelled".
   const watch = watch_queue_row(page, secondId);
   await page.click(`[data-testid=queue-table] tbody tr:has(td:text-is("${firstId}")) [data-testid=cancel]`);
   await page.waitForSelector('[data-testid=confirm-cancel][open]', { timeout: WAIT_MS });
-  await shot(page, artifacts, 'queue-confirm-cancel');
+  await shot(page, 'queue-confirm-cancel');
   await page.click('[data-testid=confirm-cancel] button.danger');
   const cancelled = await page.waitForSelector(`[data-testid=finished-item][data-test="${firstId}"]`, { timeout: LONG_WAIT_MS });
   assert.equal(await cancelled.getAttribute('data-status'), 'Cancelled');
@@ -366,7 +204,7 @@ async function check_margin_flow(browser, service, artifacts) {
   assert.ok(watch.percents.size >= 2, `progress moved: ${[...watch.percents]}`);
   watch.shown.forEach(check_progress_agrees);
   assert.equal(await finished.getAttribute('data-status'), 'complete', await finished.textContent());
-  await shot(page, artifacts, 'queue-finished');
+  await shot(page, 'queue-finished');
 
   // "Open result" leads to the results screen with that result's address.
   const href = await finished.$eval('[data-testid=open-result]', (a) => a.getAttribute('href'));
@@ -383,10 +221,10 @@ async function check_margin_flow(browser, service, artifacts) {
   await page.waitForSelector('[data-testid=voltage-chart] canvas', { timeout: WAIT_MS });
   assert.ok((await row.$$eval('td', (tds) => tds.map((td) => td.textContent))).includes('complete'), await row.textContent());
   assert.match(await page.textContent('[data-testid=timing-chart] .worst-note'), /^worst lane \d+: /);
-  await shot(page, artifacts, 'results');
+  await shot(page, 'results');
   await page.click('text=Show raw error maps');
   await page.waitForSelector('[data-testid=error-maps] table.map tbody tr td.num', { timeout: WAIT_MS });
-  await shot(page, artifacts, 'results-error-maps');
+  await shot(page, 'results-error-maps');
 
   // The export is a plain link: the browser downloads the CSV.
   const [download] = await Promise.all([page.waitForEvent('download', { timeout: WAIT_MS }), page.click('[data-testid=export-csv]')]);
@@ -399,39 +237,18 @@ async function check_margin_flow(browser, service, artifacts) {
   await context.close();
 
   // The same screen on a 4K monitor without system scaling, for the eye.
-  const big = await open_page(browser, service, { width: 3840, height: 2160 });
+  const big = await open_page(browser, { width: 3840, height: 2160 });
   await big.page.goto(`${service.base}/#results`);
   await big.page.waitForSelector('[data-testid=timing-chart] canvas', { timeout: WAIT_MS });
-  await shot(big.page, artifacts, 'results-4k');
+  await shot(big.page, 'results-4k');
   await big.context.close();
 }
 
-async function main() {
-  const simPath = option('--sim');
-  const artifacts = option('--artifacts');
-  fs.mkdirSync(artifacts, { recursive: true });
-  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
-
-  const service = new Service(simPath, artifacts);
-  let browser;
-  try {
-    await service.start();
-    browser = await chromium.launch({
-      executablePath: CHROMIUM,
-      headless: true,
-      args: ['--no-sandbox', '--disable-background-networking'],
-    });
-    await check_form_errors_and_refusal(browser, service, artifacts);
-    console.log('ok - form errors and a refused record');
-    await check_margin_flow(browser, service, artifacts);
-    console.log('ok - devices, two margins of one device, a cancel, the chart and the CSV');
-  } finally {
-    await browser?.close();
-    await service.stop();
-  }
-}
-
-main().catch((error) => {
-  console.error(`not ok - ${error.stack ?? error}`);
-  process.exit(1);
+// Fast enough for a short test, slow enough that a margin spans several of
+// the service's once-a-second queue pushes.
+await run('margin-flow', 500, async (env) => {
+  await check_form_errors_and_refusal(env);
+  console.log('ok - form errors and a refused record');
+  await check_margin_flow(env);
+  console.log('ok - devices, two margins of one device, a cancel, the chart and the CSV');
 });

@@ -8,117 +8,12 @@
 //
 // Screenshots land in the artifacts folder as results-flow-*.png, with the
 // service's console output (results-flow-sim.log).
-import { spawn } from 'node:child_process';
-import { createRequire } from 'node:module';
 import fs from 'node:fs';
-import net from 'node:net';
-import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 import assert from 'node:assert/strict';
+import { LONG_WAIT_MS, WAIT_MS, open_page, run, wait_live, wait_until } from './harness.mjs';
 
-const here = path.dirname(fileURLToPath(import.meta.url));
-const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
-const { chromium } = requireFromUi('playwright-core');
-
-const CHROMIUM = '/usr/bin/chromium';
-// Generous bounds for conditions to become true; nothing here measures speed.
-const LONG_WAIT_MS = 150_000;
-const WAIT_MS = 30_000;
 const GRADE = /^(Fail|Pass|Perfect)$/;
-
-function option(name) {
-  const at = process.argv.indexOf(name);
-  if (at < 0 || at + 1 >= process.argv.length) throw new Error(`missing ${name}`);
-  return process.argv[at + 1];
-}
-
-function free_port() {
-  return new Promise((resolve, reject) => {
-    const server = net.createServer();
-    server.unref();
-    server.on('error', reject);
-    server.listen(0, '127.0.0.1', () => {
-      const { port } = server.address();
-      server.close(() => resolve(port));
-    });
-  });
-}
-
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-
-async function wait_until(what, condition, timeoutMs = WAIT_MS) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    const value = await condition();
-    if (value) return value;
-    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
-    await sleep(100);
-  }
-}
-
-class Service {
-  constructor(simPath, artifacts) {
-    this.simPath = simPath;
-    this.log = fs.createWriteStream(path.join(artifacts, 'results-flow-sim.log'));
-    this.exited = null;
-  }
-
-  async start() {
-    this.port = await free_port();
-    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-results-'));
-    this.base = `http://127.0.0.1:${this.port}`;
-    // Fast: the margins only have to finish; nothing here watches them run.
-    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', '20000'], {
-      stdio: ['ignore', 'pipe', 'pipe'],
-    });
-    this.process.stdout.pipe(this.log);
-    this.process.stderr.pipe(this.log);
-    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
-    await wait_until(
-      'the service to serve the page',
-      async () => {
-        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
-        try {
-          const response = await fetch(`${this.base}/`);
-          return response.ok && (await response.text()).includes('id="app"');
-        } catch {
-          return false;
-        }
-      },
-      60_000,
-    );
-  }
-
-  async api(route, body) {
-    const init = body === undefined ? {} : { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) };
-    const response = await fetch(`${this.base}/api/1.0/${route}`, init);
-    const text = await response.text();
-    assert.ok(response.ok, `${route}: ${response.status} ${text}`);
-    return JSON.parse(text);
-  }
-
-  async stop() {
-    if (!this.process) return;
-    if (!this.exited) {
-      try {
-        await fetch(`${this.base}/stop`);
-      } catch {
-        // Already gone.
-      }
-      try {
-        await wait_until('the service to end', () => this.exited !== null, 20_000);
-      } catch {
-        this.process.kill('SIGKILL');
-      }
-    }
-    fs.rmSync(this.results, { recursive: true, force: true });
-  }
-}
-
-async function shot(page, artifacts, name) {
-  await page.screenshot({ path: path.join(artifacts, `results-flow-${name}.png`), fullPage: true });
-}
 
 /** Cells of the results table's rows by their visible text, newest first. */
 function table_rows(page) {
@@ -165,7 +60,7 @@ async function queue_margins(service) {
   return { sbdf: target.PCIeInfo.SBDF, ids, lanes: record.TestParams.Lanes };
 }
 
-async function check_results(browser, service, artifacts) {
+async function check_results({ browser, service, shot, artifacts }) {
   const { sbdf, ids, lanes } = await queue_margins(service);
   await wait_until(
     'three archived results',
@@ -173,15 +68,9 @@ async function check_results(browser, service, artifacts) {
     LONG_WAIT_MS,
   );
 
-  const context = await browser.newContext({ viewport: { width: 1600, height: 1000 }, acceptDownloads: true });
-  const page = await context.newPage();
-  const problems = [];
-  page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-  page.on('console', (message) => {
-    if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
-  });
+  const { context, page, problems } = await open_page(browser, { width: 1600, height: 1000 });
   await page.goto(`${service.base}/#results`);
-  await page.waitForSelector('[data-testid=connection].up', { timeout: WAIT_MS });
+  await wait_live(page);
   const rows = await wait_until('the three results in the table', async () => {
     const shown = await table_rows(page);
     return shown.length >= 3 ? shown : null;
@@ -198,7 +87,7 @@ async function check_results(browser, service, artifacts) {
   assert.equal(cancelled?.status, 'Cancelled', JSON.stringify(cancelled));
   assert.deepEqual([cancelled.left, cancelled.top, cancelled.grade], ['–', '–', '–'], 'a test that did not measure shows dashes');
   assert.match(await page.textContent('[data-testid=results-count]'), /^1–3 of 3, newest first$/);
-  await shot(page, artifacts, 'table');
+  await shot(page, 'table');
 
   const detail_of = (id) =>
     wait_until(`the detail of test ${id}`, async () =>
@@ -228,7 +117,7 @@ async function check_results(browser, service, artifacts) {
   const mapRow = await page.$eval('[data-testid=error-maps] table.map tbody tr', (tr) => [...tr.cells].map((c) => c.textContent));
   assert.match(mapRow[1], /UI \(/, `offset shown in UI and ps: ${mapRow}`);
   assert.match(mapRow[2], /^[\d.]+ (s|min)$/, `dwell in s or min: ${mapRow}`);
-  await shot(page, artifacts, 'detail');
+  await shot(page, 'detail');
 
   // The cancelled test opens with its reason, no margins, and can be run again.
   await page.click(row_of(ids[2]));
@@ -247,7 +136,7 @@ async function check_results(browser, service, artifacts) {
   // Lane, three cells per run, two spreads.
   for (const cells of compared) assert.equal(cells, 1 + 3 * 2 + 2);
   assert.match(await page.textContent('[data-testid=comparison] h2'), new RegExp(`^Comparison of 2 results of ${sbdf.replace(/\./g, '\\.')}$`));
-  await shot(page, artifacts, 'compare');
+  await shot(page, 'compare');
   await page.click('text=Close comparison');
 
   // The export covers the shown range as finish stamps.
@@ -272,31 +161,13 @@ async function check_results(browser, service, artifacts) {
     async () => (await table_rows(page)).some((r) => Number(r.test) === againId && r.status === 'complete'),
     LONG_WAIT_MS,
   );
-  await shot(page, artifacts, 'run-again');
+  await shot(page, 'run-again');
   assert.deepEqual(problems, []);
   await context.close();
 }
 
-async function main() {
-  const simPath = option('--sim');
-  const artifacts = option('--artifacts');
-  fs.mkdirSync(artifacts, { recursive: true });
-  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
-
-  const service = new Service(simPath, artifacts);
-  let browser;
-  try {
-    await service.start();
-    browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
-    await check_results(browser, service, artifacts);
-    console.log('ok - results: grades, dashes, keyboard, comparison, export, run again');
-  } finally {
-    await browser?.close();
-    await service.stop();
-  }
-}
-
-main().catch((error) => {
-  console.error(`not ok - ${error.stack ?? error}`);
-  process.exit(1);
+// Fast: the margins only have to finish; nothing here watches them run.
+await run('results-flow', 20000, async (env) => {
+  await check_results(env);
+  console.log('ok - results: grades, dashes, keyboard, comparison, export, run again');
 });
