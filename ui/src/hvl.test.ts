@@ -89,10 +89,10 @@ describe('hVL result lanes', () => {
   });
 
   it('shows equalisation only where the report marks it valid', () => {
-    const tx = { TxEqValid: true, cnm1_phy: 3, cnp1_phy: 12, preset: 7, fom_valid: false, fom: 99 };
-    const rx = { RxEqValid: true, ctleidx: 4, H0: 40, H1: -3, H2: 1, H3: 0, iq: 2, vga: 18 };
-    expect(equalisation({ LaneID: 2, ...tx, ...rx, RxEqValid: false }, 0)).toEqual({ lane: 2, tx: ['3', '12', '7', '–'], rx: Array(7).fill('–') });
-    expect(equalisation({ ...tx, fom_valid: true, ...rx }, 5)).toEqual({ lane: 5, tx: ['3', '12', '7', '99'], rx: ['4', '40', '-3', '1', '0', '2', '18'] });
+    const tx = { TxEqValid: true, cnm1_phy: 3, cnp1_phy: 12, preset: 'P7', fom_valid: false, fom: 99 };
+    const rx = { RxEqValid: true, ctleidx: 4, H0: 40, H1: -3, H2: 1, H3: 0, iq: 2, vga: null };
+    expect(equalisation({ LaneID: 2, ...tx, ...rx, RxEqValid: false }, 0)).toEqual({ lane: 2, tx: ['3', '12', 'P7', '–'], rx: Array(7).fill('–') });
+    expect(equalisation({ ...tx, fom_valid: true, ...rx }, 5)).toEqual({ lane: 5, tx: ['3', '12', 'P7', '99'], rx: ['4', '40', '-3', '1', '0', '2', '–'] });
   });
 
   it('reads offset records without dwell, keeps their notes, and sizes steps from the PHY', () => {

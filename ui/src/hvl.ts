@@ -150,8 +150,8 @@ export interface HvlLaneRow {
   eyeHeight: string;
 }
 
-/** A count or register value as it came, a dash when absent. */
-const step_text = (value: unknown) => (finite(value) === null ? '–' : String(value));
+/** A count, register value or name (a preset "P1") as it came, a dash when absent. */
+const step_text = (value: unknown) => (finite(value) !== null || (typeof value === 'string' && value !== '') ? String(value) : '–');
 
 const MEASURED = /^(Phase|Volt)\w*(Margin|Offset)$/;
 
