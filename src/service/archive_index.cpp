@@ -187,7 +187,8 @@ json make_result_summary(const json& record, const std::string& run, const std::
     // The figures only mean something for a test that measured; a PCIe
     // margin writes its voltages in volts under keys that say millivolts.
     const bool measured = status == "complete";
-    const double volt_scale = operation == "PCIe Margin" ? 1000.0 : 1.0;
+    // Both margins write volts under their "(mv)" keys.
+    const double volt_scale = operation == "PCIe Margin" || operation == "HVL Destructive Margin" ? 1000.0 : 1.0;
     auto figure = [&](const char* key, double scale) { return measured ? number_at(output, key, scale) : json(nullptr); };
 
     return {{"ResultId", run + "/" + folder},

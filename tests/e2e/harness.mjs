@@ -60,15 +60,18 @@ export class Service {
     this.exited = null;
   }
 
-  async start() {
+  /** A second start (after stop) may run the sim at another time scale. */
+  async start(timeScale = this.timeScale) {
+    this.timeScale = timeScale;
+    this.exited = null;
     this.port = await free_port();
     this.results = fs.mkdtempSync(path.join(os.tmpdir(), `lanewright-${this.name}-`));
     this.base = `http://127.0.0.1:${this.port}`;
     this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', String(this.timeScale)], {
       stdio: ['ignore', 'pipe', 'pipe'],
     });
-    this.process.stdout.pipe(this.log);
-    this.process.stderr.pipe(this.log);
+    this.process.stdout.pipe(this.log, { end: false });
+    this.process.stderr.pipe(this.log, { end: false });
     this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
     await wait_until(
       'the service to serve the page',
@@ -108,6 +111,7 @@ export class Service {
         this.process.kill('SIGKILL');
       }
     }
+    this.process = null;
     fs.rmSync(this.results, { recursive: true, force: true });
   }
 }
@@ -133,30 +137,79 @@ export async function wait_live(page) {
  * with 1 at the first failure.
  */
 export async function run_flows(name, timeScale, flows) {
-  try {
-    const simPath = option('--sim');
-    const artifacts = option('--artifacts');
-    fs.mkdirSync(artifacts, { recursive: true });
-    if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
-    const service = new Service(simPath, artifacts, name, timeScale);
-    let browser;
-    try {
-      await service.start();
-      browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
-      for (const [label, flow] of flows) {
-        await flow(browser, service, artifacts);
-        console.log(`ok - ${label}`);
-      }
-    } finally {
-      await browser?.close();
-      await service.stop();
+  await run(name, timeScale, async ({ browser, service, artifacts }) => {
+    for (const [label, flow] of flows) {
+      await flow(browser, service, artifacts);
+      console.log(`ok - ${label}`);
     }
-  } catch (error) {
-    console.error(`not ok - ${error.stack ?? error}`);
-    process.exit(1);
-  }
+  });
 }
 
 export async function shot(page, artifacts, name) {
   await page.screenshot({ path: path.join(artifacts, `${name}.png`), fullPage: true });
+}
+
+/** What the queue screen shows for one test, or null when it isn't listed. */
+export function queue_row(page, testId) {
+  return page
+    .evaluate((id) => {
+      for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
+        if (tr.cells[0]?.textContent === String(id)) {
+          const bar = tr.querySelector('[role=progressbar]');
+          return {
+            status: tr.dataset.status,
+            cancelling: tr.dataset.cancelling === 'true',
+            percent: bar ? Number(bar.getAttribute('aria-valuenow')) : null,
+            text: tr.querySelector('.progress-text')?.textContent ?? null,
+            waiting: tr.querySelector('[data-testid=waiting]')?.textContent ?? null,
+          };
+        }
+      }
+      return null;
+    }, testId)
+    .catch(() => null);
+}
+
+/** Statuses and progress of one test as the queue screen shows them over time; done() ends the watch. */
+export function watch_queue_row(page, testId) {
+  const seen = { statuses: [], percents: new Set(), shown: [], stop: false };
+  const loop = (async () => {
+    while (!seen.stop) {
+      const row = await queue_row(page, testId);
+      if (row) {
+        if (seen.statuses[seen.statuses.length - 1] !== row.status) seen.statuses.push(row.status);
+        if (row.percent !== null) {
+          seen.percents.add(row.percent);
+          seen.shown.push({ percent: row.percent, text: row.text });
+        }
+      }
+      await sleep(50);
+    }
+  })();
+  seen.done = async () => {
+    seen.stop = true;
+    await loop;
+  };
+  return seen;
+}
+
+/** Runs the checks against one service and browser, then ends both whatever happened. */
+export async function run(name, timeScale, checks) {
+  const artifacts = option('--artifacts');
+  fs.mkdirSync(artifacts, { recursive: true });
+  const service = new Service(option('--sim'), artifacts, name, timeScale);
+  let browser;
+  try {
+    if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
+    await service.start();
+    browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
+    const named_shot = (page, shotName) => shot(page, artifacts, `${name}-${shotName}`);
+    await checks({ service, browser, shot: named_shot, artifacts });
+  } catch (error) {
+    console.error(`not ok - ${error.stack ?? error}`);
+    process.exitCode = 1;
+  } finally {
+    await browser?.close();
+    await service.stop();
+  }
 }

@@ -1,10 +1,11 @@
 // Requests to the service. Every failure becomes an Error whose message can
 // be shown as it stands, next to the control that caused it.
-import type { DurationEstimate, MarginRecord, PCIeDevice, QueueAnswer, ResultRecord } from './types';
+import type { DurationEstimate, HVLLink, PCIeDevice, QueueAnswer, ResultRecord, TestRecord } from './types';
 import type { JsonObject, ResultDocument, ResultsPage } from './types';
 import { results_page_of } from './results';
 import { port_status_doc, register_groups, type PortStatusDoc, type RegisterGroup } from './port_status';
 import { link_port, link_port_info, link_ports, type LinkPort, type LinkPortInfo } from './link_control';
+import { hvl_links } from './hvl';
 
 async function request(path: string, init?: RequestInit): Promise<string> {
   let response: Response;
@@ -54,7 +55,12 @@ export async function get_pcie_devices(): Promise<PCIeDevice[]> {
   );
 }
 
-export async function add_test(record: MarginRecord): Promise<QueueAnswer> {
+/** Both ends of every hVL link; none on a machine with one socket. */
+export async function get_hvl_links(): Promise<HVLLink[]> {
+  return hvl_links(await request_json('/api/1.0/GetHVLDeviceListForMargin'));
+}
+
+export async function add_test(record: TestRecord): Promise<QueueAnswer> {
   const answer = (await request_json('/api/1.0/AddTestToQueue', post(record))) as Partial<QueueAnswer> | null;
   if (typeof answer?.OperationStatus !== 'boolean') throw new Error('The service gave no queue status.');
   const reply: QueueAnswer = { OperationStatus: answer.OperationStatus, ErrMsg: typeof answer.ErrMsg === 'string' ? answer.ErrMsg : '' };
@@ -91,7 +97,7 @@ function count_or_null(value: unknown): number | null {
 }
 
 /** The nominal duration of a record on hardware; a refusal's reason is the Error's message. */
-export async function estimate_duration(record: MarginRecord, signal?: AbortSignal): Promise<DurationEstimate> {
+export async function estimate_duration(record: TestRecord, signal?: AbortSignal): Promise<DurationEstimate> {
   const answer = (await request_json('/api/1.0/EstimateTestDuration', { ...post(record), signal })) as {
     [key: string]: unknown;
   } | null;

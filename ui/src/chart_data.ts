@@ -49,6 +49,7 @@ function worst_of(a: (number | null)[], b: (number | null)[]): number | null {
 }
 
 export function lane_number(lane: LaneMargin, position: number): number {
+  if (typeof lane.LaneID === 'number') return lane.LaneID;
   if (typeof lane.LanePCIeNo === 'number') return lane.LanePCIeNo;
   if (typeof lane.LaneSerialID === 'number') return lane.LaneSerialID;
   return position;
@@ -110,20 +111,25 @@ export const ERROR_MAPS: { key: ErrorMapName; label: string; timing: boolean }[]
   { key: 'VoltBottomErrorMap', label: 'Voltage bottom', timing: false },
 ];
 
-/** An error map's entries that are well formed, by offset then dwell time. */
+/**
+ * An error map's entries that are well formed, by offset then dwell time. A
+ * PCIe map records each dwell of an offset; an hVL map has one record per
+ * offset, without a dwell, and notes what the walk met there ("OffsetStatus").
+ */
 export function error_map(lane: LaneMargin, key: ErrorMapName): ErrorMapEntry[] {
   const map = lane[key];
   if (!Array.isArray(map)) return [];
-  return map
-    .filter(
-      (e): e is ErrorMapEntry =>
-        typeof e === 'object' &&
-        e !== null &&
-        typeof e.Offset === 'number' &&
-        typeof e.DwellTime === 'number' &&
-        typeof e.ErrCnt === 'number',
-    )
-    .sort((a, b) => a.Offset - b.Offset || a.DwellTime - b.DwellTime);
+  const entries: ErrorMapEntry[] = [];
+  for (const e of map as ({ [key: string]: unknown } | null)[]) {
+    if (typeof e !== 'object' || e === null || typeof e.Offset !== 'number' || typeof e.ErrCnt !== 'number') continue;
+    entries.push({
+      Offset: e.Offset,
+      DwellTime: typeof e.DwellTime === 'number' ? e.DwellTime : null,
+      ErrCnt: e.ErrCnt,
+      OffsetStatus: typeof e.OffsetStatus === 'string' && e.OffsetStatus !== '' ? e.OffsetStatus : null,
+    });
+  }
+  return entries.sort((a, b) => a.Offset - b.Offset || (a.DwellTime ?? 0) - (b.DwellTime ?? 0));
 }
 
 /**
@@ -134,7 +140,8 @@ export function error_map(lane: LaneMargin, key: ErrorMapName): ErrorMapEntry[] 
  */
 export function step_size(lane: LaneMargin, timing: boolean): number | null {
   const max = value(lane, timing ? 'MaxTimingOffset' : 'MaxVoltOffset');
-  const steps = value(lane, timing ? 'NumTimingSteps' : 'NumVoltSteps');
+  // A PCIe receiver names its step counts "Num...", an hVL PHY without it.
+  const steps = value(lane, timing ? 'NumTimingSteps' : 'NumVoltSteps') ?? value(lane, timing ? 'TimingSteps' : 'VoltSteps');
   if (max === null || steps === null || steps <= 0) return null;
   return timing ? max / (steps * 100) : (max * 1000) / (steps * 100);
 }

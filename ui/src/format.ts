@@ -5,6 +5,12 @@ export function ber_label(exponent: string): string {
   return /^\d+$/.test(exponent) ? `1e-${exponent}` : exponent;
 }
 
+/** "32Gts" -> "32 GT/s"; other forms as they came. */
+export function rate_label(speed: unknown): string {
+  const m = typeof speed === 'string' ? /^\s*([\d.]+)\s*Gts\s*$/.exec(speed) : null;
+  return m ? `${m[1]} GT/s` : text_of(speed);
+}
+
 /** Lane numbers as short text: [0,1,2,3,5] -> "0-3, 5". */
 export function lanes_label(lanes: readonly number[]): string {
   const sorted = [...new Set(lanes)].sort((a, b) => a - b);

@@ -20,13 +20,15 @@ describe('about_duration', () => {
 
 describe('progress_text', () => {
   const base: Progress = {
-    LanesDone: 0, LanesTotal: 16, Direction: 'Timing Right', ElapsedSeconds: 250, RemainingSeconds: 250, Percent: 50, SidesDone: 4, SidesTotal: 8,
+    LanesDone: 0, LanesTotal: 16, Direction: 'Timing Right', ElapsedSeconds: 250, RemainingSeconds: 250, Percent: 50, SidesDone: 4, SidesTotal: 8, Lane: null,
   };
   it.each([
     ['half the sides walked, no lane finished yet', base, 'Timing Right · sides 4/8 · 16 lanes · ~4m 10s left · 4m 10s elapsed'],
     ['a batch finished', { ...base, LanesDone: 8 }, 'Timing Right · sides 4/8 · lanes 8/16 finished · ~4m 10s left · 4m 10s elapsed'],
     ['no side counts, one lane, no estimate yet', { ...base, LanesTotal: 1, SidesDone: null, SidesTotal: null, RemainingSeconds: null, Direction: '' },
       '— · 1 lane · estimating · 4m 10s elapsed'],
+    ['hVL: lanes one after another, the lane being walked named', { ...base, Lane: 2, Direction: 'Bottom', LanesDone: 2, LanesTotal: 4, SidesDone: 9, SidesTotal: 16 },
+      'lane 2 Bottom · sides 9/16 · lanes 2/4 finished · ~4m 10s left · 4m 10s elapsed'],
   ])('%s', (_name, progress, text) => {
     expect(progress_text(progress)).toBe(text);
     expect(text).not.toMatch(/lanes 0\//);
@@ -53,7 +55,7 @@ describe('next_remaining', () => {
     const test = (id: number, remaining: number | null): QueuedTest => ({
       TestID: id, Status: 'Running', Operation: 'PCIe Margin', SBDF: '0:3:0.0', Receiver: '1', Lanes: '0-3', BER: '1e-12',
       WaitingFor: null, Cancelling: false, ResultId: null,
-      Progress: { LanesDone: 0, LanesTotal: 4, Direction: '', ElapsedSeconds: 1, RemainingSeconds: remaining, Percent: 10, SidesDone: null, SidesTotal: null },
+      Progress: { LanesDone: 0, LanesTotal: 4, Direction: '', ElapsedSeconds: 1, RemainingSeconds: remaining, Percent: 10, SidesDone: null, SidesTotal: null, Lane: null },
     });
     const first = steady_queue([test(1, 100), test(2, 50)], new Map());
     const second = steady_queue([test(1, 110)], first.shown);

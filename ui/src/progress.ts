@@ -10,7 +10,8 @@ import type { FinishedPush, Progress, QueuedTest } from './types';
  * percentage ("sides 2/8" beside 25%).
  */
 export function progress_text(p: Progress): string {
-  const parts = [p.Direction || '—'];
+  // Lanes that go one after another (hVL) name the lane being walked.
+  const parts = [p.Lane === null ? p.Direction || '—' : `lane ${p.Lane} ${p.Direction || '—'}`];
   if (p.SidesTotal !== null && p.SidesDone !== null) parts.push(`sides ${p.SidesDone}/${p.SidesTotal}`);
   parts.push(p.LanesDone > 0 ? `lanes ${p.LanesDone}/${p.LanesTotal} finished` : `${p.LanesTotal} ${p.LanesTotal === 1 ? 'lane' : 'lanes'}`);
   // The time left before the time spent: a narrow cell cuts the end off.

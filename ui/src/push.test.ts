@@ -27,7 +27,7 @@ describe('parse_push', () => {
         { ...common, TestID: 8, Status: 'Queued', Progress: null, WaitingFor: 7, Cancelling: false, ResultId: null },
         {
           ...common, TestID: 7, Status: 'Running', WaitingFor: null, Cancelling: true, ResultId: '2026_11_25-01_00_00/test_7',
-          Progress: { LanesDone: 2, LanesTotal: 5, Direction: 'Timing Left', ElapsedSeconds: 12.4, RemainingSeconds: null, Percent: 40, SidesDone: null, SidesTotal: null },
+          Progress: { LanesDone: 2, LanesTotal: 5, Direction: 'Timing Left', ElapsedSeconds: 12.4, RemainingSeconds: null, Percent: 40, SidesDone: null, SidesTotal: null, Lane: null },
         },
       ],
       finished: [
@@ -37,11 +37,12 @@ describe('parse_push', () => {
     });
   });
 
-  it('reads an empty list as an empty queue and names hVL targets by die and link', () => {
+  it('reads an empty list as an empty queue and names hVL targets by socket and link, else die and link', () => {
     expect(parse_push('{"key":"RunningTestsUpdate","TestList":[],"FinishedTests":{}}')).toEqual({ kind: 'tests', tests: [], finished: [] });
     const hvl = { Operation: 'HVL Destructive Margin', HVLCtrlInfo: { DeviceName: 'S0 D0', SERDES: 'L2' }, Status: 'Queued', TestID: 1 };
-    const push = parse_push(JSON.stringify({ key: 'RunningTestsUpdate', TestList: [hvl, 'junk'] }));
-    expect(push.kind === 'tests' && push.tests.map((t) => t.SBDF)).toEqual(['S0 D0 L2']);
+    const placed = { ...hvl, HVLCtrlInfo: { ...hvl.HVLCtrlInfo, Socket: 1, Die: 0 } };
+    const push = parse_push(JSON.stringify({ key: 'RunningTestsUpdate', TestList: [hvl, placed, 'junk'] }));
+    expect(push.kind === 'tests' && push.tests.map((t) => t.SBDF)).toEqual(['S0 D0 L2', 's1.L2']);
   });
 
   it.each([
@@ -57,7 +58,7 @@ describe('parse_push', () => {
 });
 
 describe('parse_progress', () => {
-  const none = { SidesDone: null, SidesTotal: null };
+  const none = { SidesDone: null, SidesTotal: null, Lane: null };
   it.each([
     ['absent', undefined, null],
     ['not an object', 'half', null],
@@ -66,10 +67,10 @@ describe('parse_progress', () => {
       { LanesDone: 1, LanesTotal: 4, Direction: '', ElapsedSeconds: 0, RemainingSeconds: 30, Percent: 25, ...none }],
     ['out-of-range values held in range', { LanesDone: 9, LanesTotal: 4, Percent: 130, ElapsedSeconds: -3, RemainingSeconds: -1, Direction: 'Voltage Top' },
       { LanesDone: 4, LanesTotal: 4, Direction: 'Voltage Top', ElapsedSeconds: 0, RemainingSeconds: 0, Percent: 100, ...none }],
-    ['percent derived from sides before lanes', { LanesDone: 0, LanesTotal: 16, SidesDone: 3, SidesTotal: 8 },
-      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 3, SidesTotal: 8 }],
-    ['percent held within the span of the sides walked', { LanesDone: 0, LanesTotal: 16, SidesDone: 2, SidesTotal: 8, Percent: 90 },
-      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 2, SidesTotal: 8 }],
+    ['percent derived from sides before lanes, the lane walked kept', { LanesDone: 0, LanesTotal: 16, SidesDone: 3, SidesTotal: 8, Lane: 3 },
+      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 3, SidesTotal: 8, Lane: 3 }],
+    ['percent held within the span of the sides walked, a lane that is no lane dropped', { LanesDone: 0, LanesTotal: 16, SidesDone: 2, SidesTotal: 8, Percent: 90, Lane: 1.5 },
+      { LanesDone: 0, LanesTotal: 16, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 37.5, SidesDone: 2, SidesTotal: 8, Lane: null }],
     ['unusable side counts ignored', { LanesDone: 0, LanesTotal: 0, SidesDone: 1, SidesTotal: 0 },
       { LanesDone: 0, LanesTotal: 0, Direction: '', ElapsedSeconds: 0, RemainingSeconds: null, Percent: 0, ...none }],
   ])('%s', (_name, value, expected) => {

@@ -3,6 +3,7 @@
 import type { FinishedPush, JsonObject, Progress, QueuedTest } from './types';
 import { ber_label, lanes_label, text_of } from './format';
 import { LINK_PUSH_KEYS, parse_link_push, type LinkPush } from './link_push';
+import { link_label } from './hvl';
 
 export type Push =
   | { kind: 'tests'; tests: QueuedTest[]; finished: FinishedPush[] }
@@ -54,6 +55,7 @@ export function parse_progress(value: unknown): Progress | null {
     Percent: Math.max(0, Math.min(100, percent)),
     SidesDone: sidesKnown ? sidesDone : null,
     SidesTotal: sidesKnown ? sidesTotal : null,
+    Lane: Number.isInteger(value.Lane) && (value.Lane as number) >= 0 ? (value.Lane as number) : null,
   };
 }
 
@@ -78,7 +80,7 @@ function queued_test(value: unknown): QueuedTest | null {
   const params = is_object(value.TestParams) ? value.TestParams : {};
   const pcie = is_object(value.PCIeInfo) ? value.PCIeInfo : undefined;
   const hvl = is_object(value.HVLCtrlInfo) ? value.HVLCtrlInfo : undefined;
-  const target = pcie ? text_of(pcie.SBDF) : hvl ? `${text_of(hvl.DeviceName)} ${text_of(hvl.SERDES)}`.trim() : '';
+  const target = pcie ? text_of(pcie.SBDF) : hvl ? link_label(hvl) : '';
   const status = value.Status === 'Running' ? 'Running' : 'Queued';
   return {
     TestID: finite(value.TestID) ?? null,

@@ -1,6 +1,6 @@
 // Builds the PCIe margin test record from the new-test form and says, field
 // by field, what is wrong with a choice before anything is sent.
-import type { MarginRecord, PCIeDevice } from './types';
+import type { MarginChoices, MarginRecord, PCIeDevice } from './types';
 import { ber_label } from './format';
 
 export interface MarginForm {
@@ -29,8 +29,8 @@ export interface BuildResult {
 const DEFAULT_ERRCNT_MIN = 1;
 const DEFAULT_ERRCNT_MAX = 63;
 
-export function errcnt_range(device: PCIeDevice | undefined): { min: number; max: number } {
-  const range = device?.PCIeMarginData?.ErrCnt;
+export function errcnt_range(data: MarginChoices | undefined): { min: number; max: number } {
+  const range = data?.ErrCnt;
   return {
     min: typeof range?.Min === 'number' ? range.Min : DEFAULT_ERRCNT_MIN,
     max: typeof range?.Max === 'number' ? range.Max : DEFAULT_ERRCNT_MAX,
@@ -41,36 +41,72 @@ export function margin_capable(devices: readonly PCIeDevice[]): PCIeDevice[] {
   return devices.filter((d) => d.PCIeMarginSupported === true);
 }
 
+/** Starting BER and error count: 1e-12 when offered (else the finest offered), 4 within the range. */
+export function default_choices(data: MarginChoices | undefined): { ber: string; errCnt: string } {
+  const bers = data?.BER ?? [];
+  const { min, max } = errcnt_range(data);
+  return { ber: bers.includes('12') ? '12' : (bers[bers.length - 1] ?? ''), errCnt: String(Math.min(max, Math.max(min, 4))) };
+}
+
 /**
  * The form's starting values for a device: its first receiver, all lanes,
- * BER 1e-12 when offered (else the finest offered) and an error count of 4
- * within the device's range.
+ * and the default BER and error count.
  */
 export function default_form(device: PCIeDevice | undefined): MarginForm {
   const data = device?.PCIeMarginData;
-  const bers = data?.BER ?? [];
-  const { min, max } = errcnt_range(device);
   return {
     sbdf: device?.PCIeInfo.SBDF ?? '',
     receiver: data?.Receivers?.length ? String(data.Receivers[0]) : '',
     allLanes: true,
     lanes: [],
-    ber: bers.includes('12') ? '12' : (bers[bers.length - 1] ?? ''),
-    errCnt: String(Math.min(max, Math.max(min, 4))),
+    ...default_choices(data),
   };
+}
+
+/** The error count as typed, within the offered range; NaN with its reason in errors otherwise. */
+export function check_errcnt(text: string, data: MarginChoices | undefined, errors: FormErrors): number {
+  const { min, max } = errcnt_range(data);
+  const trimmed = text.trim();
+  if (!/^\d+$/.test(trimmed)) {
+    errors.errCnt = 'Error count must be a whole number.';
+    return NaN;
+  }
+  const count = Number(trimmed);
+  if (count < min || count > max) errors.errCnt = `Error count must be between ${min} and ${max}.`;
+  return count;
+}
+
+/**
+ * Lanes and BER of a form checked against what the target offers ("device"
+ * or "link" in the messages). Lanes come in the target's own order, each once.
+ */
+export function check_lanes_and_ber(
+  data: MarginChoices,
+  form: { allLanes: boolean; lanes: number[]; ber: string },
+  target: string,
+  errors: FormErrors,
+): number[] {
+  const offered = data.Lanes ?? [];
+  let lanes: number[] = [];
+  if (offered.length === 0) {
+    errors.lanes = `This ${target} reports no lanes.`;
+  } else if (form.allLanes) {
+    lanes = [...offered];
+  } else if (form.lanes.length === 0) {
+    errors.lanes = 'Choose at least one lane, or all lanes.';
+  } else {
+    const foreign = form.lanes.filter((lane) => !offered.includes(lane));
+    if (foreign.length > 0) errors.lanes = `Lane ${foreign[0]} is not a lane of this ${target}.`;
+    else lanes = offered.filter((lane) => form.lanes.includes(lane));
+  }
+  if (form.ber === '') errors.ber = 'Choose a BER.';
+  else if (!(data.BER ?? []).includes(form.ber)) errors.ber = `BER ${ber_label(form.ber)} is not offered for this ${target}.`;
+  return lanes;
 }
 
 export function build_margin_record(devices: readonly PCIeDevice[], form: MarginForm): BuildResult {
   const errors: FormErrors = {};
-  const { min, max } = errcnt_range(devices.find((d) => d.PCIeInfo.SBDF === form.sbdf));
-  const errText = form.errCnt.trim();
-  let errCnt = NaN;
-  if (!/^\d+$/.test(errText)) {
-    errors.errCnt = 'Error count must be a whole number.';
-  } else {
-    errCnt = Number(errText);
-    if (errCnt < min || errCnt > max) errors.errCnt = `Error count must be between ${min} and ${max}.`;
-  }
+  const errCnt = check_errcnt(form.errCnt, devices.find((d) => d.PCIeInfo.SBDF === form.sbdf)?.PCIeMarginData, errors);
 
   if (form.sbdf === '') {
     errors.device = 'Choose a device.';
@@ -98,30 +134,7 @@ export function build_margin_record(devices: readonly PCIeDevice[], form: Margin
     if (!receivers.includes(receiver)) errors.receiver = `Receiver ${form.receiver} is not offered by this device.`;
   }
 
-  const offered = data.Lanes ?? [];
-  let lanes: number[] = [];
-  if (offered.length === 0) {
-    errors.lanes = 'This device reports no lanes.';
-  } else if (form.allLanes) {
-    lanes = [...offered];
-  } else if (form.lanes.length === 0) {
-    errors.lanes = 'Choose at least one lane, or all lanes.';
-  } else {
-    const foreign = form.lanes.filter((lane) => !offered.includes(lane));
-    if (foreign.length > 0) {
-      errors.lanes = `Lane ${foreign[0]} is not a lane of this device.`;
-    } else {
-      // The device's own order, each lane once.
-      lanes = offered.filter((lane) => form.lanes.includes(lane));
-    }
-  }
-
-  const bers = data.BER ?? [];
-  if (form.ber === '') {
-    errors.ber = 'Choose a BER.';
-  } else if (!bers.includes(form.ber)) {
-    errors.ber = `BER ${ber_label(form.ber)} is not offered for this device.`;
-  }
+  const lanes = check_lanes_and_ber(data, form, 'device', errors);
 
   if (Object.keys(errors).length > 0) return { errors };
   const record: MarginRecord = {

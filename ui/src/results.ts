@@ -1,7 +1,7 @@
 // What the results screen shows of the archive: finish times with year and
 // seconds, figures in one unit per quantity with a dash for a test that did
 // not measure, grades, and the record a result can be queued again from.
-import { ber_label, lanes_label, text_of } from './format';
+import { ber_label, lanes_label, rate_label, text_of } from './format';
 import type { Grade, GradeName, JsonObject, ResultDocument, ResultSummary, ResultsPage } from './types';
 
 const STAMP = /^(\d{4})_(\d{2})_(\d{2})-(\d{2})_(\d{2})_(\d{2})$/;
@@ -24,11 +24,12 @@ export function input_of_stamp(stamp: string): string {
 }
 
 /**
- * Picoseconds in one UI at a link speed such as "16 GT/s". 64 GT/s signals
+ * Picoseconds in one UI at a link speed such as "16 GT/s" or "32Gts". 64 GT/s signals
  * four levels at 32 GBd, so its UI is that of 32 GT/s. null when unknown.
  */
 export function ui_ps_of_speed(speed: unknown): number | null {
-  const m = typeof speed === 'string' ? /([\d.]+)\s*GT\/s/.exec(speed) : null;
+  // An hVL link writes its rate as "32Gts".
+  const m = typeof speed === 'string' ? /([\d.]+)\s*GT\/?s/i.exec(speed) : null;
   const rate = m ? Number(m[1]) : NaN;
   if (!(rate > 0)) return null;
   return 1000 / (rate >= 64 ? rate / 2 : rate);
@@ -149,7 +150,7 @@ export function summary_cells(s: ResultSummary) {
     receiver: s.Receiver === null ? '' : String(s.Receiver),
     lanes: lanes_label(s.Lanes),
     ber: s.BER ? ber_label(s.BER) : '',
-    link: [s.Speed, s.Width].filter(Boolean).join(' '),
+    link: [rate_label(s.Speed), s.Width.trim()].filter(Boolean).join(' '),
     left: timing_label(s.PhaseLeftUI, uiPs),
     right: timing_label(s.PhaseRightUI, uiPs),
     top: mv_label(s.VoltTopMV),

@@ -20,10 +20,7 @@ export interface PCIeInfo {
   [key: string]: unknown;
 }
 
-export interface PCIeMarginData {
-  BER?: string[];
-  ErrCnt?: { Max?: number; Min?: number };
-  Lanes?: number[];
+export interface PCIeMarginData extends MarginChoices {
   Receivers?: number[];
 }
 
@@ -47,6 +44,50 @@ export interface TestParams {
   Lanes: number[];
 }
 
+/** The error count range and lanes a margin may choose from. */
+export interface MarginChoices {
+  BER?: string[];
+  ErrCnt?: { Max?: number; Min?: number };
+  Lanes?: number[];
+}
+
+/** One end of an hVL link, as "HVLCtrlInfo" names it; the partner keys say where the link leads. */
+export interface HVLCtrlInfo {
+  DeviceName: string;
+  SERDES: string;
+  /** "32Gts". */
+  Speed?: string;
+  /** " x16", with its leading blank. */
+  Width?: string;
+  Socket?: number;
+  Die?: number;
+  PartnerDeviceName?: string;
+  PartnerSERDES?: string;
+  PartnerSocket?: number;
+  PartnerDie?: number;
+  /** Lane l of this end meets the partner's lane (highest - l). */
+  LaneReversed?: boolean;
+  [key: string]: unknown;
+}
+
+/** One element of "/api/1.0/GetHVLDeviceListForMargin": one end of a link. */
+export interface HVLLink {
+  HVLCtrlInfo: HVLCtrlInfo;
+  SERDES?: { DeviceName?: string; SERDES?: string };
+  HVLDestMarginSupported?: boolean;
+  HVLDestMarginData?: MarginChoices;
+  EyeScanSupported?: boolean;
+  [key: string]: unknown;
+}
+
+/** An hVL margin test record as the queue accepts it. */
+export interface HVLRecord {
+  Operation: 'HVL Destructive Margin';
+  HVLCtrlInfo: HVLCtrlInfo;
+  SERDES?: HVLLink['SERDES'];
+  TestParams: { BER: string; ErrCnt: number; Lanes: number[] };
+}
+
 /** A PCIe margin test record as the queue accepts it. */
 export interface MarginRecord {
   Operation: 'PCIe Margin';
@@ -55,6 +96,8 @@ export interface MarginRecord {
   SERDES?: PCIeDevice['SERDES'];
   TestParams: TestParams;
 }
+
+export type TestRecord = MarginRecord | HVLRecord;
 
 /** Answer of "/api/1.0/AddTestToQueue". */
 export interface QueueAnswer {
@@ -76,6 +119,8 @@ export interface Progress {
   /** Sides walked of all batches; null when the service doesn't say. */
   SidesDone: number | null;
   SidesTotal: number | null;
+  /** The lane being margined, where lanes go one after another (hVL). */
+  Lane: number | null;
 }
 
 /** A queued or running test as the "RunningTestsUpdate" push shows it. */
@@ -104,17 +149,21 @@ export interface LaneMargin {
   PhaseRightMargin?: number;
   VoltTopMargin?: number;
   VoltBotomMargin?: number;
-  PhaseLeftErrorMap?: ErrorMapEntry[];
-  PhaseRightErrorMap?: ErrorMapEntry[];
-  VoltTopErrorMap?: ErrorMapEntry[];
-  VoltBottomErrorMap?: ErrorMapEntry[];
+  /** Raw offset records; error_map reads them. */
+  PhaseLeftErrorMap?: unknown[];
+  PhaseRightErrorMap?: unknown[];
+  VoltTopErrorMap?: unknown[];
+  VoltBottomErrorMap?: unknown[];
   [key: string]: unknown;
 }
 
 export interface ErrorMapEntry {
   Offset: number;
-  DwellTime: number;
+  /** ms; null where the report keeps one dwell per direction (hVL). */
+  DwellTime: number | null;
   ErrCnt: number;
+  /** What the walk noted at this offset, e.g. "Margin found at boundary". */
+  OffsetStatus: string | null;
 }
 
 export interface TestOutput {
@@ -135,7 +184,7 @@ export interface ResultRecord {
   TestID?: number;
   Operation?: string;
   PCIeInfo?: PCIeInfo;
-  HVLCtrlInfo?: { DeviceName?: string; SERDES?: string };
+  HVLCtrlInfo?: Partial<HVLCtrlInfo>;
   SERDES?: { DeviceName?: string; SERDES?: string };
   TestParams?: Partial<TestParams> & { [key: string]: unknown };
   TestOutput?: TestOutput;

@@ -1,12 +1,13 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
+export type Screen = 'devices' | 'new' | 'hvl' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
 // Port status and link control.
 export type LinkScreen = 'ports' | 'links';
 
 const TABS: { screen: Screen; label: string }[] = [
   { screen: 'devices', label: 'Devices' },
   { screen: 'new', label: 'New test' },
+  { screen: 'hvl', label: 'hVL links' },
   { screen: 'queue', label: 'Queue' },
   { screen: 'results', label: 'Results' },
   { screen: 'ports', label: 'Port status' },

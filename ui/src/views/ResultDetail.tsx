@@ -1,15 +1,18 @@
 // One archived result, fetched when it is opened: its grade against the
 // limits of its speed, per-lane charts and grades, the raw error maps, and
-// "Run again", which queues the same record anew.
+// "Run again", which queues the same record anew. An hVL margin has no
+// grades; its lanes show in steps as well (HvlResult).
 import { useEffect, useMemo, useState } from 'preact/hooks';
 import { get_result, queue_record } from '../api';
-import { ERROR_MAPS, error_map, lane_grades, lane_objects, margin_chart_data, step_sizes, type MarginChartData } from '../chart_data';
+import { lane_grades, lane_objects, margin_chart_data, type MarginChartData } from '../chart_data';
 import { ui_ps_of_doc } from '../compare';
 import { figure, text_of } from '../format';
-import { dwell_label, grade_detail, grade_name, mv_label, run_again_record, stamp_label, timing_label } from '../results';
-import type { Grade, LaneGrade, LaneMargin, ResultDocument, ResultSummary, Thresholds } from '../types';
+import { grade_detail, grade_name, mv_label, run_again_record, stamp_label, timing_label } from '../results';
+import type { Grade, LaneGrade, ResultDocument, ResultSummary, Thresholds } from '../types';
 import { MarginChart } from './MarginChart';
-import { EmptyRow } from './common';
+import { ErrorMaps } from './ErrorMaps';
+import { HvlResult } from './HvlResult';
+import { HVL_OPERATION, hvl_ui_ps, link_label, partner_label } from '../hvl';
 
 export function GradeBadge({ grade }: { grade: Grade | null | undefined }) {
   const name = grade_name(grade);
@@ -17,60 +20,6 @@ export function GradeBadge({ grade }: { grade: Grade | null | undefined }) {
     <span class={`grade ${name ? name.toLowerCase() : 'none'}`} title={grade_detail(grade)}>
       {name ?? '–'}
     </span>
-  );
-}
-
-function ErrorMaps({ lanes, first, uiPs }: { lanes: LaneMargin[]; first: number; uiPs: number | null }) {
-  const [lane, setLane] = useState(first);
-  const at_lane = Math.min(lane, lanes.length - 1);
-  const chosen = lanes[at_lane];
-  const steps = useMemo(() => ({ timing: step_sizes(lanes, true), voltage: step_sizes(lanes, false) }), [lanes]);
-  if (!chosen) return null;
-  return (
-    <div class="error-maps" data-testid="error-maps">
-      <label>
-        Lane{' '}
-        <select value={String(lane)} onChange={(e) => setLane(Number((e.target as HTMLSelectElement).value))}>
-          {lanes.map((l, i) => (
-            <option key={i} value={String(i)}>
-              {text_of(l.LanePCIeNo ?? l.LaneSerialID ?? i)}
-            </option>
-          ))}
-        </select>
-      </label>
-      <div class="maps">
-        {ERROR_MAPS.map((map) => {
-          const entries = error_map(chosen, map.key);
-          const step = (map.timing ? steps.timing : steps.voltage)[at_lane];
-          const at = (offset: number) =>
-            step === null ? '–' : map.timing ? timing_label(offset * step, uiPs) : mv_label(offset * step);
-          return (
-            <table class="grid map" key={map.key}>
-              <caption>{map.label}</caption>
-              <thead>
-                <tr>
-                  <th class="num">Step</th>
-                  <th class="num">{map.timing ? 'Offset (UI, ps)' : 'Offset (mV)'}</th>
-                  <th class="num">Dwell</th>
-                  <th class="num">Errors</th>
-                </tr>
-              </thead>
-              <tbody>
-                {entries.map((e, i) => (
-                  <tr key={i} class={e.ErrCnt > 0 ? 'has-errors' : ''}>
-                    <td class="num">{e.Offset}</td>
-                    <td class="num">{at(e.Offset)}</td>
-                    <td class="num">{dwell_label(e.DwellTime)}</td>
-                    <td class="num">{e.ErrCnt}</td>
-                  </tr>
-                ))}
-                {entries.length === 0 && <EmptyRow columns={4} text="empty" />}
-              </tbody>
-            </table>
-          );
-        })}
-      </div>
-    </div>
   );
 }
 
@@ -154,7 +103,8 @@ function RunAgain({ doc }: { doc: ResultDocument }) {
 export function ResultDetail({ id, summary }: { id: string; summary: ResultSummary | null }) {
   const [doc, setDoc] = useState<ResultDocument | null>(null);
   const [error, setError] = useState<string | null>(null);
-  const [showMaps, setShowMaps] = useState(false);
+  // An hVL result opens with its offset records shown: they carry the walk's notes.
+  const [showMaps, setShowMaps] = useState<boolean | null>(null);
 
   useEffect(() => {
     let current = true;
@@ -167,7 +117,8 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
   }, [id]);
 
   const full = useMemo(() => lane_objects(doc?.TestOutput?.FullMarginData), [doc]);
-  const uiPs = doc ? ui_ps_of_doc(doc) : null;
+  const isHvl = doc?.Operation === HVL_OPERATION;
+  const uiPs = doc ? (isHvl ? hvl_ui_ps(doc, full) : ui_ps_of_doc(doc)) : null;
   const chart = useMemo(() => margin_chart_data(full, uiPs), [full, uiPs]);
   const grades = useMemo(() => lane_grades(chart.lanes, doc?.Grades?.Lanes), [chart, doc]);
 
@@ -180,7 +131,10 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
   const measured = status === 'complete';
   const isPcie = doc.Operation === 'PCIe Margin';
   const thresholds = doc.Grades?.Thresholds;
-  const device = doc.PCIeInfo?.SBDF ?? summary?.SBDF ?? '';
+  const partner = partner_label(doc.HVLCtrlInfo);
+  const device = isHvl ? `${link_label(doc.HVLCtrlInfo)}${partner ? ` (to ${partner})` : ''}` : (doc.PCIeInfo?.SBDF ?? summary?.SBDF ?? '');
+  const mapsShown = showMaps ?? isHvl;
+  const failedLane = full.findIndex((l) => l.ErrorPresent === true);
   return (
     <div class="detail" data-testid="result-detail">
       <h2>
@@ -205,15 +159,16 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
       )}
       {isPcie && !measured && <p class="muted">This test did not finish measuring, so it has no margins to show.</p>}
       {isPcie && measured && full.length === 0 && <p class="muted">This test has no per-lane data.</p>}
-      {isPcie && full.length > 0 && (
+      {isHvl && <HvlResult doc={doc} full={full} uiPs={uiPs} />}
+      {(isPcie || isHvl) && full.length > 0 && (
         <p>
-          <button type="button" onClick={() => setShowMaps(!showMaps)}>
-            {showMaps ? 'Hide raw error maps' : 'Show raw error maps'}
+          <button type="button" onClick={() => setShowMaps(!mapsShown)}>
+            {`${mapsShown ? 'Hide' : 'Show'} ${isHvl ? 'offset records' : 'raw error maps'}`}
           </button>
         </p>
       )}
-      {showMaps && <ErrorMaps lanes={full} first={chart.worstTiming ?? 0} uiPs={uiPs} />}
-      {!isPcie && summary && (
+      {mapsShown && <ErrorMaps lanes={full} first={failedLane >= 0 ? failedLane : (chart.worstTiming ?? 0)} uiPs={uiPs} />}
+      {!isPcie && !isHvl && summary && (
         <p>
           Top {mv_label(summary.VoltTopMV)}, bottom {mv_label(summary.VoltBotMV)}, left {timing_label(summary.PhaseLeftUI, null)}, right{' '}
           {timing_label(summary.PhaseRightUI, null)}.
