@@ -183,6 +183,7 @@ void GUIHVLHandleTest::thread_fuction() {
             state.sides_done = step.sides_done;
             state.sides_total = step.sides_total;
             state.direction = step.direction;
+            state.lane = step.lane;
             progress.update(state, system_facts().now());
         };
 

@@ -20,6 +20,7 @@ nlohmann::json make_progress_record(const PCIE::MarginProgress& progress) {
         record["RemainingSeconds"] = tenths(*progress.remaining_seconds);
     else
         record["RemainingSeconds"] = nullptr;
+    if (progress.lane) record["Lane"] = *progress.lane;
     return record;
 }
 

@@ -17,7 +17,8 @@
 struct TestStorage;
 
 // {"LanesDone", "LanesTotal", "SidesDone", "SidesTotal", "Direction",
-// "ElapsedSeconds", "RemainingSeconds", "Percent"}. "Percent" is the share of
+// "ElapsedSeconds", "RemainingSeconds", "Percent"}, and "Lane" where one lane
+// is walked at a time. "Percent" is the share of
 // sides walked, so it always agrees with "SidesDone"/"SidesTotal".
 // "RemainingSeconds" is the engine's estimate from the run's dwell plan, null
 // when it has none.

@@ -38,6 +38,7 @@ struct MarginProgress {
     // the current batch's slowest lane have left. Nothing when unknown.
     std::optional<double> remaining_seconds;
     double elapsed_seconds = 0;  // left to the reporter, which knows when the test began
+    std::optional<unsigned int> lane;  // the one lane walked now, where lanes walk one at a time (hVL)
 };
 
 struct MarginPlanInput {

@@ -11,7 +11,7 @@
 import fs from 'node:fs';
 import path from 'node:path';
 import assert from 'node:assert/strict';
-import { LONG_WAIT_MS, WAIT_MS, open_page, run_flows, shot, sleep, wait_live, wait_until } from './harness.mjs';
+import { LONG_WAIT_MS, WAIT_MS, open_page, queue_row, run_flows, shot, sleep, wait_live, wait_until, watch_queue_row } from './harness.mjs';
 
 // A device the machine doesn't have, offered as margin-capable by a doctored
 // device list: the form accepts it and only the service can refuse it.
@@ -59,50 +59,6 @@ async function check_form_errors_and_refusal(browser, service, artifacts) {
   await shot(page, artifacts, 'new-test-refused');
   assert.deepEqual(problems, []);
   await context.close();
-}
-
-/** What the queue screen shows for one test, or null when it isn't listed. */
-function queue_row(page, testId) {
-  return page
-    .evaluate((id) => {
-      for (const tr of document.querySelectorAll('[data-testid=queue-table] tbody tr')) {
-        if (tr.cells[0]?.textContent === String(id)) {
-          const bar = tr.querySelector('[role=progressbar]');
-          return {
-            status: tr.dataset.status,
-            cancelling: tr.dataset.cancelling === 'true',
-            percent: bar ? Number(bar.getAttribute('aria-valuenow')) : null,
-            text: tr.querySelector('.progress-text')?.textContent ?? null,
-            waiting: tr.querySelector('[data-testid=waiting]')?.textContent ?? null,
-          };
-        }
-      }
-      return null;
-    }, testId)
-    .catch(() => null);
-}
-
-/** Statuses and progress of one test as the queue screen shows them over time. */
-function watch_queue_row(page, testId) {
-  const seen = { statuses: [], percents: new Set(), shown: [], stop: false };
-  const loop = (async () => {
-    while (!seen.stop) {
-      const row = await queue_row(page, testId);
-      if (row) {
-        if (seen.statuses[seen.statuses.length - 1] !== row.status) seen.statuses.push(row.status);
-        if (row.percent !== null) {
-          seen.percents.add(row.percent);
-          seen.shown.push({ percent: row.percent, text: row.text });
-        }
-      }
-      await sleep(50);
-    }
-  })();
-  seen.done = async () => {
-    seen.stop = true;
-    await loop;
-  };
-  return seen;
 }
 
 /**

@@ -5,117 +5,9 @@
 // bytes climb at its profile's rate and saves the samples as CSV.
 //
 // node panels_flow.mjs --sim <lanewright-sim> --artifacts <folder>
-import { spawn } from 'node:child_process';
-import { createRequire } from 'node:module';
-import fs from 'node:fs';
-import net from 'node:net';
-import os from 'node:os';
-import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 import assert from 'node:assert/strict';
-
-const here = path.dirname(fileURLToPath(import.meta.url));
-const requireFromUi = createRequire(path.resolve(here, '../../ui/package.json'));
-const { chromium } = requireFromUi('playwright-core');
-
-const CHROMIUM = '/usr/bin/chromium';
-// Generous bounds for conditions to become true; nothing here measures speed.
-const LONG_WAIT_MS = 150_000;
-const WAIT_MS = 30_000;
-
-function option(name) {
-  const at = process.argv.indexOf(name);
-  if (at < 0 || at + 1 >= process.argv.length) throw new Error(`missing ${name}`);
-  return process.argv[at + 1];
-}
-
-function free_port() {
-  return new Promise((resolve, reject) => {
-    const server = net.createServer();
-    server.unref();
-    server.on('error', reject);
-    server.listen(0, '127.0.0.1', () => {
-      const { port } = server.address();
-      server.close(() => resolve(port));
-    });
-  });
-}
-
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-
-async function wait_until(what, condition, timeoutMs = WAIT_MS) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    const value = await condition();
-    if (value) return value;
-    if (Date.now() > deadline) throw new Error(`gave up waiting for ${what}`);
-    await sleep(100);
-  }
-}
-
-class Service {
-  constructor(simPath, artifacts) {
-    this.simPath = simPath;
-    this.log = fs.createWriteStream(path.join(artifacts, 'panels-flow-sim.log'));
-    this.exited = null;
-  }
-
-  async start() {
-    this.port = await free_port();
-    this.results = fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-e2e-panels-'));
-    this.base = `http://127.0.0.1:${this.port}`;
-    // Fast: the margins only have to finish; nothing here watches them run.
-    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', '100'], {
-      stdio: ['ignore', 'pipe', 'pipe'],
-    });
-    this.process.stdout.pipe(this.log);
-    this.process.stderr.pipe(this.log);
-    this.process.on('exit', (code, signal) => (this.exited = { code, signal }));
-    await wait_until(
-      'the service to serve the page',
-      async () => {
-        if (this.exited) throw new Error(`lanewright-sim ended at start: ${JSON.stringify(this.exited)}`);
-        try {
-          const response = await fetch(`${this.base}/`);
-          return response.ok && (await response.text()).includes('id="app"');
-        } catch {
-          return false;
-        }
-      },
-      60_000,
-    );
-  }
-
-  async api(route, body) {
-    const init = body === undefined ? {} : { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) };
-    const response = await fetch(`${this.base}/api/1.0/${route}`, init);
-    const text = await response.text();
-    assert.ok(response.ok, `${route}: ${response.status} ${text}`);
-    return JSON.parse(text);
-  }
-
-  async stop() {
-    if (!this.process) return;
-    if (!this.exited) {
-      try {
-        await fetch(`${this.base}/stop`);
-      } catch {
-        // Already gone.
-      }
-      try {
-        await wait_until('the service to end', () => this.exited !== null, 20_000);
-      } catch {
-        this.process.kill('SIGKILL');
-      }
-    }
-    fs.rmSync(this.results, { recursive: true, force: true });
-  }
-}
-
-
-async function shot(page, artifacts, name) {
-  await page.screenshot({ path: path.join(artifacts, `panels-flow-${name}.png`), fullPage: true });
-}
+import fs from 'node:fs';
+import { LONG_WAIT_MS, run_flows, shot, sleep, wait_until } from './harness.mjs';
 
 async function check_viewer(page, artifacts) {
   await page.goto(`${page.base}/#pci`);
@@ -138,7 +30,7 @@ async function check_viewer(page, artifacts) {
   await page.click('[data-testid=structures] button:has-text("Raw dump")');
   const dump = await page.textContent('[data-testid=raw-dump]');
   assert.match(dump, /^000: /);
-  await shot(page, artifacts, 'viewer');
+  await shot(page, artifacts, 'panels-flow-viewer');
 }
 
 async function check_aspm(page, service, artifacts) {
@@ -160,7 +52,7 @@ async function check_aspm(page, service, artifacts) {
     });
     await wait_until('the box to follow', async () => (await page.isChecked(box)) === want);
   }
-  await shot(page, artifacts, 'aspm');
+  await shot(page, artifacts, 'panels-flow-aspm');
 }
 
 async function check_counters(page, artifacts) {
@@ -173,7 +65,7 @@ async function check_counters(page, artifacts) {
   await page.check(`${row} input[type=checkbox]`);
   await page.click('[data-testid=monitor-start]');
   await wait_until('the monitor to run', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Monitoring');
-  await shot(page, artifacts, 'counters-started');
+  await shot(page, artifacts, 'panels-flow-counters-started');
   await wait_until(
     'a rate from the pushes',
     async () => /^\d+$/.test((await page.textContent(`${row} [data-testid=rate]`)).trim()),
@@ -189,39 +81,27 @@ async function check_counters(page, artifacts) {
   assert.match(csv, /"PCIE0_nbio1 EVENT1","0:40:1.0","2. TX Bytes"/);
   await page.click('[data-testid=monitor-stop]');
   await wait_until('the monitor to stop', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Stopped');
-  await shot(page, artifacts, 'counters');
+  await shot(page, artifacts, 'panels-flow-counters');
 }
 
-async function main() {
-  const simPath = option('--sim');
-  const artifacts = option('--artifacts');
-  fs.mkdirSync(artifacts, { recursive: true });
-  if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);
-
-  const service = new Service(simPath, artifacts);
-  let browser;
-  try {
-    await service.start();
-    browser = await chromium.launch({ executablePath: CHROMIUM, headless: true, args: ['--no-sandbox', '--disable-background-networking'] });
-    const context = await browser.newContext({ viewport: { width: 1600, height: 1000 }, acceptDownloads: true });
-    const page = await context.newPage();
-    page.base = service.base;
-    const problems = [];
-    page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-    await check_viewer(page, artifacts);
-    console.log('ok - PCI viewer: tree, structures, live values, RW write, raw dump');
-    await check_aspm(page, service, artifacts);
-    console.log('ok - ASPM: L1 off and on for a link, with confirmation');
-    await check_counters(page, artifacts);
-    console.log('ok - counters: TX bytes at the profile rate, chart, CSV, stop');
-    assert.deepEqual(problems, []);
-  } finally {
-    await browser?.close();
-    await service.stop();
-  }
-}
-
-main().catch((error) => {
-  console.error(`not ok - ${error.stack ?? error}`);
-  process.exit(1);
-});
+// Fast: the margins only have to finish; nothing here watches them run.
+await run_flows('panels-flow', 100, [
+  [
+    'PCI viewer, ASPM and counters',
+    async (browser, service, artifacts) => {
+      const context = await browser.newContext({ viewport: { width: 1600, height: 1000 }, acceptDownloads: true });
+      const page = await context.newPage();
+      page.base = service.base;
+      const problems = [];
+      page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
+      await check_viewer(page, artifacts);
+      console.log('ok - PCI viewer: tree, structures, live values, RW write, raw dump');
+      await check_aspm(page, service, artifacts);
+      console.log('ok - ASPM: L1 off and on for a link, with confirmation');
+      await check_counters(page, artifacts);
+      console.log('ok - counters: TX bytes at the profile rate, chart, CSV, stop');
+      assert.deepEqual(problems, []);
+      await context.close();
+    },
+  ],
+]);

@@ -161,6 +161,7 @@ TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {
     EXPECT_EQ(wire_test::request(service.port, "GET", "/stop").status, 200);
     EXPECT_EQ(service.wait_for_exit(), 0);
     std::filesystem::remove_all("pcie_reports");
+}
 
 TEST(ServiceProcessTest, ListenerFailureEndsWithOne) {
     ServiceProcess service(wire_test::free_port());
