@@ -1,6 +1,7 @@
 // The link model and the two link panels over the simulated machine, with
 // faults on some of its links.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <thread>
@@ -90,7 +91,9 @@ protected:
     std::vector<PCIDeviceDetails> devices;
     PanelMachine machine;
     std::vector<LinkPort> ports;
-    std::string reports = (std::filesystem::temp_directory_path() / "links_panel_reports").string();
+    // One folder per process: ctest runs cases side by side.
+    std::string reports =
+        (std::filesystem::temp_directory_path() / ("links_panel_reports_" + std::to_string(::getpid()))).string();
 };
 
 TEST_F(LinkPanels, SpeedChangesThroughTheCapabilityAndTheLinkController) {
