@@ -8,6 +8,7 @@
 #include "discovery/hvl_links.h"
 #include "gui/gui_pcie_handle_test.h"
 #include "gui/test_archive.h"
+#include "gui/test_lifecycle.h"
 #include "gui/test_progress.h"
 #include "gui/test_record_checks.h"
 #include "hardware/atomic_file.h"
@@ -144,10 +145,7 @@ GUIHVLHandleTest::GUIHVLHandleTest(json& test, TestStorage& storage, Scheduler& 
 
 void GUIHVLHandleTest::start() {
     const unsigned long id = _test.at("TestID").get<unsigned long>();
-    // A flag of this test's own: a cancel stops this margin alone, the
-    // service's flag still stops it at shutdown.
-    _stop = _stop.linked();
-    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop("Margin stopped: cancelled by the user"); });
+    _stop = own_stop_flag(_storage, id, _stop);
     auto thread = std::make_shared<std::thread>(&GUIHVLHandleTest::thread_fuction, *this);
     _scheduler.add_test(id, thread);
 }
@@ -212,29 +210,7 @@ void GUIHVLHandleTest::thread_fuction() {
         _test["TestOutput"]["TimeStamp"] = time_stamp();
     }
 
-    if (folder.empty()) {
-        try {
-            folder = _scheduler.create_dir_and_give_path(id);
-            _test["TestOutput"]["ResultsFolder"] = folder;
-        } catch (const std::exception& error) {
-            Logger::get().log("hVL margin test " + std::to_string(id) + ": no folder: " + error.what());
-        }
-    }
-    if (_test["TestOutput"].value("Status", std::string()) != "complete" &&
-        UpdateTestStorage::cancel_requested(_storage, id)) {
-        _test["TestOutput"] = unmeasured_test_output("Cancelled", kCancelledRunning, folder);
-    }
-    if (!folder.empty()) {
-        std::string error;
-        if (!write_file_atomically(folder + "/output.json", _test.dump(4) + "\n", error))
-            Logger::get().log("hVL margin test " + std::to_string(id) + ": " + error);
-    }
-    _scheduler.remove_test(id);
-    try {
-        UpdateTestStorage::remove_test_from_running_list(_storage, _test);
-    } catch (const std::exception& error) {
-        Logger::get().log("hVL margin test " + std::to_string(id) + ": " + error.what());
-    }
+    finish_test(_storage, _scheduler, _test, folder, "hVL margin");
 }
 
 std::optional<std::string> HVLMarginRunner::check_record(const json& test, GUIResourceStore& store) const {

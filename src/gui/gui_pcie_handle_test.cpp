@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "gui/test_archive.h"
+#include "gui/test_lifecycle.h"
 #include "gui/test_progress.h"
 #include "gui/test_record_checks.h"
 #include "hardware/atomic_file.h"
@@ -142,10 +143,7 @@ GUIPCIEHandleTest::GUIPCIEHandleTest(GUIResourceStore& store, json& test, TestSt
 
 void GUIPCIEHandleTest::start() {
     const unsigned long id = _test.at("TestID").get<unsigned long>();
-    // A flag of this test's own, so a cancel stops this margin alone while
-    // the service's flag still stops it at shutdown.
-    _stop = _stop.linked();
-    UpdateTestStorage::set_cancel_hook(_storage, id, [stop = _stop] { stop.request_stop("Margin stopped: cancelled by the user"); });
+    _stop = own_stop_flag(_storage, id, _stop);
     auto thread = std::make_shared<std::thread>(&GUIPCIEHandleTest::thread_fuction, *this);
     _scheduler.add_test(id, thread);
 }
@@ -175,33 +173,7 @@ void GUIPCIEHandleTest::thread_fuction() {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
     }
 
-    if (folder.empty()) {
-        // The failure came before the folder was made; the record still
-        // belongs in the archive.
-        try {
-            folder = _scheduler.create_dir_and_give_path(id);
-            _test["TestOutput"]["ResultsFolder"] = folder;
-        } catch (const std::exception& error) {
-            Logger::get().log("PCIe margin test " + std::to_string(id) + ": no folder: " + error.what());
-        }
-    }
-    // A margin that ran to its end before the cancel reached it keeps its
-    // result; one the cancel cut short says so (raw_data.json holds the part done).
-    if (_test["TestOutput"].value("Status", std::string()) != "complete" &&
-        UpdateTestStorage::cancel_requested(_storage, id))
-        _test["TestOutput"] = unmeasured_test_output("Cancelled", kCancelledRunning, folder);
-    if (!folder.empty()) {
-        std::string error;
-        if (!write_file_atomically(folder + "/output.json", _test.dump(4) + "\n", error))
-            Logger::get().log("PCIe margin test " + std::to_string(id) + ": " + error);
-    }
-
-    _scheduler.remove_test(id);
-    try {
-        UpdateTestStorage::remove_test_from_running_list(_storage, _test);
-    } catch (const std::exception& error) {
-        Logger::get().log(std::string("PCIe margin test ") + std::to_string(id) + ": " + error.what());
-    }
+    finish_test(_storage, _scheduler, _test, folder, "PCIe margin");
 }
 
 std::optional<std::string> PCIeMarginRunner::check_record(const json& test, GUIResourceStore& store) const {
