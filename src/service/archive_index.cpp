@@ -184,10 +184,9 @@ json make_result_summary(const json& record, const std::string& run, const std::
     std::string error;
     if (const auto parsed = parse_lanes(value_at(params, "Lanes"), error)) lanes = *parsed;
 
-    // The figures only mean something for a test that measured; a PCIe
-    // margin writes its voltages in volts under keys that say millivolts.
+    // The figures only mean something for a test that measured; both
+    // margins write their voltages in volts under keys that say millivolts.
     const bool measured = status == "complete";
-    // Both margins write volts under their "(mv)" keys.
     const double volt_scale = operation == "PCIe Margin" || operation == "HVL Destructive Margin" ? 1000.0 : 1.0;
     auto figure = [&](const char* key, double scale) { return measured ? number_at(output, key, scale) : json(nullptr); };
 
@@ -200,6 +199,13 @@ json make_result_summary(const json& record, const std::string& run, const std::
             {"FailureReason", value_at(output, "FailureReason")},
             {"Time", value_at(output, "Time")},
             {"SBDF", value_at(pcie, "SBDF")},
+            // An hVL test's link end, for the browser to name it as it names links.
+            {"Link", pcie.is_object() || !link.is_object()
+                         ? json(nullptr)
+                         : json{{"DeviceName", value_at(link, "DeviceName")},
+                                {"SERDES", value_at(link, "SERDES")},
+                                {"Socket", value_at(link, "Socket")},
+                                {"Die", value_at(link, "Die")}}},
             {"Receiver", value_at(params, "Receiver")},
             {"Lanes", lanes},
             {"BER", value_at(params, "BER")},

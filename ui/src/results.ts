@@ -2,7 +2,7 @@
 // seconds, figures in one unit per quantity with a dash for a test that did
 // not measure, grades, and the record a result can be queued again from.
 import { ber_label, lanes_label, rate_label, text_of } from './format';
-import type { Grade, GradeName, JsonObject, ResultDocument, ResultSummary, ResultsPage } from './types';
+import type { Grade, GradeName, HVLCtrlInfo, JsonObject, ResultDocument, ResultSummary, ResultsPage } from './types';
 
 const STAMP = /^(\d{4})_(\d{2})_(\d{2})-(\d{2})_(\d{2})_(\d{2})$/;
 
@@ -115,6 +115,7 @@ export function summary_of(v: unknown): ResultSummary | null {
     FailureReason: typeof v.FailureReason === 'string' && v.FailureReason ? v.FailureReason : null,
     Time: text_or(v.Time),
     SBDF: text_or(v.SBDF),
+    Link: is_object(v.Link) ? (v.Link as Partial<HVLCtrlInfo>) : null,
     Receiver: number_or_null(v.Receiver),
     Lanes: Array.isArray(v.Lanes) ? v.Lanes.filter((l): l is number => Number.isInteger(l)) : [],
     BER: typeof v.BER === 'string' ? v.BER : finite(v.BER) ? String(v.BER) : '',

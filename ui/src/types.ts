@@ -254,6 +254,8 @@ export interface ResultSummary {
   FailureReason: string | null;
   Time: string;
   SBDF: string;
+  /** The link end of an hVL test, null for PCIe. */
+  Link?: Partial<HVLCtrlInfo> | null;
   Receiver: number | null;
   Lanes: number[];
   BER: string;

@@ -4,6 +4,7 @@ import { useEffect, useRef, useState } from 'preact/hooks';
 import { get_results_summary } from '../api';
 import { export_csv_url, export_range } from '../dates';
 import { archive_sbdf } from '../address';
+import { link_label } from '../hvl';
 import { input_of_stamp, stamp_of_input, summary_cells } from '../results';
 import type { ResultSummary, ResultsPage } from '../types';
 import { CompareView } from './CompareView';
@@ -249,7 +250,7 @@ export function ResultsView({ generation, visible, linked }: Props) {
                   >
                     <td class="num">{s.TestID ?? ''}</td>
                     <td>{c.date}</td>
-                    <td title={s.Operation}>{s.SBDF || s.Operation}</td>
+                    <td title={s.Operation}>{s.SBDF || (s.Link ? link_label(s.Link) : s.Operation)}</td>
                     <td title={s.FailureReason ?? ''}>
                       <span class={status_class(s.Status)}>{s.Status}</span>
                       {s.FailureReason && <span class="reason"> {s.FailureReason}</span>}
