@@ -14,7 +14,6 @@
 #include "hardware/atomic_file.h"
 #include "hardware/file_logger.h"
 #include "hardware/system_facts.h"
-#include "hardware/time_format.h"
 #include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_link_operations.h"
 #include "margin_hvl/hvl_margin_handler.h"
@@ -25,14 +24,6 @@ using nlohmann::json;
 
 namespace {
 
-struct Figure {
-    const char* output_key;
-    const char* report_key;
-};
-constexpr Figure kFigures[] = {{"PhaseRight (UI)", "PhaseRightMargin"},
-                               {"PhaseLeft (UI)", "PhaseLeftMargin"},
-                               {"VrefTop (mv)", "VoltTopMargin"},
-                               {"VrefBot (mv)", "VoltBotomMargin"}};
 constexpr unsigned int kMinBer = 8, kMaxBer = 14, kMinErrCnt = 1, kMaxErrCnt = 63;
 
 std::optional<VEX_DIE_INFO> find_die(const std::vector<VEX_DIE_INFO>& dies, const std::string& name) {
@@ -40,12 +31,6 @@ std::optional<VEX_DIE_INFO> find_die(const std::vector<VEX_DIE_INFO>& dies, cons
     for (const VEX_DIE_INFO& die : dies)
         if (die.full_name() == name) found = die;  // the last match wins
     return found;
-}
-
-void write_result_file(const std::string& folder, const std::string& name, const std::string& content) {
-    std::string error;
-    if (!write_file_atomically(folder + "/" + name, content, error))
-        throw std::runtime_error("Unable to write " + name + ": " + error);
 }
 
 bool is_texl(const std::string& link) { return link == "P5" || link == "TEXLPCS"; }
@@ -96,23 +81,10 @@ json hvl_margin_test_output(const json& report, const std::vector<unsigned int>&
                   " lanes";
     if (!failure.empty()) {
         json output = failed_test_output(failure, folder);
-        output["TimeStamp"] = time_stamp();
         if (!report.empty()) output["FullMarginData"] = report;
         return output;
     }
-    json output = {{"Status", "complete"}};
-    for (const Figure& figure : kFigures) {
-        double worst = report.at(0).value(figure.report_key, 0.0);
-        // The walk is bounded by the requested lanes, never past the report.
-        for (size_t i = 0; i < lanes.size() && i < report.size(); ++i)
-            worst = std::min(worst, report.at(i).value(figure.report_key, 0.0));
-        output[figure.output_key] = worst;
-    }
-    output["Time"] = make_date_time_user_readable(time_stamp());
-    output["TimeStamp"] = time_stamp();
-    output["ResultsFolder"] = folder;
-    output["FullMarginData"] = report;
-    return output;
+    return complete_margin_output(report, folder);
 }
 
 json estimate_hvl_margin(const json& test, GUIResourceStore& store) {
@@ -204,10 +176,8 @@ void GUIHVLHandleTest::thread_fuction() {
             _test["TestOutput"]["FailureReason"] = _stop.stop_reason();
     } catch (const std::exception& error) {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
-        _test["TestOutput"]["TimeStamp"] = time_stamp();
     } catch (...) {
         _test["TestOutput"] = failed_test_output("Unknown exception", folder);
-        _test["TestOutput"]["TimeStamp"] = time_stamp();
     }
 
     finish_test(_storage, _scheduler, _test, folder, "hVL margin");

@@ -14,7 +14,6 @@
 #include "hardware/atomic_file.h"
 #include "hardware/file_logger.h"
 #include "hardware/system_facts.h"
-#include "hardware/time_format.h"
 #include "margin_pcie/margin_console.h"
 #include "margin_pcie/pcie_margin_multi_pass.h"
 #include "result_data/data_handler.h"
@@ -24,15 +23,6 @@ using nlohmann::json;
 
 namespace {
 
-// The four figures of "TestOutput" and the report keys they come from.
-struct Figure {
-    const char* output_key;
-    const char* report_key;
-};
-constexpr Figure kFigures[] = {{"PhaseRight (UI)", "PhaseRightMargin"},
-                               {"PhaseLeft (UI)", "PhaseLeftMargin"},
-                               {"VrefTop (mv)", "VoltTopMargin"},
-                               {"VrefBot (mv)", "VoltBotomMargin"}};
 
 // The engine's inputs from a record; throws with a readable text when a part
 // can't be read (the queue checks the same parts, so this is a second line).
@@ -54,13 +44,6 @@ PCIE::PCIEMarginMultiPass::InitParams read_init_params(const json& test) {
     if (!lanes) throw std::runtime_error(error);
     params.lanes = *lanes;
     return params;
-}
-
-// Writes one result file; a failure is the test's failure.
-void write_result_file(const std::string& folder, const std::string& name, const std::string& content) {
-    std::string error;
-    if (!write_file_atomically(folder + "/" + name, content, error))
-        throw std::runtime_error("Unable to write " + name + ": " + error);
 }
 
 // Lanes of a report that gave no margin: the receiver refused the error
@@ -92,18 +75,7 @@ std::optional<std::string> unmargined_lanes(const json& report) {
 }  // namespace
 
 json pcie_margin_test_output(const json& report, const std::string& folder) {
-    json output = {{"Status", "complete"}};
-    for (const Figure& figure : kFigures) {
-        double worst = report.at(0).at(figure.report_key).get<double>();
-        for (const json& lane : report) worst = std::min(worst, lane.at(figure.report_key).get<double>());
-        output[figure.output_key] = worst;
-    }
-    const std::string stamp = time_stamp();
-    output["Time"] = make_date_time_user_readable(stamp);
-    output["TimeStamp"] = stamp;
-    output["ResultsFolder"] = folder;
-    output["FullMarginData"] = report;
-    return output;
+    return complete_margin_output(report, folder);
 }
 
 json failed_test_output(const std::string& reason, const std::string& folder) {

@@ -17,6 +17,15 @@ struct TestStorage;
 // shutdown still raises it with every other test's.
 PCIE::MarginStopFlag own_stop_flag(TestStorage& storage, unsigned long test_id, const PCIE::MarginStopFlag& service);
 
+// Writes one result file whole (temporary name, rename); a failure throws
+// and is the test's failure.
+void write_result_file(const std::string& folder, const std::string& name, const std::string& content);
+
+// "TestOutput" of a margin that measured every lane of report: "complete",
+// the smallest of each of the four figures over the lanes (each may come from
+// another lane), "Time", "TimeStamp", "ResultsFolder" and "FullMarginData".
+nlohmann::json complete_margin_output(const nlohmann::json& report, const std::string& folder);
+
 // Ends a test whose "TestOutput" is set. folder may be empty (the failure
 // came before it was made); kind names the test in log lines.
 void finish_test(TestStorage& storage, Scheduler& scheduler, nlohmann::json& test, std::string folder,
