@@ -181,10 +181,12 @@ TEST_F(PlotEye, KnownEyeGivesItsFiguresAndAPictureOfIt) {
     EXPECT_EQ(row[10], "G1");
     const double top = std::stod(row[4]), bottom = std::stod(row[5]), left = std::stod(row[6]),
                  right = std::stod(row[7]);
-    EXPECT_NEAR(top, eye.top, 5);
-    EXPECT_NEAR(bottom, eye.bottom, 5);
-    EXPECT_NEAR(left, eye.left, 0.0625);
-    EXPECT_NEAR(right, eye.right, 0.0625);
+    // Edges lie half way between the last open and the first closed sample,
+    // so within half a step (5 mV, 1/16 UI) of the true eye.
+    EXPECT_NEAR(top, eye.top, 2.5);
+    EXPECT_NEAR(bottom, eye.bottom, 2.5);
+    EXPECT_NEAR(left, eye.left, 0.03125);
+    EXPECT_NEAR(right, eye.right, 0.03125);
     EXPECT_DOUBLE_EQ(std::stod(row[2]), right - left);
     EXPECT_DOUBLE_EQ(std::stod(row[3]), top - bottom);
     EXPECT_NEAR(std::stod(row[8]), 3.0 / (std::ldexp(1.0, 23) * 2 * 4), 1e-12);
