@@ -533,7 +533,7 @@ int run(int argc, const char* const* argv, std::string& error_text) {
         for (int i = 1; i < argc; ++i) {
             std::string arg = trim(argv[i]);
             // "-inputjson  PATH" handed over as one argument.
-            if (arg.rfind("-inputjson", 0) == 0 && arg.size() > 10 && std::isspace(static_cast<unsigned char>(argv[i][10]))) {
+            if (arg.rfind("-inputjson", 0) == 0 && arg.size() > 10 && std::isspace(static_cast<unsigned char>(arg[10]))) {
                 args.push_back("-inputjson");
                 args.push_back(trim(arg.substr(10)));
             } else if (!arg.empty()) {
