@@ -7,11 +7,13 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include "discovery/port_mapping.h"
+#include "discovery/die_test_helpers.h"
 #include "gui/gui_resource_store.h"
 #include "hardware/crn_factory.h"
 #include "hardware/system_facts.h"
@@ -222,6 +224,85 @@ TEST(CounterStatistics, RatesPerSecondAcrossWrapsAndIdleSpans) {
         counter.CleanupStatisticsInformation(0);
         EXPECT_EQ(counter.Statistics(0).samples, 0u) << c.name;
     }
+}
+
+// Registers as the core sees them: writes are kept and read back.
+class RecordingCore : public CRNAccessor {
+public:
+    unsigned int read32(unsigned int address) const override { return values.count(address) ? values.at(address) : 0; }
+    void write32(unsigned int address, unsigned int value) const override {
+        writes.emplace_back(address, value);
+        values[address] = value;
+    }
+    unsigned int read16(unsigned int) const override { return 0; }
+    void write16(unsigned int, unsigned int) const override {}
+    unsigned int read8(unsigned int) const override { return 0; }
+    void write8(unsigned int, unsigned int) const override {}
+    mutable std::map<unsigned int, unsigned int> values;
+    mutable std::vector<std::pair<unsigned int, unsigned int>> writes;
+};
+
+PortMap port_on(const std::string& core, unsigned int index) {
+    PortMap p;
+    p.core = core;
+    p.function_index = index;
+    p.device = {0, 0x40, 1, index};
+    return p;
+}
+
+TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters) {
+    struct Family {
+        const char* die;
+        const char* core;
+        unsigned int counters;
+        const char* name;
+    };
+    const Family families[] = {
+        {"Corvane", "PCIE0_nbio0", 38, "Corvane Socket:0 Die:1"}, {"Dellmar", "PCIE5_nbio0", 38, "Dellmar Socket:0 Die:1"},
+        {"KX900C", "PCIE1", 38, "KX900C Socket:0 Die:1-Die:1"}, {"Sabrel Crown", "PCIE0", 0, "Sabrel Crown Socket:0 Die:1"},
+        {"Rusk", "PCIE0", 0, "Rusk Socket:0 Die:1"},
+    };
+    CPC_PCIEList list;
+    auto core = std::make_shared<RecordingCore>();
+    for (const Family& f : families)
+        list.AddToPCList({die_test::cpu_die(f.die, 0, 1), {port_on(f.core, 2)}}, [&](const VEX_DIE_INFO&) { return core; });
+    list.AddToPCList({die_test::cpu_die("Foo", 0), {}}, [&](const VEX_DIE_INFO&) { return core; });
+    ASSERT_EQ(list.GetListSize(), std::size(families)) << "an unknown die has no family";
+    for (unsigned int i = 0; i < list.GetListSize(); ++i) {
+        EXPECT_EQ(list.GetListEntry(i)->GetNumberOfCounters(), families[i].counters) << families[i].die;
+        EXPECT_EQ(list.GetListEntry(i)->GetName(), families[i].name);
+    }
+
+    // Corvane's PCIE0_nbio0, its port at function index 2.
+    CPerformanceCounters& corvane = *list.GetListEntry(0u);
+    const unsigned int base = chips::corvane::kPcieCores[0].core_base;
+    struct Reset {
+        unsigned int slot, entry;
+        std::vector<std::pair<unsigned int, unsigned int>> writes;  // offset, value
+    };
+    core->values[base + 72] = 0x40;  // bits the reset must keep
+    const Reset resets[] = {
+        {0, 0, {{72, 0x241}, {72, 0x240}}},  // bit 0 toggled, port 2 in bits 11:8
+        {1, 0, {{72, 0x242}, {72, 0x240}}},
+        {2, 2, {{516, 0}, {516, 0x20002}}},  // event 2 in bits 7:0, port in 19:16
+        {5, 1, {{528, 0}, {528, 0x200100}}},  // odd slot: bits 15:8 and 23:20
+        {16, 3, {{2196, 0}, {2196, 0x20003}}},
+        {37, 4, {{2316, 0}, {2316, 0x200400}}},
+    };
+    for (const Reset& r : resets) {
+        core->writes.clear();
+        ASSERT_TRUE(corvane.SetEntry(r.slot, r.entry)) << r.slot;
+        corvane.InitCounter(r.slot);
+        std::vector<std::pair<unsigned int, unsigned int>> offsets;
+        for (const auto& [address, value] : core->writes) offsets.emplace_back(address - base, value);
+        EXPECT_EQ(offsets, r.writes) << "slot " << r.slot;
+    }
+    core->values[base + 56] = 7;
+    core->values[base + 0xC00] = 1;
+    uint32_t low = 0, high = 0;
+    EXPECT_EQ(corvane.GetCounter(0, &low, &high), 1);
+    EXPECT_EQ(corvane.LastValue(0), 0x100000007u);
+    EXPECT_EQ(corvane.GetCounter(corvane.GetNumberOfCounters(), &low, &high), 0);
 }
 
 }  // namespace
