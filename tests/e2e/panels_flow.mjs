@@ -64,7 +64,9 @@ async function check_counters(page, artifacts) {
   const row = `tr[data-counter="${key}"]`;
   await page.focus(`${row} select[aria-label^=event]`);
   await page.selectOption(`${row} select[aria-label^=event]`, { label: '2. TX Bytes' });
-  await page.check(`${row} input[type=checkbox]`);
+  // The box follows the service's table, so a reload still in flight may put it back once: wait for the service.
+  await page.click(`${row} input[type=checkbox]`);
+  await wait_until('the row to be enabled', async () => page.isChecked(`${row} input[type=checkbox]`));
   await page.click('[data-testid=monitor-start]');
   await wait_until('the monitor to run', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Monitoring');
   await shot(page, artifacts, 'panels-flow-counters-started');
