@@ -36,24 +36,36 @@ void PCIEPerfCounterGUIInterface::Initialize(std::unique_ptr<CPC_PCIEList> list,
     }
 }
 
-std::string PCIEPerfCounterGUIInterface::_number(double value) const {
+std::string PCIEPerfCounterGUIInterface::_number(uint64_t value) const {
     char text[32];
-    const auto whole = static_cast<unsigned long long>(value + 0.5);
+    const auto whole = static_cast<unsigned long long>(value);
     if (_decimal_display) std::snprintf(text, sizeof text, "%llu", whole);
     else std::snprintf(text, sizeof text, "0x%010llX", whole);
     return text;
 }
 
+std::string PCIEPerfCounterGUIInterface::_percent(double value) const {
+    char text[32];
+    std::snprintf(text, sizeof text, "%2.5f%%", value);
+    return text;
+}
+
+namespace {
+std::string port_of(const CPerformanceCounters& family, unsigned int counter) {
+    std::string text;
+    if (!family.GetPortSelectionEntry(counter, family.GetSelectedPort(counter), &text)) text.clear();
+    return text;
+}
+}  // namespace
+
 json PCIEPerfCounterGUIInterface::_document() const {
     json rows = json::array();
     for (size_t i = 0; i < _rows.size(); ++i) {
         const Row& r = _rows[i];
-        const auto ports = r.family->GetPortSelectionEntries(r.counter);
-        const unsigned int port = r.family->GetSelectedPort(r.counter);
         rows.push_back({{"key", i},
                         {"space", r.family->GetName()},
                         {"name", r.family->GetSpaceName(r.counter)},
-                        {"port", port < ports.size() ? ports[port] : ""},
+                        {"port", port_of(*r.family, r.counter)},
                         {"event", r.family->GetSelectionEntry(r.counter, r.family->GetSelectedEntry(r.counter))},
                         {"value", r.value},
                         {"rate", r.rate},
@@ -73,12 +85,14 @@ json PCIEPerfCounterGUIInterface::OnSelectPerfCounter(int index) {
     if (index < 0 || static_cast<size_t>(index) >= _rows.size()) return json::object();
     _selected = index;
     const Row& r = _rows[index];
-    json events = json::array();
+    json events = json::array(), ports = json::array();
     for (unsigned int e = 0; e < r.family->GetNumberOfSelectionEntries(r.counter); ++e)
         events.push_back(r.family->GetSelectionEntry(r.counter, e));
+    std::string port;
+    for (unsigned int p = 0; r.family->GetPortSelectionEntry(r.counter, p, &port); ++p) ports.push_back(port);
     return {{"index", index},
             {"name", r.family->GetSpaceName(r.counter)},
-            {"portSelection", r.family->GetPortSelectionEntries(r.counter)},
+            {"portSelection", ports},
             {"selectedPort", r.family->GetSelectedPort(r.counter)},
             {"counterSelection", events},
             {"selectedCounter", r.family->GetSelectedEntry(r.counter)},
@@ -136,18 +150,19 @@ void PCIEPerfCounterGUIInterface::_update(bool log) {
             continue;
         }
         uint32_t low = 0, high = 0;
-        r.family->GetCounter(r.counter, &low, &high);
-        r.family->SetStatisticsInformation(r.counter, low, high, now);
-        const CounterStatistics& s = r.family->Statistics(r.counter);
-        r.value = _number(static_cast<double>(r.family->LastValue(r.counter)));
-        r.rate = _number(s.rate);
-        r.max_rate = _number(s.max_rate);
+        if (!r.family->GetCounter(r.counter, &low, &high)) continue;
+        uint64_t rate = 0, max_rate = 0;
+        r.family->GetCounterRate(r.counter, &rate);
+        r.family->GetCounterMaxRate(r.counter, &max_rate);
+        const bool percent = r.family->IsLDTSTOPCounter(r.counter) || r.family->IsGPUUsageCounter(r.counter);
+        r.value = percent ? _percent(r.family->IsLDTSTOPCounter(r.counter) ? r.family->GetLDTSTOPEfficiency(r.counter)
+                                                                           : r.family->GetGPUUsage(r.counter))
+                          : _number(r.family->LastValue(r.counter));
+        r.rate = _number(rate);
+        r.max_rate = _number(max_rate);
         if (!log || (_changes_only && !r.family->IsChangeDetected(r.counter))) continue;
-        const auto ports = r.family->GetPortSelectionEntries(r.counter);
-        const unsigned int port = r.family->GetSelectedPort(r.counter);
         lines += "\n" + ctime_text(now) + "\n" + r.family->GetSpaceName(r.counter) + ": " + " on " +
-                 (port < ports.size() ? ports[port] : "") + ": " + r.value + " Rate: " + r.rate + " Max Rate: " +
-                 r.max_rate + "\n";
+                 port_of(*r.family, r.counter) + ": " + r.value + " Rate: " + r.rate + " Max Rate: " + r.max_rate + "\n";
     }
     if (!lines.empty()) _log(lines);
 }

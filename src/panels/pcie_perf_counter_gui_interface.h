@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -55,7 +56,8 @@ private:
     void _stop();                      // under _mutex
     void _update(bool log);            // under _mutex
     void _log(const std::string& text);
-    std::string _number(double value) const;
+    std::string _number(uint64_t value) const;
+    std::string _percent(double value) const;
 
     std::unique_ptr<CPC_PCIEList> _list;
     std::vector<Row> _rows;

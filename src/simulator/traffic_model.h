@@ -1,7 +1,7 @@
 // Traffic on the model's links as the cores' event counters see it: each
 // device carries a steady rate per event (profile key "traffic"), so a count
 // is its rate times the model time since the counter was reset, held to the
-// counter's 48 bits. Rates are exact in model time, so what a reader works
+// counter's width; clock-cycle events count the chip's clock of the slot. Rates are exact in model time, so what a reader works
 // out over two reads is the profile's rate.
 #pragma once
 
@@ -24,7 +24,8 @@ using TrafficRates = std::array<double, chips::perf::kEventCount>;
 // without its own the sum of what lies below it.
 TrafficRates port_traffic(const PortProfile& port);
 
-// Places the counter slots of every core of a die that has root ports.
+// Places the counter slots of every core of a die that has root ports
+// (chips/pcie_perf_counters.h).
 void place_perf_counters(RegisterSpace& registers, const std::string& die_type,
                          const std::vector<const PortProfile*>& root_ports);
 

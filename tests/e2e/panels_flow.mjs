@@ -57,12 +57,16 @@ async function check_aspm(page, service, artifacts) {
 
 async function check_counters(page, artifacts) {
   await page.goto(`${page.base}/#counters`);
-  // The core counter slot 1 of the port above the 400G NIC: pick TX Bytes and enable it.
-  const row = 'tr:has(td:text-is("PCIE0_nbio1 EVENT1")):has(td:text-is("0:40:1.0"))';
-  await page.waitForSelector(row);
-  await page.click(`${row} a`);
+  // The first TX TXCLK slot of the core above the 400G NIC: pick TX Bytes and enable it.
+  const first = 'tr:has(td:text-is("PCIE0_nbio1 TX TXCLK")):has(option:text-is("0:40:1.0"))';
+  await page.waitForSelector(first);
+  const key = await page.$eval(first, (tr) => tr.dataset.counter);
+  const row = `tr[data-counter="${key}"]`;
+  await page.focus(`${row} select[aria-label^=event]`);
   await page.selectOption(`${row} select[aria-label^=event]`, { label: '2. TX Bytes' });
-  await page.check(`${row} input[type=checkbox]`);
+  // The box follows the service's table, so a reload still in flight may put it back once: wait for the service.
+  await page.click(`${row} input[type=checkbox]`);
+  await wait_until('the row to be enabled', async () => page.isChecked(`${row} input[type=checkbox]`));
   await page.click('[data-testid=monitor-start]');
   await wait_until('the monitor to run', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Monitoring');
   await shot(page, artifacts, 'panels-flow-counters-started');
@@ -78,7 +82,7 @@ async function check_counters(page, artifacts) {
   await page.click('[data-testid=samples-csv]');
   const csv = fs.readFileSync(await (await download).path(), 'utf8');
   assert.match(csv, /^Time,Counter,Port,Event,Value,Rate/);
-  assert.match(csv, /"PCIE0_nbio1 EVENT1","0:40:1.0","2. TX Bytes"/);
+  assert.match(csv, /"PCIE0_nbio1 TX TXCLK","0:40:1.0","2. TX Bytes"/);
   await page.click('[data-testid=monitor-stop]');
   await wait_until('the monitor to stop', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Stopped');
   await shot(page, artifacts, 'panels-flow-counters');

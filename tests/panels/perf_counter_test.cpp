@@ -1,16 +1,19 @@
-// The performance counter panel over the model's cores: the monitor's rates
-// are the traffic profile's, the log has its form, the monitor stops when
-// asked; and the statistics of one counter across a wrap.
+// The performance counter panel over the model's cores: slot names, events
+// and ports; the monitor's rates are the traffic profile's, the log has its
+// form, the monitor stops when asked; and the statistics of one counter
+// across wraps.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include "discovery/port_mapping.h"
+#include "discovery/die_test_helpers.h"
 #include "gui/gui_resource_store.h"
 #include "hardware/crn_factory.h"
 #include "hardware/system_facts.h"
@@ -36,6 +39,7 @@ protected:
         for (const VEX_DIE_INFO& die : dies) by_die.emplace_back(die, ports.at(die));
         auto list = std::make_unique<CPC_PCIEList>();
         list->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
+        family = list->GetListEntry(0u);
         panel.Initialize(std::move(list), (folder / "count.txt").string(), [this](const json& message) {
             std::lock_guard<std::mutex> lock(mutex);
             pushes.push_back(message);
@@ -48,12 +52,11 @@ protected:
         set_system_facts(nullptr);
         std::filesystem::remove_all(folder);
     }
-    // Rows of the cores' counters on the port that leads to `port`.
-    std::vector<int> rows_on(const std::string& port) {
-        std::vector<int> rows;
+    // The first row (slot 0) of the core space whose NAK row watches `port`.
+    int space_on(const std::string& port) {
         for (const json& row : panel.GetPCIEPerfCounterInfo())
-            if (row["port"] == port) rows.push_back(row["key"]);
-        return rows;
+            if (row["port"] == port && row["name"].get<std::string>().ends_with(" NAK")) return row["key"];
+        return -1;
     }
     size_t pushes_with(const std::string& key) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -64,34 +67,85 @@ protected:
     std::unique_ptr<sim::Platform> platform;
     std::unique_ptr<GUIResourceStore> store;
     PCIEPerfCounterGUIInterface panel;
+    CPerformanceCounters* family = nullptr;
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<json> pushes;
 };
 
-TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) {
-    // The 400G NIC below 0:40:1.0 (profile: 40 NAKs/s, 12e9 TX bytes/s, 52e6 RX TLPs/s, 120 replays/s).
-    const std::vector<int> rows = rows_on("0:40:1.0");
-    ASSERT_EQ(rows.size(), 4u);
-    const std::pair<int, double> chosen[] = {{-1, 40}, {2, 12e9}, {1, 52e6}, {4, 120}};  // event per row, rate
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const json settings = panel.OnSelectPerfCounter(rows[i]);
-        ASSERT_FALSE(settings.empty());
-        if (chosen[i].first >= 0) panel.OnCounterSelectionCurrentIndexChanged(chosen[i].first);
-        panel.OnEnableCounterClicked(true);
+TEST_F(PerfCounterPanel, SlotsAreNamedAndOfferTheirEventsAndPorts) {
+    // Die 0's first space is PCIE0_nbio0 (one port, 0:0:1.0), its second PCIE4_nbio0.
+    struct Case {
+        unsigned int counter;
+        const char* name;
+        unsigned int entries;
+        bool port;
+    };
+    const Case cases[] = {
+        {0, "PCIE0_nbio0 NAK", 1, true},          {1, "PCIE0_nbio0 LC TXCLK", 1, false},
+        {2, "PCIE0_nbio0 RX TXCLK", 4, true},     {5, "PCIE0_nbio0 RX TXCLK", 4, true},
+        {6, "PCIE0_nbio0 TX TXCLK", 4, true},     {13, "PCIE0_nbio0 TX TXCLK", 4, true},
+        {14, "PCIE0_nbio0 RX SCLK", 4, true},     {21, "PCIE0_nbio0 RX SCLK", 4, true},
+        {22, "PCIE0_nbio0 TX SCLK", 4, true},     {29, "PCIE0_nbio0 TX SCLK", 4, true},
+        {30, "PCIE0_nbio0 LINK SCLK", 5, true},   {37, "PCIE0_nbio0 LINK SCLK", 5, true},
+        {38, "PCIE4_nbio0 NAK", 1, true},
+    };
+    ASSERT_NE(family, nullptr);
+    for (const Case& c : cases) {
+        EXPECT_EQ(family->GetSpaceName(c.counter), c.name) << c.counter;
+        EXPECT_EQ(family->GetNumberOfSelectionEntries(c.counter), c.entries) << c.counter;
+        EXPECT_EQ(family->IsPortSelectionSupported(c.counter), c.port) << c.counter;
     }
+    const unsigned int past = family->GetNumberOfCounters();
+    EXPECT_EQ(past % 38, 0u);
+    EXPECT_EQ(family->GetSpaceName(past), "NA" + std::to_string(past / 38));
+    EXPECT_EQ(family->GetNumberOfSelectionEntries(past), 0u);
+    std::string port;
+    EXPECT_TRUE(family->GetPortSelectionEntry(0, 0, &port));
+    EXPECT_EQ(port, "0:0:1.0");
+    EXPECT_FALSE(family->GetPortSelectionEntry(0, 1, &port));
+    EXPECT_EQ(family->GetSelectionEntry(6, 2), "2. TX Bytes");
+    EXPECT_EQ(family->EventIDToNameIndex(30, 4), 4);
+    // An external release hides the debug events and renumbers nothing.
+    family->SetExternalReleaseVersion(true);
+    EXPECT_EQ(family->GetNumberOfSelectionEntries(30), 3u);
+    EXPECT_EQ(family->EventIDToNameIndex(30, 4), -1);
+    EXPECT_EQ(family->GetSelectionEntry(30, 2), "2. NAKs");
+}
+
+TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) {
+    // The 400G NIC below 0:40:1.0 (profile: 40 NAKs/s, 48e6 TX TLPs/s, 12e9 TX bytes/s,
+    // 52e6 RX TLPs/s, 120 replays/s); the die's TX clock runs at 1 GHz.
+    const int base = space_on("0:40:1.0");
+    ASSERT_GE(base, 0);
+    struct Choice {
+        int slot, entry;
+        double rate;
+    };
+    // Slots 6 and 7 share one select: 7, enabled while the monitor runs,
+    // resets 6, whose rates must not take the reset for a wrap.
+    const Choice chosen[] = {{0, 0, 40}, {1, 0, 1e9}, {6, 2, 12e9}, {14, 1, 52e6}, {30, 1, 120}, {7, 1, 48e6}};
+    const auto enable = [&](const Choice& c) {
+        ASSERT_FALSE(panel.OnSelectPerfCounter(base + c.slot).empty());
+        panel.OnCounterSelectionCurrentIndexChanged(c.entry);
+        panel.OnEnableCounterClicked(true);
+    };
+    for (const Choice& c : chosen)
+        if (c.slot != 7) enable(c);
     panel.OnLogToCountTxtClicked(true);
     panel.OnStopMonitorClicked();  // nothing runs: nothing happens
     EXPECT_FALSE(panel.is_running());
 
     std::thread monitor([this] { panel.OnStartMonitorClicked(); });
-    {
+    const auto wait_for_tables = [&](size_t n) {
         std::unique_lock<std::mutex> lock(mutex);
-        const bool pushed = changed.wait_for(lock, std::chrono::seconds(60), [&] {
-            return std::count_if(pushes.begin(), pushes.end(), [](const json& m) { return m["key"] == "perfInfo"; }) >= 3;
+        return changed.wait_for(lock, std::chrono::seconds(60), [&] {
+            return std::count_if(pushes.begin(), pushes.end(), [](const json& m) { return m["key"] == "perfInfo"; }) >= n;
         });
-        ASSERT_TRUE(pushed) << "the monitor pushed no table";
-    }
+    };
+    EXPECT_TRUE(wait_for_tables(1)) << "the monitor pushed no table";
+    enable(chosen[5]);
+    EXPECT_TRUE(wait_for_tables(4)) << "the monitor pushed no table";
     EXPECT_TRUE(panel.is_running());
     panel.OnStartMonitorClicked();  // a second monitor returns at once
     panel.OnStopMonitorClicked();
@@ -101,10 +155,11 @@ TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) 
     EXPECT_EQ(pushes_with("counterStopped"), 1u);
 
     const json table = panel.GetPCIEPerfCounterInfo();
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const json& row = table.at(rows[i]);
+    for (const Choice& c : chosen) {
+        const json& row = table.at(base + c.slot);
         const double rate = std::stod(row["rate"].get<std::string>());
-        EXPECT_NEAR(rate, chosen[i].second, chosen[i].second * 0.01) << row.dump();
+        EXPECT_NEAR(rate, c.rate, c.rate * 0.01) << row.dump();
+        EXPECT_NEAR(std::stod(row["maxRate"].get<std::string>()), c.rate, c.rate * 0.01) << row.dump();
         EXPECT_GT(std::stoull(row["value"].get<std::string>()), 0u) << row.dump();
     }
 
@@ -116,54 +171,138 @@ TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) 
     EXPECT_TRUE(std::regex_search(log, std::regex("^\n" + stamp + " \\(Start\\)\n"))) << log.substr(0, 200);
     EXPECT_TRUE(std::regex_search(log, std::regex("\n" + stamp + " \\(End\\)\n$"))) << log.substr(log.size() - 200);
     EXPECT_TRUE(std::regex_search(
-        log, std::regex("\n" + stamp + "\nPCIE0_nbio1 EVENT1:  on 0:40:1\\.0: \\d+ Rate: 12000000000 Max Rate: \\d+\n")))
+        log, std::regex("\n" + stamp + "\nPCIE0_nbio1 TX TXCLK:  on 0:40:1\\.0: \\d+ Rate: 12000000000 Max Rate: \\d+\n")))
         << log.substr(0, 600);
 }
 
-// The base class's bookkeeping over a 48-bit count, without hardware.
-class FixedCounter : public CPerformanceCounters {
+// Statistics of one counter, without hardware, for a 48-bit and a 32-bit count.
+class BareCounters : public CPC_PCIE_Cores {
 public:
-    FixedCounter() { CreateStatisticsStructure(1); }
-    std::string GetName() const override { return "fixed"; }
-    unsigned int GetNumberOfCounters() const override { return 1; }
-    std::string GetSpaceName(unsigned int) const override { return "c"; }
-    bool IsPortSelectionSupported(unsigned int) const override { return false; }
-    std::vector<std::string> GetPortSelectionEntries(unsigned int) const override { return {}; }
-    unsigned int GetNumberOfSelectionEntries(unsigned int) const override { return 1; }
-    std::string GetSelectionEntry(unsigned int, unsigned int) const override { return "0. x"; }
-    void InitCounter(unsigned int c) override { CleanupStatisticsInformation(c); }
-    void GetCounter(unsigned int, uint32_t*, uint32_t*) override {}
-    unsigned int GetCounterBits() const override { return 48; }
+    explicit BareCounters(const chips::perf::CounterLayout& layout)
+        : CPC_PCIE_Cores("bare", layout, chips::corvane::kPcieCores, nullptr, {port()}) {}
+    static PortMap port() {
+        PortMap p;
+        p.core = "PCIE0_nbio0";
+        return p;
+    }
 };
 
 TEST(CounterStatistics, RatesPerSecondAcrossWrapsAndIdleSpans) {
     struct Case {
         const char* name;
+        unsigned int bits;
         uint64_t previous, last;
-        double seconds, rate;
+        double seconds;
+        uint64_t rate;
         bool change;
     };
-    const uint64_t top = (uint64_t{1} << 48) - 1;
+    const uint64_t top48 = (uint64_t{1} << 48) - 1;
     const Case cases[] = {
-        {"steady", 1000, 3000, 2.0, 1000, true},
-        {"wrap past 48 bits", top - 99, 400, 1.0, 500, true},
-        {"silent", 77, 77, 1.0, 0, false},
-        {"high word carries", 0xFFFFFFFFull, 0x100000000ull + 9, 0.5, 20, true},
+        {"steady", 48, 1000, 3000, 2.0, 1000, true},
+        {"low word carries into the high", 48, 0xFFFFFFF0ull, 0x100000000ull + 9, 0.5, 50, true},
+        {"wrap past 48 bits", 48, top48 - 99, 400, 1.0, 500, true},
+        {"wrap past 32 bits", 32, 0xFFFFFF00ull, 0x100, 1.0, 0x200, true},
+        {"silent", 48, 77, 77, 1.0, 0, false},
     };
     for (const Case& c : cases) {
-        FixedCounter counter;
+        BareCounters counter(c.bits == 32 ? chips::perf::kKX900Layout : chips::perf::kCorvaneLayout);
         const auto t0 = std::chrono::system_clock::time_point(std::chrono::seconds(100));
         const auto t1 = t0 + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(c.seconds));
         counter.SetStatisticsInformation(0, static_cast<uint32_t>(c.previous), static_cast<uint32_t>(c.previous >> 32), t0);
-        EXPECT_EQ(counter.Statistics(0).rate, 0) << c.name << ": one read has no rate";
+        uint64_t rate = 1;
+        counter.GetCounterRate(0, &rate);
+        EXPECT_EQ(rate, 0u) << c.name << ": one read has no rate";
         counter.SetStatisticsInformation(0, static_cast<uint32_t>(c.last), static_cast<uint32_t>(c.last >> 32), t1);
-        EXPECT_DOUBLE_EQ(counter.Statistics(0).rate, c.rate) << c.name;
-        EXPECT_DOUBLE_EQ(counter.Statistics(0).max_rate, c.rate) << c.name;
+        EXPECT_EQ(counter.Statistics(0).rate, c.rate) << c.name;
         EXPECT_EQ(counter.IsChangeDetected(0), c.change) << c.name;
-        EXPECT_EQ(counter.Statistics(0).samples, 2u) << c.name;
-        counter.InitCounter(0);
+        counter.SetStatisticsInformation(0, static_cast<uint32_t>(c.last), static_cast<uint32_t>(c.last >> 32), t1 + (t1 - t0));
+        uint64_t max_rate = 0;
+        counter.GetCounterMaxRate(0, &max_rate);
+        EXPECT_EQ(max_rate, c.rate) << c.name << ": the largest rate stays";
+        EXPECT_FALSE(counter.IsChangeDetected(0)) << c.name << ": the last two reads are equal";
+        EXPECT_EQ(counter.Statistics(0).samples, 3u) << c.name;
+        counter.CleanupStatisticsInformation(0);
         EXPECT_EQ(counter.Statistics(0).samples, 0u) << c.name;
     }
+}
+
+// Registers as the core sees them: writes are kept and read back.
+class RecordingCore : public CRNAccessor {
+public:
+    unsigned int read32(unsigned int address) const override { return values.count(address) ? values.at(address) : 0; }
+    void write32(unsigned int address, unsigned int value) const override {
+        writes.emplace_back(address, value);
+        values[address] = value;
+    }
+    unsigned int read16(unsigned int) const override { return 0; }
+    void write16(unsigned int, unsigned int) const override {}
+    unsigned int read8(unsigned int) const override { return 0; }
+    void write8(unsigned int, unsigned int) const override {}
+    mutable std::map<unsigned int, unsigned int> values;
+    mutable std::vector<std::pair<unsigned int, unsigned int>> writes;
+};
+
+PortMap port_on(const std::string& core, unsigned int index) {
+    PortMap p;
+    p.core = core;
+    p.function_index = index;
+    p.device = {0, 0x40, 1, index};
+    return p;
+}
+
+TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters) {
+    struct Family {
+        const char* die;
+        const char* core;
+        unsigned int counters;
+        const char* name;
+    };
+    const Family families[] = {
+        {"Corvane", "PCIE0_nbio0", 38, "Corvane Socket:0 Die:1"}, {"Dellmar", "PCIE5_nbio0", 38, "Dellmar Socket:0 Die:1"},
+        {"KX900C", "PCIE1", 38, "KX900C Socket:0 Die:1-Die:1"}, {"Sabrel Crown", "PCIE0", 0, "Sabrel Crown Socket:0 Die:1"},
+        {"Rusk", "PCIE0", 0, "Rusk Socket:0 Die:1"},
+    };
+    CPC_PCIEList list;
+    auto core = std::make_shared<RecordingCore>();
+    for (const Family& f : families)
+        list.AddToPCList({die_test::cpu_die(f.die, 0, 1), {port_on(f.core, 2)}}, [&](const VEX_DIE_INFO&) { return core; });
+    list.AddToPCList({die_test::cpu_die("Foo", 0), {}}, [&](const VEX_DIE_INFO&) { return core; });
+    ASSERT_EQ(list.GetListSize(), std::size(families)) << "an unknown die has no family";
+    for (unsigned int i = 0; i < list.GetListSize(); ++i) {
+        EXPECT_EQ(list.GetListEntry(i)->GetNumberOfCounters(), families[i].counters) << families[i].die;
+        EXPECT_EQ(list.GetListEntry(i)->GetName(), families[i].name);
+    }
+
+    // Corvane's PCIE0_nbio0, its port at function index 2.
+    CPerformanceCounters& corvane = *list.GetListEntry(0u);
+    const unsigned int base = chips::corvane::kPcieCores[0].core_base;
+    struct Reset {
+        unsigned int slot, entry;
+        std::vector<std::pair<unsigned int, unsigned int>> writes;  // offset, value
+    };
+    core->values[base + 72] = 0x40;  // bits the reset must keep
+    const Reset resets[] = {
+        {0, 0, {{72, 0x241}, {72, 0x240}}},  // bit 0 toggled, port 2 in bits 11:8
+        {1, 0, {{72, 0x242}, {72, 0x240}}},
+        {2, 2, {{516, 0}, {516, 0x20002}}},  // event 2 in bits 7:0, port in 19:16
+        {5, 1, {{528, 0}, {528, 0x200100}}},  // odd slot: bits 15:8 and 23:20
+        {16, 3, {{2196, 0}, {2196, 0x20003}}},
+        {37, 4, {{2316, 0}, {2316, 0x200400}}},
+    };
+    for (const Reset& r : resets) {
+        core->writes.clear();
+        ASSERT_TRUE(corvane.SetEntry(r.slot, r.entry)) << r.slot;
+        corvane.InitCounter(r.slot);
+        std::vector<std::pair<unsigned int, unsigned int>> offsets;
+        for (const auto& [address, value] : core->writes) offsets.emplace_back(address - base, value);
+        EXPECT_EQ(offsets, r.writes) << "slot " << r.slot;
+    }
+    core->values[base + 56] = 7;
+    core->values[base + 0xC00] = 1;
+    uint32_t low = 0, high = 0;
+    EXPECT_EQ(corvane.GetCounter(0, &low, &high), 1);
+    EXPECT_EQ(corvane.LastValue(0), 0x100000007u);
+    EXPECT_EQ(corvane.GetCounter(corvane.GetNumberOfCounters(), &low, &high), 0);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// Performance counters: pick a row's port and event, enable rows, start and
-// stop the monitor; the table, totals and a rate chart per enabled row follow
-// the monitor's pushes, and the samples seen can be saved as CSV.
+// Performance counters: 38 rows per PCIe core, grouped by die and core;
+// pick a row's port and event, enable rows, start and stop the monitor; the
+// table, totals and a rate chart per enabled row follow the monitor's
+// pushes, and the samples seen can be saved as CSV.
+import { Fragment } from 'preact';
 import { useEffect, useRef, useState } from 'preact/hooks';
 import * as api from '../panels_api';
 import type { CounterRow, CounterSettings } from '../panels_api';
@@ -18,6 +20,12 @@ export function samples_csv(samples: Sample[]): string {
   for (const { at, row } of samples)
     lines.push([at, row.name, row.port, row.event, row.value, row.rate, row.maxRate].map(quote).join(','));
   return lines.join('\n') + '\n';
+}
+
+/** The core a row belongs to: its name up to the slot's words ("PCIE0_nbio1" of "PCIE0_nbio1 TX SCLK"). */
+export function core_of(row: CounterRow): string {
+  const cut = row.name.indexOf(' ');
+  return cut < 0 ? row.name : row.name.slice(0, cut);
 }
 
 function Chart({ points }: { points: number[] }) {
@@ -105,47 +113,57 @@ export function CountersView({ visible }: { visible: boolean }) {
       <table data-testid="counter-table">
         <thead><tr><th>On</th><th>Counter</th><th>Port</th><th>Event</th><th>Total</th><th>Rate (/s)</th><th>Max rate (/s)</th><th>Rate chart</th></tr></thead>
         <tbody>
-          {(rows ?? []).map((row) => {
+          {(rows ?? []).map((row, i) => {
             const s = settings[row.key];
+            // Load a row's choices when its select is first reached.
+            const load_choices = () => {
+              if (!s) choose(row).catch((e: Error) => setNote(e.message));
+            };
+            const core = core_of(row);
+            const head = i === 0 || rows![i - 1].space !== row.space || core_of(rows![i - 1]) !== core;
             return (
-              <tr key={row.key} data-counter={row.key}>
-                <td>
-                  <input type="checkbox" aria-label={`enable ${row.name} ${row.port}`} checked={row.enabled}
-                    onChange={(e) => {
-                      // Read before any await: a re-render puts the box back until the service agrees.
-                      const on = (e.target as HTMLInputElement).checked;
-                      act(choose(row).then(() => api.set_counter_enabled(on)));
-                    }} />
-                </td>
-                <td title={row.space}>{row.name}</td>
-                <td>
-                  {s && s.portSelection.length > 1 ? (
-                    <select value={s.selectedPort} onChange={(e) => {
-                      const port = Number((e.target as HTMLSelectElement).value);
-                      act(choose(row).then(() => api.set_counter_port(port)).then(() => choose(row)));
-                    }}>
-                      {s.portSelection.map((p, i) => <option key={p} value={i}>{p}</option>)}
-                    </select>
-                  ) : row.port}
-                </td>
-                <td>
-                  {s ? (
-                    <select aria-label={`event ${row.name}`} value={s.selectedCounter}
+              <Fragment key={row.key}>
+                {head && (
+                  <tr class="space-head">
+                    <th colSpan={8}>{row.space} · {core}</th>
+                  </tr>
+                )}
+                <tr data-counter={row.key}>
+                  <td>
+                    <input type="checkbox" aria-label={`enable ${row.name} ${row.port}`} checked={row.enabled}
                       onChange={(e) => {
+                        // Read before any await: a re-render puts the box back until the service agrees.
+                        const on = (e.target as HTMLInputElement).checked;
+                        act(choose(row).then(() => api.set_counter_enabled(on)));
+                      }} />
+                  </td>
+                  <td title={row.space}>{row.name}</td>
+                  <td>
+                    {row.port === '' ? '' : (
+                      <select aria-label={`port ${row.name}`} value={s ? s.selectedPort : 0} onFocus={load_choices}
+                        onMouseDown={load_choices} onChange={(e) => {
+                          const port = Number((e.target as HTMLSelectElement).value);
+                          act(choose(row).then(() => api.set_counter_port(port)).then(() => choose(row)));
+                        }}>
+                        {(s ? s.portSelection : [row.port]).map((p, n) => <option key={p} value={n}>{p}</option>)}
+                      </select>
+                    )}
+                  </td>
+                  <td>
+                    <select aria-label={`event ${row.name}`} value={s ? s.selectedCounter : 0} onFocus={load_choices}
+                      onMouseDown={load_choices} onChange={(e) => {
                         const event = Number((e.target as HTMLSelectElement).value);
                         act(choose(row).then(() => api.set_counter_event(event)).then(() => choose(row)));
                       }}>
-                      {s.counterSelection.map((c, i) => <option key={c} value={i}>{c}</option>)}
+                      {(s ? s.counterSelection : [row.event]).map((c, n) => <option key={c} value={n}>{c}</option>)}
                     </select>
-                  ) : (
-                    <a href="javascript:void 0" onClick={() => choose(row).catch((e: Error) => setNote(e.message))}>{row.event}</a>
-                  )}
-                </td>
-                <td data-testid="total">{row.value}</td>
-                <td data-testid="rate">{row.rate}</td>
-                <td>{row.maxRate}</td>
-                <td>{row.enabled && <Chart points={history[row.key] ?? []} />}</td>
-              </tr>
+                  </td>
+                  <td data-testid="total">{row.value}</td>
+                  <td data-testid="rate">{row.rate}</td>
+                  <td>{row.maxRate}</td>
+                  <td>{row.enabled && <Chart points={history[row.key] ?? []} />}</td>
+                </tr>
+              </Fragment>
             );
           })}
         </tbody>
