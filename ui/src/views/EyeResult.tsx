@@ -194,6 +194,8 @@ function draw(canvas: HTMLCanvasElement, d: EyeScanResult, lane: EyeLane, hover:
   ctx.fillText('BER (log scale)', 0, 0);
   ctx.restore();
 
+  // Where the map lies in the canvas, for tests that point at a given cell.
+  canvas.dataset.plot = [m.left, m.top, plotW, plotH].join(',');
   return { left: m.left, top: m.top, cw, ch, rowAt: (row) => (ascending ? R - 1 - row : row) };
 }
 
