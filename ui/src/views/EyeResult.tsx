@@ -300,7 +300,7 @@ function Bathtub({ x, y, label, lo, floor, testid }: { x: number[]; y: (number |
 const mv = (v: number | null) => (v === null ? '–' : `${v.toFixed(1)} mV`);
 const ui = (v: number | null) => (v === null ? '–' : `${v.toFixed(3)} UI`);
 
-function LaneEye({ d, lane }: { d: EyeScanResult; lane: EyeLane }) {
+function LaneEye({ d, lane, failure }: { d: EyeScanResult; lane: EyeLane; failure: string | null }) {
   const tubs = useMemo(() => bathtubs(d, lane.Counts), [d, lane]);
   const lo = Math.log10(1 / bits_per_point(d));
   const floor = d.BerFloor > 0 ? Math.log10(d.BerFloor) : null;
@@ -317,7 +317,7 @@ function LaneEye({ d, lane }: { d: EyeScanResult; lane: EyeLane }) {
             {mv(f.TopMV)})
           </>
         ) : (
-          <span class="muted">No eye figures for this lane.</span>
+          lane.Counts.length > 0 && <span class="muted">No eye figures for this lane.</span>
         )}
       </p>
       {lane.Counts.length > 0 ? (
@@ -339,7 +339,9 @@ function LaneEye({ d, lane }: { d: EyeScanResult; lane: EyeLane }) {
           </div>
         </>
       ) : (
-        <p class="muted">This lane has no error map.</p>
+        <p class="error" data-testid="eye-lane-missing">
+          No error map for this lane{failure ? `: ${failure}` : '.'}
+        </p>
       )}
       {lane.Png && (
         <figure class="eye-png">
@@ -413,7 +415,8 @@ function Analysis({ d }: { d: EyeScanResult }) {
   );
 }
 
-export function EyeResult({ id }: { id: string }) {
+/** failure: why the test did not complete, said where a lane has nothing to show. */
+export function EyeResult({ id, failure }: { id: string; failure: string | null }) {
   const [data, setData] = useState<EyeScanResult | null>(null);
   const [error, setError] = useState<string | null>(null);
   useEffect(() => {
@@ -426,7 +429,7 @@ export function EyeResult({ id }: { id: string }) {
     };
   }, [id]);
 
-  if (error) return <p class="muted" data-testid="eye-result">No eye data: {error}</p>;
+  if (error) return <p class="error" data-testid="eye-result">No eye data: {error}</p>;
   if (!data) return <p class="muted" data-testid="eye-result">Loading the eye scan data…</p>;
   const p = data.PhaseUI;
   const v = data.VoltageMV;
@@ -439,7 +442,7 @@ export function EyeResult({ id }: { id: string }) {
       {data.Lanes.length === 0 && <p class="muted">This scan holds no lane.</p>}
       <div class="eye-grid">
         {data.Lanes.map((lane) => (
-          <LaneEye key={`${lane.Link}-${lane.Lane}`} d={data} lane={lane} />
+          <LaneEye key={`${lane.Link}-${lane.Lane}`} d={data} lane={lane} failure={failure} />
         ))}
       </div>
       <Analysis d={data} />

@@ -164,7 +164,7 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
       {isPcie && !measured && <p class="muted">This test did not finish measuring, so it has no margins to show.</p>}
       {isPcie && measured && full.length === 0 && <p class="muted">This test has no per-lane data.</p>}
       {isHvl && <HvlResult doc={doc} full={full} uiPs={uiPs} />}
-      {isEye && <EyeResult id={id} />}
+      {isEye && <EyeResult id={id} failure={measured ? null : text_of(output.FailureReason) || 'no reason given'} />}
       {(isPcie || isHvl) && full.length > 0 && (
         <p>
           <button type="button" onClick={() => setShowMaps(!mapsShown)}>
