@@ -73,10 +73,11 @@ function draw(canvas: HTMLCanvasElement, d: EyeScanResult, lane: EyeLane, hover:
   // Screen row of data row r, 0 at the top.
   const screenRow = (r: number) => (ascending ? R - 1 - r : r);
   const bits = bits_per_point(d);
-  const lo = Math.log10(1 / bits);
+  // The scale starts at the floor, as in the plotted image: below it the eye counts as open.
+  const lo = d.BerFloor > 0 && d.BerFloor < 1 ? Math.log10(d.BerFloor) : Math.log10(1 / bits);
   const t_of = (count: number) => {
     const v = log_ber(count, bits);
-    return v === null ? 0 : (v - lo) / -lo;
+    return v === null ? 0 : Math.max(0, (v - lo) / -lo);
   };
 
   for (let r = 0; r < R; r++) {
@@ -169,7 +170,7 @@ function draw(canvas: HTMLCanvasElement, d: EyeScanResult, lane: EyeLane, hover:
   ctx.fillText('Voltage (mV)', 0, 0);
   ctx.restore();
 
-  // The colour bar, in whole decades of BER.
+  // The colour bar, from the floor in whole decades of BER.
   const barX = m.left + plotW + 0.8 * rem;
   const barW = 0.9 * rem;
   const gradient = ctx.createLinearGradient(0, m.top + plotH, 0, m.top);
