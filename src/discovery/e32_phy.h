@@ -62,6 +62,8 @@ public:
     bool check_if_override_is_working();
 
     void set_abandon_check(WaitAbandoned abandoned) { _abandoned = std::move(abandoned); }
+    // Whether the wait's owner asked to give up (never, without a check).
+    bool abandoned() const { return _abandoned && _abandoned(); }
     const std::string& link() const { return _link; }
     unsigned int lane() const { return _lane; }
 

@@ -39,7 +39,15 @@ EyeSampler::EyeSampler(RegisterSpace& space, uint32_t ring, uint64_t key, const 
     });
     _space.define(_ring + e32::kRingLength, e32::kRingBytes, 0);
     _space.define(_ring + e32::kRingOverrun, 0, 0);
+    _space.on_read(_ring + e32::kRingOverrun, [this](uint32_t, const ModelTime& now) {
+        _produce(now);
+        return _overrun ? 1u : 0u;
+    });
     _space.define(_ring + e32::kRingLost, 0, 0);
+    _space.on_read(_ring + e32::kRingLost, [this](uint32_t, const ModelTime& now) {
+        _produce(now);
+        return static_cast<uint32_t>(_lost);
+    });
     _space.define(_ring + e32::kRingAck, 0);
 }
 
@@ -78,8 +86,6 @@ bool EyeSampler::command(uint32_t code, uint32_t parameter, const ModelTime& now
     _running = false;
     _written = _acked = _lost = 0;
     _overrun = false;
-    _space.poke(_ring + e32::kRingOverrun, 0);
-    _space.poke(_ring + e32::kRingLost, 0);
     _space.poke(_ring + e32::kRingAck, 0);
     _nbits = parameter & 0xFF;
     _P = axis_values(_phase_start, _phase_end, _phase_step);
@@ -151,8 +157,6 @@ void EyeSampler::_write(uint32_t value) {
         _lost += lost;
         _acked += lost;
         _overrun = true;
-        _space.poke(_ring + e32::kRingOverrun, 1);
-        _space.poke(_ring + e32::kRingLost, static_cast<uint32_t>(_lost));
     }
     _space.poke(_ring + e32::kRingData + static_cast<uint32_t>(_written % e32::kRingBytes), value);
     _written += 4;
@@ -204,7 +208,7 @@ std::vector<PhySetting> read_phy_settings(const json& settings, const std::vecto
                 fail(path, "unknown field '" + item.key() + "'");
         PhySetting setting;
         const json socket = entry.value("socket", json());
-        if (!socket.is_number_unsigned() || socket.get<unsigned>() >= sockets.size())
+        if (!socket.is_number_integer() || socket.get<int64_t>() < 0 || socket.get<uint64_t>() >= sockets.size())
             fail(path + ".socket", "expected a socket of the profile, got " + socket.dump());
         setting.socket = socket.get<unsigned>();
         const json link = entry.value("link", json());
@@ -213,7 +217,7 @@ std::vector<PhySetting> read_phy_settings(const json& settings, const std::vecto
             fail(path + ".link", "expected an E32 link with a PCS, got " + link.dump());
         setting.link = link.get<std::string>();
         const json mode = entry.value("tap_mode", json(3));
-        if (!mode.is_number_unsigned() || (mode.get<unsigned>() != 0 && mode.get<unsigned>() != 2 && mode.get<unsigned>() != 3))
+        if (!mode.is_number_integer() || (mode.get<int64_t>() != 0 && mode.get<int64_t>() != 2 && mode.get<int64_t>() != 3))
             fail(path + ".tap_mode", "expected 0, 2 or 3, got " + mode.dump());
         setting.tap_mode = mode.get<unsigned>();
         result.push_back(setting);
