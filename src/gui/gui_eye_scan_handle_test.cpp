@@ -285,7 +285,8 @@ void GUIEyeScanHandleTest::thread_fuction() {
         const std::string phy = get_lane_generic_info(*die)->get_phy_name(link);
 
         TestProgressReporter progress(_storage, id, system_facts().now());
-        const double lane_seconds = eye_scan_lane_seconds(*window, nbits, eye_scan_rate_gbps(_test, _dies), kEstimateTaps);
+        const double rate = eye_scan_rate_gbps(_test, _dies);
+        const double lane_seconds = eye_scan_lane_seconds(*window, nbits, rate, kEstimateTaps);
         auto report = [&](unsigned int done, const std::string& step, std::optional<unsigned int> lane) {
             PCIE::MarginProgress state;
             state.lanes_done = done;
@@ -310,7 +311,7 @@ void GUIEyeScanHandleTest::thread_fuction() {
             }
             report(done, "Eye scan", lane);
             if (phy == "E32") {
-                EyeLaneScan job{*die, link, lane, folder, scan_id, nbits, *window,
+                EyeLaneScan job{*die, link, lane, folder, scan_id, nbits, *window, rate,
                                 [stop] { return stop.stop_requested(); }};
                 std::optional<std::string> problem;
                 try {

@@ -60,6 +60,7 @@ struct EyeLaneScan {
     int id = 0;  // file prefix of the lane's files
     int nbits = 0;
     EyeScanWindow window;
+    double rate_gbps = 0;  // the lane's bit rate, which bounds how long a scan may take
     std::function<bool()> abandoned;  // the test is cancelled or the service stops
 };
 
