@@ -71,7 +71,7 @@ async function check_eyes(page, d) {
     const seen = {};
     for (const [name, [p, r]] of Object.entries(cells)) {
       seen[name] = await point_at(page, canvas, d, p, r);
-      const count = d.Lanes[i].Counts[r][p];
+      const count = d.Lanes.find((l) => l.Lane === LANES[i]).Counts[r][p];
       const ber = count > 0 ? `BER ${sci(Math.min(1, count / bits))} (` : `BER < ${sci(1 / bits)} (no error`;
       assert.ok(seen[name].reading.startsWith(ber), `lane ${LANES[i]} ${name}: "${seen[name].reading}", count ${count}`);
     }

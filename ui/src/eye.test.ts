@@ -66,13 +66,13 @@ describe('eye scan data', () => {
   const answer = {
     OperationStatus: true, Nbits: 2, Taps: 1, BerFloor: 3 / 8, PhaseUI: [-0.5, 0, 0.5], VoltageMV: [-7.5, -2.5, 2.5, 7.5],
     Lanes: [
-      { Lane: 0, Link: 'G1', Counts: [[8, 8, 8], [4, 0, 2], [8, 2, 6], [8, 8, 8]], Figures: { TopMV: 5, BottomMV: -5, LeftUI: -0.25 }, Png: 'a.png' },
       { Lane: 1, Link: 'G1', Counts: [[1, 2]], Figures: null, Png: null },
+      { Lane: 0, Link: 'G1', Counts: [[8, 8, 8], [4, 0, 2], [8, 2, 6], [8, 8, 8]], Figures: { TopMV: 5, BottomMV: -5, LeftUI: -0.25 }, Png: 'a.png' },
     ],
     Analysis: { Header: ['Name', 'Lane'], Rows: [['s0_G1_0', 0]] },
   };
 
-  it('reads lanes, drops a map that does not fit the axes, and keeps the figures given', () => {
+  it('reads lanes in lane order, drops a map that does not fit the axes, and keeps the figures given', () => {
     const d = eye_result_of(answer);
     expect(d.Lanes.map((l) => l.Counts.length)).toEqual([4, 0]);
     expect(d.Lanes[0].Figures).toEqual({ TopMV: 5, BottomMV: -5, LeftUI: -0.25, RightUI: null, WidthUI: null, HeightMV: null });

@@ -121,6 +121,8 @@ export function eye_result_of(answer: unknown): EyeScanResult {
       Png: link_or_null(l.Png),
     };
   });
+  // The service lists lanes as it finds their files.
+  lanes.sort((a, b) => a.Lane - b.Lane);
   const analysis = is_object(answer.Analysis) ? answer.Analysis : {};
   return {
     Nbits: finite(answer.Nbits) ? answer.Nbits : 0,
