@@ -7,11 +7,14 @@
 #include <filesystem>
 #include <fstream>
 
+#include "discovery/e32_phy.h"
+#include "eye_scan/eye_machine.h"
 #include "gui/gui_eye_scan_handle_test.h"
 #include "gui/gui_hvl_get_device.h"
 #include "gui/model_machine.h"
 #include "gui/scheduler.h"
 #include "gui/test_record_checks.h"
+#include "hardware/register_storage.h"
 
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -239,6 +242,36 @@ TEST(EyeScanRun, EndsWithTheFirstFailureNamingItsLane) {
         EXPECT_EQ(archived["TestParams"]["BER"], "5.84");
         fs::remove_all(root);
     }
+}
+
+// The runner's lane scan over the model's PHYs: what it leaves or says for
+// each way a lane can end, and the override released after every one.
+TEST(EyeScanLane, ScansOrSaysWhyAndReleasesTheOverride) {
+    eye_test::EyeMachine machine([](json& profile) {
+        profile["faults"] = {{{"type", "hvl_override_never_granted"}, {"socket", 0}, {"link", "G1"}, {"lane", 1}},
+                             {{"type", "eye_ring_stall"}, {"socket", 0}, {"link", "G1"}, {"lane", 2}}};
+    });
+    const fs::path folder = fresh_folder("lane");
+    struct Case {
+        const char* name;
+        unsigned int lane;
+        bool abandon;
+        const char* failure;  // a part of it; nullptr: scanned
+    };
+    for (const Case& c : {Case{"scanned", 0, false, nullptr}, Case{"override never granted", 1, false, "PCS override not working."},
+                          Case{"ring stalls", 2, false, "did not end within"}, Case{"cancelled", 3, true, ""}}) {
+        SCOPED_TRACE(c.name);
+        EyeLaneScan job{machine.die0, "G1", c.lane, folder.string(), static_cast<int>(1000 + c.lane), 12,
+                        EyeScanWindow{}, 32, [&] { return c.abandon; }};
+        const auto failure = e32_lane_scanner()(job);
+        EXPECT_EQ(failure.has_value(), c.failure != nullptr);
+        if (failure && c.failure) EXPECT_NE(failure->find(c.failure), std::string::npos) << *failure;
+        const std::string prefix = std::to_string(1000 + c.lane);
+        EXPECT_EQ(fs::exists(folder / (prefix + "_metadata.csv")), c.failure == nullptr);
+        if (c.lane != 1)
+            EXPECT_TRUE(CorvaneE32PCSCommands("G1", c.lane, get_register_store(machine.die0)).check_if_override_is_working());
+    }
+    fs::remove_all(folder);
 }
 
 }  // namespace
