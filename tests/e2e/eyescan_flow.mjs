@@ -124,6 +124,7 @@ await run('eyescan-flow', 100000, async ({ service, browser, shot }) => {
   await page.waitForSelector('[data-testid=eye-lane]', { timeout: LONG_WAIT_MS });
   await check_eyes(page, data);
   await page.mouse.move(0, 0);
+  await page.evaluate(() => window.scrollTo(0, 0));
   await shot(page, 'result');
 
   // The results table opens it too.

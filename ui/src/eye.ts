@@ -42,15 +42,15 @@ export function target_key(t: EyeScanTarget): string {
   return t.PCIeInfo ? `pcie|${t.PCIeInfo.SBDF}` : `hvl|${t.HVLCtrlInfo?.DeviceName}|${t.HVLCtrlInfo?.SERDES}`;
 }
 
-/** "hVL s0.G1 to s1.G3 · 32 GT/s x16" or "PCIe 0:3:0.0 · 16 GT/s x16 · <die> P2". */
+/** "hVL s0.G1 to s1.G3 · 32 GT/s x16" or "PCIe 0:3:0.0 · 16 GT/s x16 · link P2 of <die>". */
 export function target_label(t: EyeScanTarget): string {
   if (t.HVLCtrlInfo) {
     const partner = partner_label(t.HVLCtrlInfo);
     return `hVL ${link_label(t.HVLCtrlInfo)}${partner ? ` to ${partner}` : ''} · ${rate_label(t.HVLCtrlInfo.Speed)} ${text_of(t.HVLCtrlInfo.Width).trim()}`;
   }
   const info = t.PCIeInfo!;
-  const serdes = `${text_of(t.SERDES?.DeviceName)} ${text_of(t.SERDES?.SERDES)}`.trim();
-  return `PCIe ${info.SBDF} · ${rate_label(info.Speed)} ${text_of(info.Width).trim()}${serdes ? ` · ${serdes}` : ''}`;
+  const serdes = t.SERDES?.SERDES ? ` · link ${t.SERDES.SERDES} of ${text_of(t.SERDES.DeviceName)}` : '';
+  return `PCIe ${info.SBDF} · ${rate_label(info.Speed)} ${text_of(info.Width).trim()}${serdes}`;
 }
 
 export interface EyeForm {
