@@ -306,7 +306,7 @@ void GUIEyeScanHandleTest::thread_fuction() {
         unsigned int done = 0;
         for (const unsigned int lane : *lanes) {
             if (_stop.stop_requested()) {
-                failure = _stop.stop_reason();
+                failure = "stopped";  // named below
                 break;
             }
             report(done, "Eye scan", lane);
@@ -345,7 +345,10 @@ void GUIEyeScanHandleTest::thread_fuction() {
         _test["TestOutput"] = eye_scan_test_output(rows, rows_error, lanes->size(), failure, folder);
         // A scan stopped by the shutdown says so (a cancel is named by finish_test).
         if (_stop.stop_requested() && _test["TestOutput"]["Status"] == "Failed")
-            _test["TestOutput"]["FailureReason"] = _stop.stop_reason();
+            _test["TestOutput"]["FailureReason"] =
+                std::string(_stop.stop_reason()) == PCIE::MarginStopFlag::kShutdownReason
+                    ? "Eye scan stopped: the service is shutting down"
+                    : _stop.stop_reason();
     } catch (const std::exception& error) {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
     } catch (...) {
