@@ -334,9 +334,12 @@ void GUIEyeScanHandleTest::thread_fuction() {
             }
             ++done;
         }
-        if (failure.empty()) {
+        // The lanes scanned before a failing one are plotted too, so their
+        // eyes can be seen; a stopped test ends at once.
+        if (!_stop.stop_requested() && !lane_of_id.empty()) {
             report(done, "Plotting", std::nullopt);
-            failure = _plot(folder, lane_of_id);
+            const std::string plot_failure = _plot(folder, lane_of_id);
+            if (failure.empty()) failure = plot_failure;
         }
         const std::string analysis = OSSpecific().append_to_path(folder, "analysis.csv");
         _merger(folder, analysis);
