@@ -306,7 +306,7 @@ void GUIEyeScanHandleTest::thread_fuction() {
         unsigned int done = 0;
         for (const unsigned int lane : *lanes) {
             if (_stop.stop_requested()) {
-                failure = _stop.stop_reason();
+                failure = "stopped";  // named below
                 break;
             }
             report(done, "Eye scan", lane);
@@ -334,9 +334,12 @@ void GUIEyeScanHandleTest::thread_fuction() {
             }
             ++done;
         }
-        if (failure.empty()) {
+        // The lanes scanned before a failing one are plotted too, so their
+        // eyes can be seen; a stopped test ends at once.
+        if (!_stop.stop_requested() && !lane_of_id.empty()) {
             report(done, "Plotting", std::nullopt);
-            failure = _plot(folder, lane_of_id);
+            const std::string plot_failure = _plot(folder, lane_of_id);
+            if (failure.empty()) failure = plot_failure;
         }
         const std::string analysis = OSSpecific().append_to_path(folder, "analysis.csv");
         _merger(folder, analysis);
@@ -345,7 +348,10 @@ void GUIEyeScanHandleTest::thread_fuction() {
         _test["TestOutput"] = eye_scan_test_output(rows, rows_error, lanes->size(), failure, folder);
         // A scan stopped by the shutdown says so (a cancel is named by finish_test).
         if (_stop.stop_requested() && _test["TestOutput"]["Status"] == "Failed")
-            _test["TestOutput"]["FailureReason"] = _stop.stop_reason();
+            _test["TestOutput"]["FailureReason"] =
+                std::string(_stop.stop_reason()) == PCIE::MarginStopFlag::kShutdownReason
+                    ? "Eye scan stopped: the service is shutting down"
+                    : _stop.stop_reason();
     } catch (const std::exception& error) {
         _test["TestOutput"] = failed_test_output(error.what(), folder);
     } catch (...) {

@@ -10,7 +10,7 @@
 // ending the process: an unknown die, an unreadable summary ("Unable to
 // parse file."), a collector exception all end the test "Failed" with the
 // reason; a lane that fails names itself ("Lane <n>: <reason>"), and the
-// lanes scanned before it keep their files.
+// lanes scanned before it keep their files and are plotted.
 #pragma once
 
 #include <functional>

@@ -8,6 +8,9 @@
 #include "eye_machine.h"
 #include "eye_scan_helpers.h"
 #include "hardware/test_temp_folder.h"
+#include "margin_hvl/hvl_margin_handler.h"
+#include "margin_hvl/hvl_margin_report.h"
+#include "margin_pcie/pcie_margin_multi_pass.h"
 
 using nlohmann::json;
 using eye_test::EyeMachine;
@@ -31,6 +34,41 @@ Found eye_of(const std::vector<std::vector<long>>& cpdf) {
     for (int p = centre_phase; p < 17 && cpdf[above][p] < 3; ++p) f.right = (-32 + 4 * p) / 64.0;
     for (int p = centre_phase; p >= 0 && cpdf[above][p] < 3; --p) f.left = -(-32 + 4 * p) / 64.0;
     return f;
+}
+
+// The lane's margins as its engine finds them (UI, mV): the hVL margin, or
+// the PCIe margin of the root port (slot3, bus 0x40) on that SerDes lane.
+Found margin_of(const EyeMachine& m, const std::string& link, unsigned int lane) {
+    json results = json::array();
+    if (link == "G1") {
+        HVLMarginHandler::InputParam p;
+        p.die = m.die0;
+        p.link = link;
+        p.lanes = {lane};
+        p.ber = 9;
+        p.err_cnt = 5;
+        p.all_dies = m.dies;
+        p.partner_finder = get_hvl_partner_finder(m.die0, m.dies);
+        DumpHVLMarginDataToConsole console;
+        HVLMarginHandler(p).margin(console, results);
+    } else {
+        PCIE::PCIEMarginMultiPass::InitParams p;
+        p.bus = 0x40;
+        p.device = 1;
+        p.receiver = 1;
+        p.dwell_time = 200;
+        PCIE::DumpPCIEMarginDataToConsole console(false);
+        PCIE::MarginEngineAccess access;
+        access.read = m.platform->read_pci();
+        access.write = m.platform->write_pci();
+        PCIE::PCIEMarginMultiPass(m.devices, m.dies, p, console, access).margin(results, 1);
+    }
+    for (const json& r : results)
+        if (link == "G1" || r.value("LanePhysicalID", -1) == static_cast<int>(lane))
+            return {r.at("PhaseLeftMargin"), r.at("PhaseRightMargin"), r.at("VoltTopMargin").get<double>() * 1000,
+                    r.at("VoltBotomMargin").get<double>() * 1000};
+    ADD_FAILURE() << "no margin of lane " << lane << ": " << results.dump();
+    return {};
 }
 
 ScanParams params_in(const std::filesystem::path& folder, int id = 1000, int nbits = 23) {
@@ -80,6 +118,12 @@ TEST(EyeScanOverModel, RecoversEachLanesSeededEyeWithinOneStep) {
         EXPECT_NEAR(found.top, c.top, kVoltStepMV);
         EXPECT_NEAR(found.bottom, c.bottom, kVoltStepMV);
         EXPECT_LE(found.top, c.top) << "a clean cell never lies past the edge";
+        // The margin engine's steps are finer: within one scan step of it.
+        const Found margin = margin_of(machine, c.link, c.lane);
+        EXPECT_NEAR(found.left, margin.left, kPhaseStepUI + 1e-9);
+        EXPECT_NEAR(found.right, margin.right, kPhaseStepUI + 1e-9);
+        EXPECT_NEAR(found.top, margin.top, kVoltStepMV);
+        EXPECT_NEAR(found.bottom, margin.bottom, kVoltStepMV);
         const json meta = json::parse(eye_test::read_text((folder.path() / "1000_metadata.csv").string()));
         const std::string base = "socket_0_die_0_" + c.link + "_" + std::to_string(c.lane);
         const json expected = {{"phy_type", "e32"}, {"header", base},

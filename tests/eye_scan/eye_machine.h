@@ -28,7 +28,7 @@ struct EyeMachine {
         reset_all_port_data();
         CRNFactory::reset();
         CRNFactory::initalize(platform->read_pci(), platform->write_pci());
-        auto devices = DetectPCIDevices()(platform->read_pci());
+        devices = DetectPCIDevices()(platform->read_pci());
         dies = DetectVEXDies(platform->write_pci())(devices, platform->read_pci());
         for (const auto& die : dies)
             if (die.socket() == 0) die0 = die;
@@ -41,6 +41,7 @@ struct EyeMachine {
     }
 
     std::unique_ptr<sim::Platform> platform;
+    std::vector<PCIDeviceDetails> devices;
     std::vector<VEX_DIE_INFO> dies;
     VEX_DIE_INFO die0;
 };

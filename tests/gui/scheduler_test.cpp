@@ -172,20 +172,19 @@ TEST_F(SchedulerTest, EyeScanWaitsForAnyTestOnItsLink) {
     HVLConflictCheck::initalize(dies);
     TestRunnerRegistry::get().add("HVL Destructive Margin", runner);
     TestRunnerRegistry::get().add("EyeScan", runner);
-    auto on_link = [](json test, const std::string& die, const char* link) {
+    auto on_link = [](json test, const char* operation, const std::string& die, const char* link) {
+        test["Operation"] = operation;
         test["SERDES"] = {{"DeviceName", die}, {"SERDES", link}};
         return test;
     };
     auto hvl = [&](const char* operation, const std::string& die, const char* link) {
-        return on_link({{"Operation", operation}, {"HVLCtrlInfo", {{"DeviceName", die}, {"SERDES", link}}}}, die, link);
+        return on_link({{"HVLCtrlInfo", {{"DeviceName", die}, {"SERDES", link}}}}, operation, die, link);
     };
     auto eye_pcie = [&](const std::string& sbdf, const char* link) {
-        json test = on_link(pcie_test(sbdf), dies[0].full_name(), link);
-        test["Operation"] = "EyeScan";
-        return test;
+        return on_link(pcie_test(sbdf), "EyeScan", dies[0].full_name(), link);
     };
     queue(hvl("HVL Destructive Margin", dies[0].full_name(), "G1"));
-    queue(on_link(pcie_test("0:6:0.0"), dies[0].full_name(), "P0"));
+    queue(on_link(pcie_test("0:6:0.0"), "PCIe Margin", dies[0].full_name(), "P0"));
     ASSERT_EQ(scheduler.poll_and_start_tests(), 2);
     queue(hvl("EyeScan", dies[1].full_name(), "G3"));  // 2: the other end of G1
     queue(eye_pcie("0:5:0.0", "P0"));                   // 3: another port of P0
