@@ -4,15 +4,21 @@
 // from "Recently finished" and from the results table: four heatmaps whose
 // hovered cells read what the service counted, the eye dark and its
 // surroundings bright, bathtub curves, the plotted images, and the figures
-// table with its CSV.
+// table with its CSV. Then a scan whose second lane's ring stalls (a fault
+// of the model): the lane before it is shown, the stalled one says why.
 //
 // node eyescan_flow.mjs --sim <lanewright-sim> --artifacts <folder>
 //
 // Screenshots land in the artifacts folder as eyescan-flow-*.png.
 import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
 import { LONG_WAIT_MS, WAIT_MS, open_page, run, wait_live, watch_queue_row } from './harness.mjs';
 
 const LANES = [0, 1, 2, 3];
+const STALLED = 9;
 const BER = '5.24';
 const sci = (x) => x.toExponential(1).replace('e+', 'e');
 
@@ -103,6 +109,34 @@ async function check_eyes(page, d) {
   assert.equal(csv.trim().split('\n').length, 5, csv);
 }
 
+/** Scans lanes 8 and 9 of s0.G1, whose lane 9 ring stalls: lane 8 keeps its eye, lane 9 says why it has none. */
+async function check_stalled_lane(page, service, shot) {
+  const g1 = (await service.api('GetDeviceListForEyeScan')).find((t) => t.HVLCtrlInfo?.Socket === 0 && t.HVLCtrlInfo.SERDES === 'G1');
+  const queued = await service.api('AddTestToQueue', {
+    Operation: 'EyeScan', SERDES: g1.SERDES, HVLCtrlInfo: g1.HVLCtrlInfo, TestParams: { Lanes: [STALLED - 1, STALLED], BER: BER },
+  });
+  assert.equal(queued.OperationStatus, true, JSON.stringify(queued));
+  await page.goto(`${service.base}/#queue`);
+  const finished = await page.waitForSelector(`[data-testid=finished-item][data-test="${queued.TestID}"]`, { timeout: LONG_WAIT_MS });
+  assert.equal(await finished.getAttribute('data-status'), 'Failed', await finished.textContent());
+  await finished.$eval('[data-testid=open-result]', (a) => a.click());
+  await page.waitForSelector('[data-testid=eye-lane] [data-testid=eye-heatmap]', { timeout: WAIT_MS });
+  const reason = await page.textContent('[data-testid=result-detail] .detail-line .error');
+  assert.match(reason, new RegExp(`lane ${STALLED}\\b`), reason);
+  const lanes = await page.$$eval('[data-testid=eye-lane]', (cards) =>
+    cards.map((c) => [Number(c.dataset.lane), Boolean(c.querySelector('canvas[data-testid=eye-heatmap]')), c.querySelector('[data-testid=eye-lane-missing]')?.textContent ?? null]),
+  );
+  assert.deepEqual(lanes, [[STALLED - 1, true, null], [STALLED, false, `No error map for this lane: ${reason}`]]);
+  await shot(page, 'stalled-lane');
+}
+
+// The default machine with lane 9 of s0.G1 stalling its ring.
+const here = path.dirname(fileURLToPath(import.meta.url));
+const profile = JSON.parse(fs.readFileSync(path.resolve(here, '../../src/simulator/profiles/default.json'), 'utf8'));
+profile.faults = [...(profile.faults ?? []), { type: 'eye_ring_stall', socket: 0, link: 'G1', lane: STALLED }];
+const profilePath = path.join(fs.mkdtempSync(path.join(os.tmpdir(), 'lanewright-eyescan-')), 'profile.json');
+fs.writeFileSync(profilePath, JSON.stringify(profile));
+
 await run('eyescan-flow', 100000, async ({ service, browser, shot }) => {
   const { context, page, problems } = await open_page(browser, { width: 1440, height: 900 });
   await page.goto(`${service.base}/`);
@@ -132,8 +166,11 @@ await run('eyescan-flow', 100000, async ({ service, browser, shot }) => {
   await page.click(`[data-testid=results-table] tr[data-result="${resultId}"]`, { timeout: WAIT_MS });
   await page.waitForSelector('[data-testid=eye-lane] [data-testid=eye-heatmap]', { timeout: WAIT_MS });
   assert.equal(await page.$$eval('[data-testid=eye-lane]', (l) => l.length), 4);
+  console.log('ok - an eye scan of s0.G1 lanes 0-3 queued from the screen, watched to its result, four eyes with their figures and images');
 
+  await check_stalled_lane(page, service, shot);
   assert.deepEqual(problems, []);
   await context.close();
-  console.log('ok - an eye scan of s0.G1 lanes 0-3 queued from the screen, watched to its result, four eyes with their figures and images');
-});
+  console.log(`ok - a scan whose lane ${STALLED} stalls shows the lane before it and says why lane ${STALLED} has no eye`);
+}, ['--profile', profilePath]);
+fs.rmSync(path.dirname(profilePath), { recursive: true, force: true });

@@ -311,16 +311,13 @@ function LaneEye({ d, lane, failure }: { d: EyeScanResult; lane: EyeLane; failur
       <h3>
         Lane {lane.Lane} <span class="muted">{lane.Link}</span>
       </h3>
-      <p class="eye-figures">
-        {f ? (
-          <>
-            width <strong>{ui(f.WidthUI)}</strong> ({ui(f.LeftUI)} to {ui(f.RightUI)}) · height <strong>{mv(f.HeightMV)}</strong> ({mv(f.BottomMV)} to{' '}
-            {mv(f.TopMV)})
-          </>
-        ) : (
-          lane.Counts.length > 0 && <span class="muted">No eye figures for this lane.</span>
-        )}
-      </p>
+      {f ? (
+        <p class="eye-figures">
+          width <strong>{ui(f.WidthUI)}</strong> ({ui(f.LeftUI)} to {ui(f.RightUI)}) · height <strong>{mv(f.HeightMV)}</strong> ({mv(f.BottomMV)} to {mv(f.TopMV)})
+        </p>
+      ) : (
+        lane.Counts.length > 0 && <p class="eye-figures muted">No eye figures for this lane.</p>
+      )}
       {lane.Counts.length > 0 ? (
         <>
           <Heatmap d={d} lane={lane} />
@@ -416,8 +413,11 @@ function Analysis({ d }: { d: EyeScanResult }) {
   );
 }
 
-/** failure: why the test did not complete, said where a lane has nothing to show. */
-export function EyeResult({ id, failure }: { id: string; failure: string | null }) {
+/**
+ * asked: the lanes the test was to scan; one the scan left no files for
+ * still gets its place, saying why (failure: why the test did not complete).
+ */
+export function EyeResult({ id, asked, failure }: { id: string; asked: number[]; failure: string | null }) {
   const [data, setData] = useState<EyeScanResult | null>(null);
   const [error, setError] = useState<string | null>(null);
   useEffect(() => {
@@ -434,15 +434,19 @@ export function EyeResult({ id, failure }: { id: string; failure: string | null 
   if (!data) return <p class="muted" data-testid="eye-result">Loading the eye scan data…</p>;
   const p = data.PhaseUI;
   const v = data.VoltageMV;
+  const link = data.Lanes[0]?.Link ?? '';
+  const missing = asked.filter((l) => !data.Lanes.some((lane) => lane.Lane === l));
+  const lanes = [...data.Lanes, ...missing.map((l) => ({ Lane: l, Link: link, Device: '', Name: '', Counts: [], Figures: null, Png: null }))];
+  lanes.sort((a, b) => a.Lane - b.Lane);
   return (
     <div data-testid="eye-result">
       <p class="muted limits">
         2<sup>{data.Nbits}</sup> bits per point and tap, {data.Taps} {data.Taps === 1 ? 'tap' : 'taps'} · BER floor {sci(data.BerFloor)} · phase {figure(p[0], 3)} to{' '}
         {figure(p[p.length - 1], 3)} UI ({p.length} points) · voltage {figure(v[0], 1)} to {figure(v[v.length - 1], 1)} mV ({v.length} bins)
       </p>
-      {data.Lanes.length === 0 && <p class="muted">This scan holds no lane.</p>}
+      {lanes.length === 0 && <p class="muted">This scan holds no lane.</p>}
       <div class="eye-grid">
-        {data.Lanes.map((lane) => (
+        {lanes.map((lane) => (
           <LaneEye key={`${lane.Link}-${lane.Lane}`} d={data} lane={lane} failure={failure} />
         ))}
       </div>

@@ -16,6 +16,7 @@ import { HvlResult } from './HvlResult';
 import { HVL_OPERATION, hvl_ui_ps, link_label, partner_label } from '../hvl';
 import { EYE_OPERATION } from '../eye';
 import { EyeResult } from './EyeResult';
+import { lanes_of } from '../push';
 
 export function GradeBadge({ grade }: { grade: Grade | null | undefined }) {
   const name = grade_name(grade);
@@ -164,7 +165,13 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
       {isPcie && !measured && <p class="muted">This test did not finish measuring, so it has no margins to show.</p>}
       {isPcie && measured && full.length === 0 && <p class="muted">This test has no per-lane data.</p>}
       {isHvl && <HvlResult doc={doc} full={full} uiPs={uiPs} />}
-      {isEye && <EyeResult id={id} failure={measured ? null : text_of(output.FailureReason) || 'no reason given'} />}
+      {isEye && (
+        <EyeResult
+          id={id}
+          asked={lanes_of(doc.TestParams?.Lanes)}
+          failure={measured ? null : text_of(output.FailureReason) || 'no reason given'}
+        />
+      )}
       {(isPcie || isHvl) && full.length > 0 && (
         <p>
           <button type="button" onClick={() => setShowMaps(!mapsShown)}>
