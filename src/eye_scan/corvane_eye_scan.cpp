@@ -16,7 +16,6 @@ namespace e32 = chips::e32;
 
 namespace {
 
-constexpr double kSlowestRateGbps = 2.5;
 constexpr int kMaxBits = 30;  // 2^7 repeats of the PHY's 23: far beyond any offered rate
 
 std::vector<unsigned int> taps_of(unsigned int tap_mode) {
@@ -144,11 +143,10 @@ bool CorvaneEyeScan::_collect_tap(unsigned int tap, int nbits, std::vector<uint8
     }
     // The poll's bound in model time: the PHY's own sampling time, four
     // times over, and 100 ms.
-    const double rate = _params.rate_gbps > 0 ? _params.rate_gbps : kSlowestRateGbps;
-    const double points = static_cast<double>(axis_values(_params.phase_start, _params.phase_end, _params.phase_step)) *
-                          axis_values(_params.voltage_start, _params.voltage_end, _params.voltage_step);
-    const double sampling_ns = points * (e32::kEyePointMoveNs + std::ldexp(1.0, nbits) / rate);
-    const auto bound = std::chrono::nanoseconds(static_cast<int64_t>(4 * sampling_ns)) + std::chrono::milliseconds(100);
+    ScanParams run = _params;
+    run.nbits = nbits;
+    const auto bound = std::chrono::nanoseconds(static_cast<int64_t>(4e9 * eye_scan_tap_seconds(run, _params.rate_gbps))) +
+                       std::chrono::milliseconds(100);
     const auto start = system_facts().now();
     while (_commands->wait_for_injection_progress_to_complete(false) == 0) {
         get_data(offset, length, position, bytes);

@@ -26,6 +26,12 @@ struct ScanParams {
 // is not positive or the end lies before the start.
 int axis_values(int start, int end, int step);
 
+// The PHY's own sampling time of one tap and run of the window, in seconds
+// of model time: points x (2 us + 2^min(nbits, 23) bits at rate_gbps; 0: 2.5).
+double eye_scan_tap_seconds(const ScanParams& params, double rate_gbps);
+// The whole lane: runs (2^(nbits - 23) above 23) x taps x one tap's time.
+double eye_scan_lane_seconds(const ScanParams& params, unsigned int taps, double rate_gbps);
+
 // Why the window can't be scanned: an empty axis, or more than 50 values on
 // one (the tables hold 50). nullopt when it can.
 std::optional<std::string> check_scan_window(const ScanParams& params);

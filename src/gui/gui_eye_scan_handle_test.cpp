@@ -11,6 +11,7 @@
 
 #include "discovery/hvl_links.h"
 #include "discovery/lane_generic_information.h"
+#include "eye_scan/scan_params.h"
 #include "gui/gui_pcie_handle_test.h"
 #include "gui/test_archive.h"
 #include "gui/test_lifecycle.h"
@@ -39,8 +40,6 @@ constexpr std::chrono::seconds kPlotTimeout{30};
 // Per lane beyond the sampling: the override check, the window commands,
 // the lane record and the plot, all well under this on hardware.
 constexpr double kLaneOverheadSeconds = 0.5;
-// Moving the eye sampler to the next point.
-constexpr double kPointSettleSeconds = 2e-6;
 // What the estimate assumes before the lane record is read: the most taps
 // a PHY samples (tap mode 3 and the older firmware), so it never promises
 // less than the scan takes.
@@ -177,14 +176,16 @@ json eye_scan_test_output(const std::optional<std::vector<EyeSummaryRow>>& rows,
             {"ResultsFolder", folder}};
 }
 
-// Each compared point costs the sampler's move and the bits compared at the
-// lane's rate; every tap of the PHY is a pass over all points, and nbits
-// above 23 (the firmware's limit) repeats the pass.
-double eye_scan_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps) {
-    const double runs = nbits > 23 ? std::pow(2.0, nbits - 23) : 1.0;
-    const double point = kPointSettleSeconds + std::pow(2.0, std::min(nbits, 23)) / (rate_gbps * 1e9);
-    const double points = static_cast<double>(window.phase_points()) * window.voltage_points();
-    return taps * points * point * runs + kLaneOverheadSeconds;
+double eye_scan_estimate_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps) {
+    ScanParams params;
+    params.nbits = nbits;
+    params.phase_start = window.phase_start;
+    params.phase_end = window.phase_end;
+    params.phase_step = window.phase_step;
+    params.voltage_start = window.voltage_start;
+    params.voltage_end = window.voltage_end;
+    params.voltage_step = window.voltage_step;
+    return eye_scan_lane_seconds(params, taps, rate_gbps) + kLaneOverheadSeconds;
 }
 
 double eye_scan_rate_gbps(const json& test, const std::vector<VEX_DIE_INFO>& dies) {
@@ -214,7 +215,7 @@ json estimate_eye_scan(const json& test, GUIResourceStore& store) {
     json record = test;
     // The list's element, not the posted copy, says how fast the port runs.
     if (target.contains("PCIeInfo")) record["PCIeInfo"] = target["PCIeInfo"];
-    const double lane = eye_scan_lane_seconds(*window, eye_scan_nbits(params.at("BER").get<std::string>()),
+    const double lane = eye_scan_estimate_lane_seconds(*window, eye_scan_nbits(params.at("BER").get<std::string>()),
                                               eye_scan_rate_gbps(record, store.get_die_list()), kEstimateTaps);
     return {{"OperationStatus", true}, {"Seconds", std::round(lanes->size() * lane * 10) / 10}, {"Lanes", lanes->size()}};
 }
@@ -286,7 +287,7 @@ void GUIEyeScanHandleTest::thread_fuction() {
 
         TestProgressReporter progress(_storage, id, system_facts().now());
         const double rate = eye_scan_rate_gbps(_test, _dies);
-        const double lane_seconds = eye_scan_lane_seconds(*window, nbits, rate, kEstimateTaps);
+        const double lane_seconds = eye_scan_estimate_lane_seconds(*window, nbits, rate, kEstimateTaps);
         auto report = [&](unsigned int done, const std::string& step, std::optional<unsigned int> lane) {
             PCIE::MarginProgress state;
             state.lanes_done = done;

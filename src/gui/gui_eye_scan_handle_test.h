@@ -94,11 +94,11 @@ nlohmann::json eye_scan_test_output(const std::optional<std::vector<EyeSummaryRo
                                     const std::string& rows_error, std::size_t lanes, const std::string& failure,
                                     const std::string& folder);
 
-// Nominal seconds of one lane's scan: for each of `taps` passes over every
-// point of the window, the sampler's move (2 us) and 2^nbits bits at the
-// lane's rate (Gb/s), repeated when nbits is above the firmware's 23; plus
-// 0.5 s for the commands, the lane record and the plot.
-double eye_scan_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps);
+// Nominal seconds of one lane's scan: the PHY's own sampling time of
+// `taps` passes over the window (the sampler's move and 2^nbits bits at the
+// lane's rate, Gb/s, for each point; repeated above the firmware's 2^23),
+// plus 0.5 s for the commands, the lane record and the plot.
+double eye_scan_estimate_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps);
 // The lane rate of a record: a PCIe port's "PCIeInfo"."Speed" in GT/s, else
 // the hVL link's rate, else 32.
 double eye_scan_rate_gbps(const nlohmann::json& test, const std::vector<VEX_DIE_INFO>& dies);

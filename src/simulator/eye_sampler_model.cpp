@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 
 #include "hardware/chips/corvane_lanes.h"
 #include "hardware/chips/e32_phy_firmware.h"
@@ -32,6 +33,10 @@ unsigned axis_values(int start, int end, int step) {
 
 EyeSampler::EyeSampler(RegisterSpace& space, uint32_t ring, uint64_t key, const Noise& noise, SamplerEyeSource eye)
     : _space(space), _ring(ring), _key(key), _noise(noise), _eye_source(std::move(eye)) {
+    // define() on a register that exists would take over its value and keep
+    // its hooks: a misplaced ring must fail loudly instead.
+    for (uint32_t word : {e32::kRingHead, e32::kRingLength, e32::kRingOverrun, e32::kRingLost, e32::kRingAck})
+        if (_space.defined(_ring + word)) throw std::logic_error("eye ring word at " + std::to_string(_ring + word) + " is taken");
     _space.define(_ring + e32::kRingHead, 0, 0);
     _space.on_read(_ring + e32::kRingHead, [this](uint32_t, const ModelTime& now) {
         _produce(now);
@@ -187,6 +192,7 @@ double EyeSampler::_density(unsigned p, unsigned bin, unsigned pair) const {
 
 void attach_ring_strobe(RegisterSpace& space, uint32_t phy_base, std::vector<EyeSampler*> lanes) {
     const uint32_t strobe = phy_base + e32::kRingAckStrobe;
+    if (space.defined(strobe)) throw std::logic_error("eye ring strobe at " + std::to_string(strobe) + " is taken");
     space.define(strobe, 0);
     space.on_write(strobe, [lanes = std::move(lanes), strobe](uint32_t, uint32_t& value, uint32_t, const ModelTime&) {
         const uint32_t half = (value >> (8 * (strobe & 2))) & 0xFFFF;

@@ -274,13 +274,15 @@ void attach_mailboxes(RegisterSpace* space, const chips::McuMailboxes& boxes, un
 // Points a stalled ring streams before it stops producing.
 constexpr unsigned kStallPoints = 5;
 
-// A lane's eye sampler: an hVL lane sees its receiver's edges, a lane a
-// PCIe root port drives the port's receiver eye, any other lane no signal.
+// A lane's eye sampler: an hVL lane sees its receiver's edges while its link
+// is in L0, a lane a PCIe root port drives the port's receiver eye, any other
+// lane no signal.
 std::unique_ptr<EyeSampler> make_lane_sampler(RegisterSpace& space, uint32_t phy_base, const EndState* end,
                                               unsigned lane, unsigned socket, const std::string& link,
                                               const PcieLaneEyes& pcie_eyes, const Noise& noise, uint64_t key) {
     auto source = [end, lane, socket, link, pcie_eyes](const ModelTime& now) {
         if (end->link) {
+            if (!end->link->up) return SamplerEye{false, 0, 0, 0, 0, end->rate};  // out of L0: no signal
             const HvlLaneEdges& edges = end->lanes[lane].edges;
             constexpr double kVoltStepMv = kHvlMaxVoltOffset * 10.0 / kHvlVoltSteps;
             return SamplerEye{true, edges.left / 64.0, edges.right / 64.0, edges.top * kVoltStepMv,

@@ -171,6 +171,21 @@ TEST(EyeScanOverModel, RunsRepeatAboveTwentyThreeBitsAndTapModeSetsTheTaps) {
     }
 }
 
+// The counts are a function of the profile and seed alone.
+TEST(EyeScanOverModel, TheSameSeedGivesTheSameCounts) {
+    auto scan_with_seed = [](unsigned seed) {
+        EyeMachine machine([seed](json& profile) { profile["seed"] = seed; });
+        TestTempFolder folder;
+        LaneScan lane(machine.die0, "G1", 3);
+        std::string error;
+        EXPECT_TRUE(lane.run(params_in(folder.path(), 1000, 12), error)) << error;
+        return eye_test::read_text((folder.path() / "1000_data.csv").string());
+    };
+    const std::string first = scan_with_seed(7);
+    EXPECT_EQ(scan_with_seed(7), first);
+    EXPECT_NE(scan_with_seed(8), first);
+}
+
 // The older firmware takes 1 mV voltage fields, reads all eight taps in one
 // pass and writes its document instead of the CSV.
 TEST(EyeScanOverModel, OlderFirmwareWritesTheJsonDocument) {

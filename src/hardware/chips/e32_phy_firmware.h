@@ -123,4 +123,13 @@ constexpr unsigned int record_address(unsigned int phy_base, unsigned int layout
 }
 constexpr unsigned int firmware_base(unsigned int first_phy_base) { return first_phy_base & ~0x1FFFFu; }
 
+// Rings lie between the version words (first 8 bytes of a 128 KiB block) and
+// the first training record of any layout, apart from each other.
+static_assert(kRingOffsets[0] >= 8);
+static_assert(kRingOffsets[3] + kRingData + kRingBytes <= kRecordOffsetsV3[0] &&
+              kRecordOffsetsV3[0] <= kRecordOffsetsV12[0]);
+static_assert(kRingOffsets[0] + kRingData + kRingBytes <= kRingOffsets[1] &&
+              kRingOffsets[1] + kRingData + kRingBytes <= kRingOffsets[2] &&
+              kRingOffsets[2] + kRingData + kRingBytes <= kRingOffsets[3]);
+
 }  // namespace chips::e32
