@@ -145,6 +145,8 @@ TEST(EyeScanOverModel, RunsRepeatAboveTwentyThreeBitsAndTapModeSetsTheTaps) {
     EyeMachine machine([](json& profile) {
         profile["phy_settings"] = json::array({{{"socket", 0}, {"link", "G1"}, {"tap_mode", 0}},
                                                {{"socket", 0}, {"link", "P1"}, {"tap_mode", 2}}});
+        // P1 runs the layout 2 record, whose tap mode sits where layout 3 has it.
+        profile["faults"] = json::array({{{"type", "hvl_firmware_version"}, {"socket", 0}, {"link", "P1"}, {"version", 2}}});
     });
     struct Case {
         std::string link;
@@ -158,6 +160,7 @@ TEST(EyeScanOverModel, RunsRepeatAboveTwentyThreeBitsAndTapModeSetsTheTaps) {
         SCOPED_TRACE(c.link + " nbits " + std::to_string(c.nbits));
         TestTempFolder folder;
         LaneScan lane(machine.die0, c.link, 3);
+        ASSERT_EQ(lane.scan->firmware(), c.link == "P1" ? 2u : 3u);
         const unsigned int before = lane.scans();
         std::string error;
         ASSERT_TRUE(lane.run(params_in(folder.path(), 1000, c.nbits), error)) << error;
