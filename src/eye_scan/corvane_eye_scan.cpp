@@ -123,7 +123,7 @@ bool CorvaneEyeScan::do_eyescan(std::string& error_text, std::vector<uint8_t>& b
     }
     for (unsigned int tap : taps) {
         if (!_commands->do_ext_config0(tap, tap, tap * 4, error_text)) return false;
-        if (!_collect_tap(tap, nbits, bytes, error_text)) return false;
+        if (!_collect_tap(nbits, bytes, error_text)) return false;
     }
     if (!_commands->enable_override()) {
         std::cerr << "Data collection failed" << std::endl;
@@ -133,7 +133,7 @@ bool CorvaneEyeScan::do_eyescan(std::string& error_text, std::vector<uint8_t>& b
     return true;
 }
 
-bool CorvaneEyeScan::_collect_tap(unsigned int tap, int nbits, std::vector<uint8_t>& bytes, std::string& error_text) {
+bool CorvaneEyeScan::_collect_tap(int nbits, std::vector<uint8_t>& bytes, std::string& error_text) {
     if (!_commands->do_rx_eye_scan(static_cast<unsigned int>(nbits), error_text)) return false;
     unsigned int head = 0, length = 0, offset = 0, position = 0;
     get_data_buffer_tail_length(head, length, offset);
@@ -167,7 +167,6 @@ bool CorvaneEyeScan::_collect_tap(unsigned int tap, int nbits, std::vector<uint8
                      " bytes)";
         return false;
     }
-    (void)tap;
     return true;
 }
 

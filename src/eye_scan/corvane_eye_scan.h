@@ -64,7 +64,8 @@ public:
 private:
     bool _settings(const ScanParams& params, int nbits, bool v1, std::string& error_text, bool quiet,
                    unsigned int& tap_mode);
-    bool _collect_tap(unsigned int tap, int nbits, std::vector<uint8_t>& bytes, std::string& error_text);
+    // One scan command of the selected tap, its ring read until it ends.
+    bool _collect_tap(int nbits, std::vector<uint8_t>& bytes, std::string& error_text);
     std::string _where() const;
 
     VEX_DIE_INFO _die;

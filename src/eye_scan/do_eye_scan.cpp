@@ -107,36 +107,41 @@ int DoEyeScan::do_eyescan_corvane(const E32EyeScanParam& params) {
 }
 
 void DoEyeScan::_lane_thread(EyeScanLaneOutcome& outcome, const E32EyeScanParam& params) {
+    ScanParams scan_params;
+    scan_params.folder = _folder;
+    scan_params.id = outcome.id;
+    scan_params.nbits = params.nbits;
+    scan_params.phase_start = params.phase_start;
+    scan_params.phase_end = params.phase_end;
+    scan_params.phase_step = params.phase_step;
+    scan_params.voltage_start = params.dac_start;
+    scan_params.voltage_end = params.dac_end;
+    scan_params.voltage_step = params.dac_step;
+    scan_params.rate_gbps = _hooks.rate_gbps;
+    outcome.done = scan_e32_lane(_die, outcome.link, outcome.lane, scan_params, _hooks.abandoned, outcome.error);
+}
+
+bool scan_e32_lane(const VEX_DIE_INFO& die, const std::string& link, unsigned int lane, const ScanParams& params,
+                   const WaitAbandoned& abandoned, std::string& error_text) {
     std::shared_ptr<CorvaneE32PCSCommands> commands;
     try {
-        // One access path per die on this platform; the die's own accessor.
-        auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(_die));
-        const auto store = get_register_store(_die);
-        const auto lanes = get_lane_generic_info(_die);
-        commands = std::make_shared<CorvaneE32PCSCommands>(outcome.link, outcome.lane, store);
-        commands->set_abandon_check(_hooks.abandoned);
-        CorvaneEyeScan scan(_die, outcome.link, outcome.lane, commands, std::make_shared<StoneRingBufferReader>(phy),
-                            lanes, std::make_shared<GetCorvaneE32LaneData>(outcome.link, outcome.lane, phy, lanes));
-        ScanParams scan_params;
-        scan_params.folder = _folder;
-        scan_params.id = outcome.id;
-        scan_params.nbits = params.nbits;
-        scan_params.phase_start = params.phase_start;
-        scan_params.phase_end = params.phase_end;
-        scan_params.phase_step = params.phase_step;
-        scan_params.voltage_start = params.dac_start;
-        scan_params.voltage_end = params.dac_end;
-        scan_params.voltage_step = params.dac_step;
-        scan_params.rate_gbps = _hooks.rate_gbps;
-        outcome.done = scan.initate_eye_scan(scan_params, outcome.error);
+        // One access path per die on this platform: the die's own accessor.
+        auto phy = std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die));
+        const auto lanes = get_lane_generic_info(die);
+        commands = std::make_shared<CorvaneE32PCSCommands>(link, lane, get_register_store(die));
+        commands->set_abandon_check(abandoned);
+        CorvaneEyeScan scan(die, link, lane, commands, std::make_shared<StoneRingBufferReader>(phy), lanes,
+                            std::make_shared<GetCorvaneE32LaneData>(link, lane, phy, lanes));
+        const bool done = scan.initate_eye_scan(params, error_text);
         scan.disable_override();
+        return done;
     } catch (const std::exception& failure) {
-        outcome.done = false;
-        outcome.error = failure.what();
+        error_text = failure.what();
         try {
             if (commands) commands->disable_override();
         } catch (const std::exception&) {
             // The register network itself failed; the text above says why.
         }
+        return false;
     }
 }

@@ -22,6 +22,7 @@
 
 #include "discovery/e32_phy.h"
 #include "discovery/lane_generic_information.h"
+#include "eye_scan/scan_params.h"
 #include "hardware/vex_die_info.h"
 
 struct CmdLineEyeScanParam {
@@ -63,6 +64,13 @@ struct EyeScanHooks {
     std::function<void(const std::vector<std::string>& metadata_files)> plot;
     std::ostream* console = nullptr;  // progress lines; null: std::cout
 };
+
+// One E32 lane's whole scan as a lane thread runs it: its own accessors and
+// commands (with `abandoned` as their wait check), the collector, and the
+// override released at the end on every path. An exception (version check,
+// register network) becomes a false with its text.
+bool scan_e32_lane(const VEX_DIE_INFO& die, const std::string& link, unsigned int lane, const ScanParams& params,
+                   const WaitAbandoned& abandoned, std::string& error_text);
 
 class DoEyeScan {
 public:

@@ -7,6 +7,7 @@
 
 #include "eye_machine.h"
 #include "eye_scan_helpers.h"
+#include "hardware/os_specific.h"
 #include "hardware/test_temp_folder.h"
 #include "margin_hvl/hvl_margin_handler.h"
 #include "margin_hvl/hvl_margin_report.h"
@@ -145,6 +146,8 @@ TEST(EyeScanOverModel, RunsRepeatAboveTwentyThreeBitsAndTapModeSetsTheTaps) {
     EyeMachine machine([](json& profile) {
         profile["phy_settings"] = json::array({{{"socket", 0}, {"link", "G1"}, {"tap_mode", 0}},
                                                {{"socket", 0}, {"link", "P1"}, {"tap_mode", 2}}});
+        // P1 runs the layout 2 record, whose tap mode sits where layout 3 has it.
+        profile["faults"] = json::array({{{"type", "hvl_firmware_version"}, {"socket", 0}, {"link", "P1"}, {"version", 2}}});
     });
     struct Case {
         std::string link;
@@ -158,6 +161,7 @@ TEST(EyeScanOverModel, RunsRepeatAboveTwentyThreeBitsAndTapModeSetsTheTaps) {
         SCOPED_TRACE(c.link + " nbits " + std::to_string(c.nbits));
         TestTempFolder folder;
         LaneScan lane(machine.die0, c.link, 3);
+        ASSERT_EQ(lane.scan->firmware(), c.link == "P1" ? 2u : 3u);
         const unsigned int before = lane.scans();
         std::string error;
         ASSERT_TRUE(lane.run(params_in(folder.path(), 1000, c.nbits), error)) << error;
@@ -234,20 +238,29 @@ TEST(EyeScanOverModel, FailuresEndTheLaneWithTheirReason) {
         std::function<void(ScanParams&)> edit;
         const char* text;
         bool scanned;
-        bool cancel = false;
+        WaitAbandoned check = nullptr;
+    };
+    // A reader that falls behind: every poll also waits 10 ms of model time.
+    const WaitAbandoned slow = [] {
+        OSSpecific().milli_secs_sleep(10);
+        return false;
     };
     const Case cases[] = {
         {"ring stalls", 6, nullptr, "Eye scan of lane 6 of link G1 did not end within 836 ms", true},
         {"51 phase values", 0, [](ScanParams& p) { p.phase_start = -100, p.phase_end = 100; },
          "Eye scan phase window -100..100 by 4 holds 51 values; at most 50 fit", false},
         {"nbits below the PHY's", 0, [](ScanParams& p) { p.nbits = 9; }, "Eye scan nbits 9 is outside 10..30", false},
-        {"override never granted, then cancelled", 7, nullptr, "Eye scan of lane 7 of link G1 was cancelled", false, true},
+        {"override never granted, then cancelled", 7, nullptr, "Eye scan of lane 7 of link G1 was cancelled", false, [] { return true; }},
+        // 49 x 41 points of 8 bytes, 2.032 us each: 492 read after the first
+        // 1 ms poll, the rest (12136 bytes) while the reader waits: 3944 lost.
+        {"reader falls behind", 1, [](ScanParams& p) { p.nbits = 10, p.phase_start = -48, p.phase_end = 48, p.phase_step = 2; },
+         "Eye scan data lost on lane 1 of link G1: the ring buffer overran (3944 bytes)", true, slow},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         TestTempFolder folder;
         LaneScan lane(machine.die0, "G1", c.lane);  // the version check takes the one grant of lane 7
-        if (c.cancel) lane.commands->set_abandon_check([] { return true; });
+        lane.commands->set_abandon_check(c.check);
         ScanParams p = params_in(folder.path());
         if (c.edit) c.edit(p);
         const unsigned int before = lane.scans();
