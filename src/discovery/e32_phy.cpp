@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 #include "hardware/chips/e32_phy_firmware.h"
 #include "hardware/chips/server_registers.h"
@@ -51,6 +52,75 @@ bool CorvaneE32PCSCommands::do_rx_cdr(unsigned int mode, bool wait, std::string&
 
 bool CorvaneE32PCSCommands::do_txrx_cap(unsigned int index, std::string& error_text) {
     return send_cmd(e32::kCmdTxRxCap, index & 255, true, error_text) == 1;
+}
+
+namespace {
+
+bool fits(int value, int low, int high, const char* what, std::string& error_text) {
+    if (value >= low && value <= high) return true;
+    error_text = std::string("Eye scan ") + what + " " + std::to_string(value) + " is outside " + std::to_string(low) +
+                 ".." + std::to_string(high);
+    return false;
+}
+
+}  // namespace
+
+bool CorvaneE32PCSCommands::do_debug_config(unsigned int a, unsigned int b, unsigned int c, unsigned int d,
+                                            unsigned int e, std::string& error_text) {
+    for (unsigned int field : {a, b, c, d, e})
+        if (!fits(static_cast<int>(field), 0, 15, "debug field", error_text)) return false;
+    return send_cmd(e32::kCmdDebugConfig, e32::debug_config_parameter(a, b, c, d, e), true, error_text) == 1;
+}
+
+bool CorvaneE32PCSCommands::do_rx_eye_phase(int start, int end, int step, std::string& error_text) {
+    if (!fits(start, -128, 127, "phase start", error_text) || !fits(end, -128, 127, "phase end", error_text) ||
+        !fits(step, 1, 255, "phase step", error_text))
+        return false;
+    return send_cmd(e32::kCmdRxEyePhase, e32::eye_phase_parameter(start, end, static_cast<unsigned>(step)), true,
+                    error_text) == 1;
+}
+
+bool CorvaneE32PCSCommands::do_rx_eye_voltage_v1(int start, int end, int step, std::string& error_text) {
+    for (int value : {start, end, step})
+        if (value % 2 != 0) {
+            error_text = "Eye scan voltage " + std::to_string(value) + " is odd: this firmware takes 1 mV steps";
+            return false;
+        }
+    if (!fits(start / 2, -128, 127, "voltage start (mV)", error_text) ||
+        !fits(end / 2, -128, 127, "voltage end (mV)", error_text) ||
+        !fits(step / 2, 1, 63, "voltage step (mV)", error_text))
+        return false;
+    return send_cmd(e32::kCmdRxEyeVoltage, e32::eye_voltage_v1_parameter(start / 2, end / 2, step / 2), true,
+                    error_text) == 1;
+}
+
+bool CorvaneE32PCSCommands::do_rx_eye_voltage_v2(int start, int end, int step, bool wait, std::string& error_text) {
+    if (!fits(start, -32768, 32767, "voltage start", error_text) || !fits(end, -32768, 32767, "voltage end", error_text) ||
+        !fits(step, 1, 32767, "voltage step", error_text))
+        return false;
+    for (auto [field, value] : {std::pair{e32::kEyeVoltageStart, start}, std::pair{e32::kEyeVoltageEnd, end},
+                                std::pair{e32::kEyeVoltageStep, step}})
+        if (send_cmd(e32::kCmdRxEyeVoltage, e32::eye_voltage_v2_parameter(field, value), wait, error_text) != 1)
+            return false;
+    return true;
+}
+
+bool CorvaneE32PCSCommands::do_ext_config0(unsigned int a, unsigned int b, unsigned int c, std::string& error_text) {
+    if (!fits(static_cast<int>(a), 0, 15, "tap", error_text) || !fits(static_cast<int>(b), 0, 15, "tap", error_text) ||
+        !fits(static_cast<int>(c), 0, 255, "tap field", error_text))
+        return false;
+    return send_cmd(e32::kCmdExtConfig, e32::ext_config0_parameter(a, b, c), true, error_text) == 1;
+}
+
+bool CorvaneE32PCSCommands::do_ext_config1(unsigned int value, unsigned int flag, std::string& error_text) {
+    if (!fits(static_cast<int>(value), 0, 511, "tap mode word", error_text) ||
+        !fits(static_cast<int>(flag), 0, 1, "tap mode flag", error_text))
+        return false;
+    return send_cmd(e32::kCmdExtConfig, e32::ext_config1_parameter(value, flag), true, error_text) == 1;
+}
+
+bool CorvaneE32PCSCommands::do_rx_eye_scan(unsigned int nbits, std::string& error_text) {
+    return send_cmd(e32::kCmdRxEyeScan, nbits & 0xFF, false, error_text) == 1;
 }
 
 unsigned int CorvaneE32PCSCommands::read_response() {

@@ -31,6 +31,20 @@ public:
                       std::string& error_text);
     bool do_rx_cdr(unsigned int mode, bool wait, std::string& error_text);
     bool do_txrx_cap(unsigned int index, std::string& error_text);
+    // Eye sampler commands. Windows are in PHY units: phase 1/64 UI, voltage
+    // 0.5 mV. A value the command's field cannot hold is refused with a text
+    // and nothing is sent (never truncated).
+    bool do_debug_config(unsigned int a, unsigned int b, unsigned int c, unsigned int d, unsigned int e,
+                         std::string& error_text);
+    bool do_rx_eye_phase(int start, int end, int step, std::string& error_text);
+    // The older firmware takes 1 mV fields: the values are halved, so they must be even.
+    bool do_rx_eye_voltage_v1(int start, int end, int step, std::string& error_text);
+    bool do_rx_eye_voltage_v2(int start, int end, int step, bool wait, std::string& error_text);
+    bool do_ext_config0(unsigned int a, unsigned int b, unsigned int c, std::string& error_text);
+    bool do_ext_config1(unsigned int value, unsigned int flag, std::string& error_text);
+    // Starts a sampling run of the selected tap; busy until its last point.
+    // nbits goes as given: the firmware refuses anything outside 10..23.
+    bool do_rx_eye_scan(unsigned int nbits, std::string& error_text);
     unsigned int read_response();
     void setup_bmask();
     // Requests the override and waits for the grant. The wait has no time
@@ -48,6 +62,8 @@ public:
     bool check_if_override_is_working();
 
     void set_abandon_check(WaitAbandoned abandoned) { _abandoned = std::move(abandoned); }
+    // Whether the wait's owner asked to give up (never, without a check).
+    bool abandoned() const { return _abandoned && _abandoned(); }
     const std::string& link() const { return _link; }
     unsigned int lane() const { return _lane; }
 

@@ -21,6 +21,18 @@ std::string operation_of(const json& test) {
     return it != test.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
+// Both records name the same link of the same die in "SERDES".
+bool same_serdes_link(const json& a, const json& b) {
+    const auto first = a.find("SERDES"), second = b.find("SERDES");
+    if (first == a.end() || second == b.end() || !first->is_object() || !second->is_object()) return false;
+    const auto text = [](const json& serdes, const char* key) {
+        const auto it = serdes.find(key);
+        return it != serdes.end() && it->is_string() ? it->get<std::string>() : std::string();
+    };
+    return !text(*first, "DeviceName").empty() && !text(*first, "SERDES").empty() &&
+           text(*first, "DeviceName") == text(*second, "DeviceName") && text(*first, "SERDES") == text(*second, "SERDES");
+}
+
 }  // namespace
 
 MaxTestScheduler::MaxTestScheduler(TestStorage& storage, GUIResourceStore& store)
@@ -31,6 +43,11 @@ MaxTestScheduler::MaxTestScheduler(TestStorage& storage, GUIResourceStore& store
 }
 
 bool MaxTestScheduler::_conflicts(const json& running, const json& queued) const {
+    // An eye scan holds the PHY lanes of its die's link, whichever port or
+    // link end the other test names: two ports of one bifurcated link share
+    // the PHY's command channel.
+    if ((operation_of(running) == "EyeScan" || operation_of(queued) == "EyeScan") && same_serdes_link(running, queued))
+        return true;
     const bool has_pcie = queued.contains("PCIeInfo");
     const bool has_hvl = queued.contains("HVLCtrlInfo");
     if (has_pcie && !running.contains("PCIeInfo")) return false;

@@ -4,6 +4,8 @@
 #include <cctype>
 #include <sstream>
 
+#include "gui/gui_eye_scan_handle_test.h"
+#include "gui/gui_hvl_get_device.h"
 #include "gui/gui_pcie_get_device.h"
 #include "gui/gui_resource_store.h"
 #include "gui/test_runner.h"
@@ -221,6 +223,82 @@ std::optional<std::string> check_hvl_record(const json& test, GUIResourceStore& 
     if (!is_hvl_link(*die, link->get<std::string>()))
         return "\"" + link->get<std::string>() + "\" is not an hVL link of " + die->full_name();
     return check_margin_params(test, false);
+}
+
+std::optional<std::string> check_eye_scan_record(const json& test, GUIResourceStore& store, json* target) {
+    const auto serdes = test.find("SERDES");
+    if (serdes == test.end() || !serdes->is_object()) return "the record has no \"SERDES\" object";
+    const auto name = serdes->find("DeviceName");
+    const auto link = serdes->find("SERDES");
+    if (name == serdes->end() || !name->is_string()) return "\"SERDES\" has no \"DeviceName\"";
+    if (link == serdes->end() || !link->is_string()) return "\"SERDES\" has no \"SERDES\" (the link)";
+    const auto dies = store.get_die_list();
+    if (std::none_of(dies.begin(), dies.end(), [&](const VEX_DIE_INFO& die) { return die.full_name() == *name; }))
+        return "no die \"" + name->get<std::string>() + "\" on this machine";
+
+    // The target's element of its list: what the browser was offered.
+    json element;
+    std::string target_name;
+    const auto pcie = test.find("PCIeInfo");
+    const auto hvl = test.find("HVLCtrlInfo");
+    if (pcie != test.end()) {
+        if (!pcie->is_object() || !pcie->contains("SBDF") || !(*pcie)["SBDF"].is_string())
+            return "\"PCIeInfo\" has no \"SBDF\"";
+        target_name = (*pcie)["SBDF"].get<std::string>();
+        const auto address = parse_sbdf(target_name);
+        if (!address) return "\"SBDF\" \"" + target_name + "\" is not of the form segment:bus:device.function in hex";
+        const auto found = listed_element(*address, store);
+        if (!found) return "no PCIe port " + target_name + " in the device list";
+        element = *found;
+        if (!element.value("EyeScanSupported", false))
+            return "PCI function " + target_name + " doesn't offer eye scans (only mapped ports of the platform do)";
+    } else if (hvl != test.end()) {
+        if (!hvl->is_object()) return "\"HVLCtrlInfo\" must be an object";
+        target_name = hvl->value("DeviceName", std::string()) + " " + hvl->value("SERDES", std::string());
+        const json list = GUIHVLGetDevice(store).get_device_list(store.get_pcie_device_list());
+        if (list.is_array())
+            for (const json& candidate : list)
+                if (candidate["HVLCtrlInfo"]["DeviceName"] == hvl->value("DeviceName", json()) &&
+                    candidate["HVLCtrlInfo"]["SERDES"] == hvl->value("SERDES", json()))
+                    element = candidate;
+        if (element.is_null()) return "no hVL link " + target_name + " in the device list";
+        if (!element.value("EyeScanSupported", false)) return "hVL link " + target_name + " doesn't offer eye scans";
+    } else {
+        return "the record has no \"PCIeInfo\" (a PCIe port) or \"HVLCtrlInfo\" (an hVL link)";
+    }
+    // The runner scans the record's "SERDES": it must be the target's link.
+    const json listed_serdes = element.value("SERDES", json::object());
+    if (listed_serdes.value("DeviceName", json()) != *name || listed_serdes.value("SERDES", json()) != *link)
+        return "\"SERDES\" " + serdes->dump() + " is not the link of " + target_name + " (" +
+               element.value("SERDES", json()).dump() + ")";
+
+    const auto params = test.find("TestParams");
+    if (params == test.end() || !params->is_object()) return "the record has no \"TestParams\" object";
+    const json& offer = element.at("EyeScanData");
+    const auto ber = params->find("BER");
+    if (ber == params->end() || !ber->is_string() || eye_scan_nbits(ber->get<std::string>()) == 0)
+        return "\"BER\" " + (ber == params->end() ? std::string("(none)") : ber->dump()) +
+               " is not one of the eye scan choices (" + listed(offer.at("BER")) + ")";
+    const auto lanes_value = params->find("Lanes");
+    if (lanes_value == params->end()) return "\"TestParams\" has no \"Lanes\"";
+    for (const json& lane : *lanes_value)
+        if (!lane.is_number() && !lane.is_string()) return "lane " + lane.dump() + " is not a lane number";
+    std::string error;
+    const auto lanes = parse_lanes(*lanes_value, error);
+    if (!lanes) return error;
+    if (lanes->empty()) return "\"Lanes\" names no lane";
+    std::vector<unsigned int> seen;
+    for (const unsigned int lane : *lanes) {
+        if (std::find(seen.begin(), seen.end(), lane) != seen.end())
+            return "lane " + std::to_string(lane) + " is named more than once";
+        seen.push_back(lane);
+        if (!offers_number(offer.at("Lanes"), json(lane)))
+            return "lane " + std::to_string(lane) + " is not an eye scan lane of " + target_name + " (offered: " +
+                   listed(offer.at("Lanes")) + ")";
+    }
+    if (!read_eye_scan_window(*params, error)) return error;
+    if (target) *target = element;
+    return std::nullopt;
 }
 
 std::optional<std::string> check_test_record(const json& test, GUIResourceStore& store) {

@@ -37,6 +37,16 @@ std::optional<std::string> check_pcie_margin_record(const nlohmann::json& test, 
 // that die's hVL links, and the margin parameters without "Receiver".
 std::optional<std::string> check_hvl_record(const nlohmann::json& test, GUIResourceStore& store);
 
+// An eye scan record: "SERDES" naming a die found at start-up and a link;
+// "PCIeInfo" naming a port of the PCIe device list that offers eye scans, or
+// "HVLCtrlInfo" naming a link of the hVL list, whose "SERDES" is the
+// record's; "TestParams" with "BER" one of the offered choices, "Lanes" at
+// least one lane, none twice, all among the target's "EyeScanData"."Lanes",
+// and a scan window the PHY can take. On success `target` (when given) is
+// the target's element of its device list.
+std::optional<std::string> check_eye_scan_record(const nlohmann::json& test, GUIResourceStore& store,
+                                                 nlohmann::json* target = nullptr);
+
 // The whole check AddTestToQueue makes: a known "Operation" whose runner this
 // build has, then that runner's own check. Nothing when the record may queue.
 std::optional<std::string> check_test_record(const nlohmann::json& test, GUIResourceStore& store);

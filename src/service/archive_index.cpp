@@ -216,7 +216,8 @@ json make_result_summary(const json& record, const std::string& run, const std::
             {"PhaseRightUI", figure("PhaseRight (UI)", 1.0)},
             {"VoltTopMV", figure("VrefTop (mv)", volt_scale)},
             {"VoltBotMV", figure("VrefBot (mv)", volt_scale)},
-            {"Grade", eye_grade_json(grade_margin_record(record).test)}};
+            // Eye scans have no grading thresholds.
+            {"Grade", operation == "EyeScan" ? json(nullptr) : eye_grade_json(grade_margin_record(record).test)}};
 }
 
 std::optional<std::pair<std::string, std::string>> parse_result_id(const std::string& id) {

@@ -7,6 +7,7 @@
 
 #include "gui/gui_resource_store.h"
 #include "gui/hvl_conflict_check.h"
+#include "gui/gui_eye_scan_handle_test.h"
 #include "gui/gui_hvl_handle_test.h"
 #include "gui/gui_pcie_handle_test.h"
 #include "gui/max_test_scheduler.h"
@@ -82,6 +83,7 @@ int run_service(const ServiceOptions& options) {
     PCIE::MarginStopFlag margin_stop;
     TestRunnerRegistry::get().add("PCIe Margin", std::make_shared<PCIeMarginRunner>(margin_stop));
     TestRunnerRegistry::get().add("HVL Destructive Margin", std::make_shared<HVLMarginRunner>(margin_stop));
+    TestRunnerRegistry::get().add("EyeScan", std::make_shared<EyeScanRunner>(margin_stop));
     std::unique_ptr<WebBackEnd> backend(new (std::nothrow) WebBackEnd(store, storage));
     if (!backend) {
         std::cout << "Web BackEnd allocation failed." << std::endl;

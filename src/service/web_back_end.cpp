@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "gui/gui_eye_scan_handle_test.h"
 #include "gui/gui_hvl_get_device.h"
 #include "gui/gui_hvl_handle_test.h"
 #include "gui/gui_pcie_get_device.h"
@@ -22,6 +23,7 @@
 #include "result_data/eye_grade.h"
 #include "service/archive_index.h"
 #include "service/archive_workers.h"
+#include "service/eye_scan_results.h"
 #include "panels/pci_viewer.h"
 #include "service/result_archive.h"
 #include "service/result_samples.h"
@@ -274,6 +276,12 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     app.route(
         "/api/1.0/GetResult", HttpMethod::Get, [this](const WireRequest& request) { return GetResult(request); },
         RouteEffect::ReadOnly, archive);
+    app.route(
+        "/api/1.0/GetEyeScanData", HttpMethod::Get,
+        [this](const WireRequest& request) { return GetEyeScanData(request); }, RouteEffect::ReadOnly, archive);
+    app.route(
+        "/api/1.0/GetResultFile", HttpMethod::Get,
+        [this](const WireRequest& request) { return GetResultFile(request); }, RouteEffect::ReadOnly, archive);
     // The index is built in the background at start, so the first summary
     // a browser asks for doesn't pay for reading the whole archive.
     _archive_workers->submit([this](bool in_time) {
@@ -302,7 +310,8 @@ std::string WebBackEnd::GetPCIEDeviceListForMargin() {
 std::string WebBackEnd::GetHVLDeviceListForMargin() {
     return GUIHVLGetDevice(_store).get_device_list(_store.get_pcie_device_list()).dump();
 }
-std::string WebBackEnd::GetDeviceListForEyeScan() { return json::array().dump(); }
+// Built from the two lists, so it names what this machine can scan.
+std::string WebBackEnd::GetDeviceListForEyeScan() { return eye_scan_device_list(_store).dump(); }
 
 std::string WebBackEnd::GetCurrentPCIeResults() { return current_pcie_results_sample().dump(); }
 std::string WebBackEnd::GetCurrentHVLResults() { return current_hvl_results_sample().dump(); }
@@ -343,6 +352,7 @@ std::string WebBackEnd::CancelTest(const std::string& body) {
 json WebBackEnd::EstimateTestDuration(const json& record) {
     const auto operation = record.find("Operation");
     if (operation != record.end() && *operation == "HVL Destructive Margin") return estimate_hvl_margin(record, _store);
+    if (operation != record.end() && *operation == "EyeScan") return estimate_eye_scan(record, _store);
     return estimate_pcie_margin_duration(record, _store);
 }
 
@@ -465,6 +475,32 @@ WireResponse WebBackEnd::GetResult(const WireRequest& request) {
     if (!record.is_object()) return refuse("Result " + id + " can't be read");
     record["Grades"] = margin_grades_json(grade_margin_record(record));
     return WireResponse::json(record);
+}
+
+WireResponse WebBackEnd::GetEyeScanData(const WireRequest& request) {
+    const std::string id = request.query_value("id").value_or("");
+    std::string error;
+    const auto folder = result_folder(_store.get_directory_for_lanewright(), id, error);
+    if (!folder) return WireResponse::json(json{{"OperationStatus", false}, {"ErrMsg", error}});
+    return WireResponse::json(eye_scan_data(*folder, id));
+}
+
+WireResponse WebBackEnd::GetResultFile(const WireRequest& request) {
+    const WireResponse missing = WireResponse::text("No such result file", 404);
+    std::string error;
+    const auto folder =
+        result_folder(_store.get_directory_for_lanewright(), request.query_value("id").value_or(""), error);
+    if (!folder) return missing;
+    const auto file = result_file(*folder, request.query_value("name").value_or(""));
+    if (!file) return missing;
+    std::ifstream in(file->path, std::ios::binary);
+    if (!in) return missing;
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    WireResponse response = WireResponse::text(bytes.str());
+    response.content_type = file->content_type;
+    response.headers.emplace_back("X-Content-Type-Options", "nosniff");
+    return response;
 }
 
 WireResponse WebBackEnd::ExportResultsCSV(const WireRequest& request) {

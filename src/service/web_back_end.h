@@ -60,6 +60,11 @@ public:
     PortHall::WireResponse GetResultsByDate(const PortHall::WireRequest& request);
     PortHall::WireResponse GetResultsSummary(const PortHall::WireRequest& request);
     PortHall::WireResponse GetResult(const PortHall::WireRequest& request);
+    // "id" an eye scan's ResultId: its counts, axes, figures and plots.
+    PortHall::WireResponse GetEyeScanData(const PortHall::WireRequest& request);
+    // "id" a ResultId, "name" a plain file name in that result's folder: the
+    // file with its content type, else 404.
+    PortHall::WireResponse GetResultFile(const PortHall::WireRequest& request);
     // The CSV that DownloadToCSV writes for one kind, for a browser that
     // can't read the machine's folders, over the runs from "start" to "end"
     // (readable dates as in "DateList") or the tests from "from" to "to"

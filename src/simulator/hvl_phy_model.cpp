@@ -8,6 +8,7 @@
 #include "hardware/chips/mcu_mailboxes.h"
 #include "hardware/chips/server_registers.h"
 #include "hardware/register_storage.h"
+#include "simulator/eye_sampler_model.h"
 
 namespace sim {
 
@@ -41,6 +42,7 @@ struct LaneState {
     unsigned cdr_commands = 0;
     HvlLaneEdges edges;
     uint32_t phy_ovrd = 0, phy_parm0 = 0, phy_parm1 = 0;
+    std::unique_ptr<EyeSampler> eye;
 
     bool granted(const ModelTime& now) { return requested && !never_granted && grant.active() && grant.expired(now); }
 };
@@ -49,6 +51,7 @@ struct EndState {
     LinkShared* link = nullptr;  // null: no hVL PCS behaviour (not an hVL link of the profile)
     std::vector<LaneState> lanes;
     unsigned version = 3;
+    double rate = 0;  // Gb/s, of an hVL link
     uint32_t control = kTrainedErrorControl, mask = 0, status = 0, status1 = 0;
     double count = 0;
     int64_t counted_to = 0;
@@ -150,6 +153,7 @@ uint32_t capability(const EndState& end, const LaneState& lane, unsigned index) 
     case e32::kCapPhaseOffset: return static_cast<uint32_t>(lane.phase) & 0xFF;
     case e32::kCapVoltageOffset: return static_cast<uint32_t>(lane.voltage) & 0xFF;
     case e32::kCapCdrCount: return lane.cdr_commands & 0xFF;
+    case e32::kCapEyeScanCount: return lane.eye ? lane.eye->scans() & 0xFF : 0;
     default: return 0;
     }
 }
@@ -176,7 +180,9 @@ void run_command(EndState& end, LaneState& lane, uint32_t code, uint32_t paramet
     }
     case e32::kCmdCdr: ++lane.cdr_commands; break;
     case e32::kCmdTxRxCap: lane.response = capability(end, lane, parameter & 0xFF) & 0xFF; break;
-    default: break;
+    default:
+        if (lane.eye) lane.eye->command(code & 0xFF, parameter & 0xFFFFFF, now, lane.response);
+        break;
     }
 }
 
@@ -187,8 +193,8 @@ unsigned whole(const json& value, const std::string& path) {
 }
 
 // Seeded receiver adaptation of a lane's record.
-void fill_record(RegisterSpace& space, uint32_t address, unsigned layout, bool cache_valid, const Noise& noise,
-                 uint64_t key) {
+void fill_record(RegisterSpace& space, uint32_t address, unsigned layout, bool cache_valid, unsigned tap_mode,
+                 unsigned lane, const Noise& noise, uint64_t key) {
     std::array<uint8_t, e32::kRecordBytes> bytes{};
     bytes[e32::kActiveCacheByte] = cache_valid ? 1 : 7;
     for (unsigned cache = 0; cache < e32::kCaches; ++cache) {
@@ -207,9 +213,9 @@ void fill_record(RegisterSpace& space, uint32_t address, unsigned layout, bool c
     }
     for (unsigned cache = 0; cache < e32::kCaches; ++cache)
         bytes[e32::kClockTrainFirst + e32::clock_train_stride(layout) * cache + e32::kClockTrainValidByte] = 1;
-    bytes[e32::kRingOffsetByte] = 0x00;
-    bytes[e32::kRingOffsetByte + 1] = 0x40;
-    if (layout != 1) bytes[e32::kTapModeByte] = 3;
+    bytes[e32::kRingOffsetByte] = e32::kRingOffsets[lane & 3] & 0xFF;
+    bytes[e32::kRingOffsetByte + 1] = (e32::kRingOffsets[lane & 3] >> 8) & 0xFF;
+    if (layout != 1) bytes[e32::kTapModeByte] = static_cast<uint8_t>(tap_mode);
     for (unsigned i = 0; i < e32::kRecordBytes; i += 4)
         space.poke(address + i, bytes[i] | bytes[i + 1] << 8 | bytes[i + 2] << 16 | static_cast<uint32_t>(bytes[i + 3]) << 24);
 }
@@ -265,12 +271,37 @@ void attach_mailboxes(RegisterSpace* space, const chips::McuMailboxes& boxes, un
     }
 }
 
+// Points a stalled ring streams before it stops producing.
+constexpr unsigned kStallPoints = 5;
+
+// A lane's eye sampler: an hVL lane sees its receiver's edges while its link
+// is in L0, a lane a PCIe root port drives the port's receiver eye, any other
+// lane no signal.
+std::unique_ptr<EyeSampler> make_lane_sampler(RegisterSpace& space, uint32_t phy_base, const EndState* end,
+                                              unsigned lane, unsigned socket, const std::string& link,
+                                              const PcieLaneEyes& pcie_eyes, const Noise& noise, uint64_t key) {
+    auto source = [end, lane, socket, link, pcie_eyes](const ModelTime& now) {
+        if (end->link) {
+            if (!end->link->up) return SamplerEye{false, 0, 0, 0, 0, end->rate};  // out of L0: no signal
+            const HvlLaneEdges& edges = end->lanes[lane].edges;
+            constexpr double kVoltStepMv = kHvlMaxVoltOffset * 10.0 / kHvlVoltSteps;
+            return SamplerEye{true, edges.left / 64.0, edges.right / 64.0, edges.top * kVoltStepMv,
+                              edges.bottom * kVoltStepMv, end->rate};
+        }
+        if (pcie_eyes)
+            if (auto eye = pcie_eyes(socket, link, lane, now)) return *eye;
+        return SamplerEye{};
+    };
+    const uint32_t ring = phy_base + e32::kRingOffsets[lane & 3] - 0x10000u;
+    return std::make_unique<EyeSampler>(space, ring, key, noise, std::move(source));
+}
+
 }  // namespace
 
 bool is_hvl_fault(const std::string& type) {
     return type == "hvl_override_never_granted" || type == "hvl_link_drop" || type == "hvl_link_down" ||
            type == "hvl_link_flap" || type == "hvl_error_count_backwards" || type == "hvl_firmware_version" ||
-           type == "hvl_active_cache_invalid" || type == "mailbox_silent";
+           type == "hvl_active_cache_invalid" || type == "eye_ring_stall" || type == "mailbox_silent";
 }
 
 std::vector<HvlFault> read_hvl_faults(const json& faults, const std::vector<SocketProfile>& sockets) {
@@ -303,7 +334,7 @@ std::vector<HvlFault> read_hvl_faults(const json& faults, const std::vector<Sock
         if (entry.contains("lane")) {
             fault.lane = whole(entry.at("lane"), path + ".lane");
             if (*fault.lane >= link->lanes) fail(path + ".lane", "the link has " + std::to_string(link->lanes) + " lanes");
-        } else if (fault.type == "hvl_active_cache_invalid") {
+        } else if (fault.type == "hvl_active_cache_invalid" || fault.type == "eye_ring_stall") {
             fail(path, "missing field 'lane'");
         }
         if (fault.type == "hvl_override_never_granted" && entry.contains("grants"))
@@ -338,7 +369,8 @@ HvlLaneEdges hvl_lane_edges(const HvlLinkProfile& link, unsigned socket, unsigne
 }
 
 void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector<SocketProfile>& sockets,
-                     const std::vector<HvlFault>& faults, const Noise& noise, const DieRegisterSpace& die_space) {
+                     const std::vector<HvlFault>& faults, const std::vector<PhySetting>& settings,
+                     const PcieLaneEyes& pcie_eyes, const Noise& noise, const DieRegisterSpace& die_space) {
     auto world = std::make_shared<World>();
     std::map<std::pair<unsigned, std::string>, EndState*> by_end;
     for (unsigned s = 0; s < sockets.size(); ++s) {
@@ -364,14 +396,23 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
             space->define(firmware, word0, 0);
             space->define(firmware + 4, word1, 0);
             e->lanes.resize(link.lanes);
+            const unsigned tap_mode = tap_mode_of(settings, s, link.name);
             for (unsigned lane = 0; lane < link.lanes; ++lane) {
                 LaneState& l = e->lanes[lane];
+                const uint64_t key = (uint64_t{s} << 40) ^ (std::hash<std::string>{}(link.name) << 8) ^ lane;
                 if (const HvlFault* f = find_fault(faults, "hvl_override_never_granted", s, link.name, lane))
                     l.grants_left = f->value;
                 const uint32_t phy_base = link.chiplet_base.at(lane / chips::kLanesPerChiplet);
                 fill_record(*space, e32::record_address(phy_base, layout, lane), layout,
-                            !find_fault(faults, "hvl_active_cache_invalid", s, link.name, lane), noise,
-                            (uint64_t{s} << 40) ^ (std::hash<std::string>{}(link.name) << 8) ^ lane);
+                            !find_fault(faults, "hvl_active_cache_invalid", s, link.name, lane), tap_mode, lane, noise,
+                            key);
+                l.eye = make_lane_sampler(*space, phy_base, e, lane, s, link.name, pcie_eyes, noise, key);
+                if (find_fault(faults, "eye_ring_stall", s, link.name, lane)) l.eye->stall_after(kStallPoints);
+                if (lane % chips::kLanesPerChiplet == chips::kLanesPerChiplet - 1 || lane + 1 == link.lanes) {
+                    std::vector<EyeSampler*> quad;
+                    for (unsigned q = lane - lane % chips::kLanesPerChiplet; q <= lane; ++q) quad.push_back(e->lanes[q].eye.get());
+                    attach_ring_strobe(*space, phy_base, std::move(quad));
+                }
                 const uint32_t param = store->get_lane_register("UPI2_DECODE_32_LANE_InjectionParamCode", link.name,
                                                                 static_cast<int>(lane))->get_offset();
                 const uint32_t readback = store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", link.name,
@@ -392,12 +433,14 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
                         l.grant.start(now, kGrantDelayNs);
                     }
                     if (!request) l.grant.clear();
+                    if (!request && l.eye) l.eye->abort(now);
                     l.requested = request;
                 });
                 space->on_read(readback, [&l](uint32_t stored, const ModelTime& now) {
                     uint32_t value = stored & (1u << e32::kOverrideRequestBit);
                     if (l.granted(now)) value |= 1u << e32::kOverrideGrantBit;
-                    if (l.busy.active() && !l.busy.expired(now)) value |= 1u << e32::kBusyBit;
+                    if ((l.busy.active() && !l.busy.expired(now)) || (l.eye && l.eye->busy(now)))
+                        value |= 1u << e32::kBusyBit;
                     return value | l.response;
                 });
                 // The PHY's own channel.
@@ -437,6 +480,7 @@ void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector
             EndState* e = found->second;
             e->link = link;
             e->drop_past_edge = profile.drop_past_edge;
+            e->rate = profile.rate;
             if (find_fault(faults, "hvl_link_down", side->socket, side->link)) link->up = false, link->held_down = true;
             link->ends[index++] = e;
             for (unsigned lane = 0; lane < e->lanes.size(); ++lane)

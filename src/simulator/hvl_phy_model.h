@@ -37,6 +37,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "simulator/eye_sampler_model.h"
 #include "simulator/hvl_link_model.h"
 #include "simulator/noise.h"
 
@@ -54,6 +55,8 @@ namespace sim {
 //   {"type": "hvl_link_down", "socket", "link"}   the link never reaches L0
 //   {"type": "hvl_firmware_version", "socket", "link", "version"}
 //   {"type": "hvl_active_cache_invalid", "socket", "link", "lane"}
+//   {"type": "eye_ring_stall", "socket", "link", "lane"}   the lane's eye scans
+//       stream a few points and never end (until the override is released)
 //   {"type": "mailbox_silent", "socket", "mailbox": "BIOS"|"Test"|"Host"|"PSP"}
 struct HvlFault {
     std::string type;
@@ -79,9 +82,11 @@ constexpr double kBerFlagRate = 1e6;  // errors a second
 // Capabilities every E32 lane answers (command 14).
 constexpr unsigned kHvlTimingSteps = 32, kHvlMaxTimingOffset = 50, kHvlVoltSteps = 64, kHvlMaxVoltOffset = 25;
 
-// Attaches the PHY and PCS behaviour to the dies' register spaces. The model
-// state lives in the hooks. `die_type` gives a socket's die type.
+// Attaches the PHY and PCS behaviour to the dies' register spaces, with
+// every lane's eye sampler (eye_sampler_model.h). The model state lives in
+// the hooks. `pcie_eyes` gives the eye of lanes that root ports drive.
 void attach_hvl_phys(const std::vector<HvlLinkProfile>& links, const std::vector<SocketProfile>& sockets,
-                     const std::vector<HvlFault>& faults, const Noise& noise, const DieRegisterSpace& die_space);
+                     const std::vector<HvlFault>& faults, const std::vector<PhySetting>& settings,
+                     const PcieLaneEyes& pcie_eyes, const Noise& noise, const DieRegisterSpace& die_space);
 
 }  // namespace sim

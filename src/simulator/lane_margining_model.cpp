@@ -369,6 +369,17 @@ double LaneMarginingModel::_errors_per_ns(const Receiver& rx, const LaneState& s
     return (1 + 3 * beyond) * jitter * (sampling + 1) / 64.0 * 1e-6;
 }
 
+EyeMargins LaneMarginingModel::lane_eye(const MarginingProfile* receiver, unsigned lane) const {
+    EyeMargins eye;
+    auto it = _receivers.find(receiver);
+    if (it == _receivers.end()) return eye;
+    eye.timing_right = _edge(it->second, lane, false, 0);
+    eye.timing_left = _edge(it->second, lane, false, 1);
+    eye.voltage_up = _edge(it->second, lane, true, 0);
+    eye.voltage_down = _edge(it->second, lane, true, 1);
+    return eye;
+}
+
 double LaneMarginingModel::_edge(const Receiver& rx, unsigned lane, bool voltage, unsigned side) const {
     const EyeMargins& eye = rx.profile->eye_of_lane(lane);
     const double margin = voltage ? (side == 0 ? eye.voltage_up : eye.voltage_down)

@@ -362,7 +362,8 @@ PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::opt
     };
     const auto hvl_links = parse_hvl_links(_profile.hvl_links, _profile.sockets);
     place_hvl_links(hvl_links, _profile.sockets, die_space);
-    attach_hvl_phys(hvl_links, _profile.sockets, read_hvl_faults(_profile.faults, _profile.sockets), _noise, die_space);
+    attach_hvl_phys(hvl_links, _profile.sockets, read_hvl_faults(_profile.faults, _profile.sockets),
+                    read_phy_settings(_profile.phy_settings, _profile.sockets), _pcie_lane_eyes(), _noise, die_space);
     // Every function of a device with several announces it in its header type.
     std::map<std::tuple<unsigned, unsigned, unsigned>, std::vector<Function*>> devices;
     for (const auto& [address, f] : _fixed) {
@@ -375,6 +376,42 @@ PlatformModel::PlatformModel(const Profile& profile, double time_scale, std::opt
 }
 
 PlatformModel::~PlatformModel() = default;
+
+// A SerDes lane that a root port drives shows the eye of the port's own
+// receiver on the logical lane it carries, at the link's current speed.
+PcieLaneEyes PlatformModel::_pcie_lane_eyes() {
+    std::map<std::pair<unsigned, std::string>, std::map<unsigned, std::pair<Function*, unsigned>>> driven;
+    for (unsigned s = 0; s < _profile.sockets.size(); ++s) {
+        std::vector<const PortProfile*> ports;
+        for (const RootComplexProfile& rc : _profile.sockets[s].root_complexes)
+            for (const PortProfile& port : rc.root_ports) ports.push_back(&port);
+        for (const PortSerdesLanes& lanes : root_port_serdes_lanes(_profile.sockets[s].die_type, ports)) {
+            auto f = std::find_if(_root_ports.begin(), _root_ports.end(),
+                                  [&](Function* rp) { return rp->receiver == &lanes.port->margining; });
+            if (f == _root_ports.end()) continue;
+            for (auto [serdes, logical] : lanes.serdes_to_logical) driven[{s, lanes.link}][serdes] = {*f, logical};
+        }
+    }
+    return [this, driven = std::move(driven)](unsigned socket, const std::string& link, unsigned lane,
+                                              const ModelTime&) -> std::optional<SamplerEye> {
+        auto on_link = driven.find({socket, link});
+        if (on_link == driven.end()) return std::nullopt;
+        auto it = on_link->second.find(lane);
+        if (it == on_link->second.end()) return std::nullopt;
+        const auto [port, logical] = it->second;
+        static const double kGigaTransfers[] = {2.5, 2.5, 5, 8, 16, 32};
+        SamplerEye eye;
+        eye.rate_gbps = kGigaTransfers[std::min(port->link ? port->link->speed : 1u, 5u)];
+        if (!port->link || !port->link->up() || logical >= port->link->width) return eye;
+        const EyeMargins m = _margining->lane_eye(port->receiver, logical);
+        eye.open = true;
+        eye.left_ui = m.timing_left / 100;
+        eye.right_ui = m.timing_right / 100;
+        eye.top_mv = m.voltage_up;
+        eye.bottom_mv = m.voltage_down;
+        return eye;
+    };
+}
 
 PlatformModel::Function& PlatformModel::_add_function(Role role, unsigned segment, unsigned bus, unsigned device,
                                                       unsigned function) {

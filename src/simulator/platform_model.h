@@ -25,6 +25,7 @@
 #include "hardware/crn_accessor.h"
 #include "hardware/pci_device_details.h"
 #include "simulator/config_space.h"
+#include "simulator/eye_sampler_model.h"
 #include "simulator/link_model.h"
 #include "simulator/model_clock.h"
 #include "simulator/noise.h"
@@ -100,6 +101,7 @@ private:
     void _train_to(Link& link, const ModelTime& now, unsigned speed, bool from_down);
     void _log_correctable(Link& link);
     void _on_margin_control(Function& f, unsigned lane, const ModelTime& now);
+    PcieLaneEyes _pcie_lane_eyes();
 
     uint64_t _serial_number(size_t function);
     Function& _add_function(Role role, unsigned segment, unsigned bus, unsigned device, unsigned function);

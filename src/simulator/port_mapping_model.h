@@ -11,6 +11,7 @@
 // TX power-down is deasserted, and read 0 otherwise.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,16 @@
 #include "simulator/register_space.h"
 
 namespace sim {
+
+// The SerDes lanes of a die's root ports: per port that has lanes, its
+// link and the port's logical lane on each SerDes lane it drives.
+struct PortSerdesLanes {
+    const PortProfile* port = nullptr;
+    std::string link;
+    std::map<unsigned, unsigned> serdes_to_logical;
+};
+std::vector<PortSerdesLanes> root_port_serdes_lanes(const std::string& die_type,
+                                                    const std::vector<const PortProfile*>& root_ports);
 
 // Places the registers on the die's network. Port registers go where the
 // locator says; link and lane registers where the chip's register store

@@ -1,5 +1,7 @@
 #include "simulator/profile.h"
 
+#include "simulator/eye_sampler_model.h"
+
 #include "simulator/link_model.h"
 
 #include <cmath>
@@ -478,7 +480,8 @@ bool is_known_die_type(const std::string& name) { return name == "Corvane"; }
 
 Profile parse_profile(const json& document) {
     const Field top(document, "");
-    top.expect_object({"format", "seed", "start_time", "machine", "processor", "sockets", "hvl_links", "faults"});
+    top.expect_object({"format", "seed", "start_time", "machine", "processor", "sockets", "hvl_links", "faults",
+                      "phy_settings"});
     Profile profile;
     if (top.has("format")) {
         profile.format = top.child("format").as_uint(1000);
@@ -541,6 +544,10 @@ Profile parse_profile(const json& document) {
         read_margining_faults(profile);
         read_hvl_faults(profile.faults, profile.sockets);
         read_link_faults(profile);
+    }
+    if (top.has("phy_settings")) {
+        profile.phy_settings = document.at("phy_settings");
+        read_phy_settings(profile.phy_settings, profile.sockets);
     }
     return profile;
 }

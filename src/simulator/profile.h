@@ -155,6 +155,7 @@ struct Profile {
     std::vector<SocketProfile> sockets;
     nlohmann::json hvl_links = nlohmann::json::array();
     nlohmann::json faults = nlohmann::json::array();
+    nlohmann::json phy_settings = nlohmann::json::array();
 };
 
 // Die types the model can present.

@@ -51,9 +51,10 @@ export async function wait_until(what, condition, timeoutMs = WAIT_MS) {
 }
 
 export class Service {
-  /** `name` prefixes the log and the results folder; `timeScale` is the sim's --time-scale. */
-  constructor(simPath, artifacts, name, timeScale) {
+  /** `name` prefixes the log and the results folder; `timeScale` is the sim's --time-scale; `args` go to the sim as well. */
+  constructor(simPath, artifacts, name, timeScale, args = []) {
     this.simPath = simPath;
+    this.args = args;
     this.name = name;
     this.timeScale = timeScale;
     this.log = fs.createWriteStream(path.join(artifacts, `${name}-sim.log`));
@@ -67,7 +68,7 @@ export class Service {
     this.port = await free_port();
     this.results = fs.mkdtempSync(path.join(os.tmpdir(), `lanewright-${this.name}-`));
     this.base = `http://127.0.0.1:${this.port}`;
-    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', String(this.timeScale)], {
+    this.process = spawn(this.simPath, ['--port', String(this.port), '--results', this.results, '--time-scale', String(this.timeScale), ...this.args], {
       stdio: ['ignore', 'pipe', 'pipe'],
     });
     this.process.stdout.pipe(this.log, { end: false });
@@ -193,11 +194,11 @@ export function watch_queue_row(page, testId) {
   return seen;
 }
 
-/** Runs the checks against one service and browser, then ends both whatever happened. */
-export async function run(name, timeScale, checks) {
+/** Runs the checks against one service (started with simArgs too) and browser, then ends both whatever happened. */
+export async function run(name, timeScale, checks, simArgs = []) {
   const artifacts = option('--artifacts');
   fs.mkdirSync(artifacts, { recursive: true });
-  const service = new Service(option('--sim'), artifacts, name, timeScale);
+  const service = new Service(option('--sim'), artifacts, name, timeScale, simArgs);
   let browser;
   try {
     if (!fs.existsSync(CHROMIUM)) throw new Error(`${CHROMIUM} is missing; scripts/setup installs Debian's chromium`);

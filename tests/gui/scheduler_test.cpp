@@ -162,6 +162,41 @@ TEST_F(SchedulerTest, HvlTestOnTheOtherEndOfARunningLinkWaits) {
     EXPECT_EQ(lists.queued[1]["HVLCtrlInfo"]["DeviceName"], "Corvane Socket:5 Die:0");
 }
 
+// An eye scan holds its die's link against any test on it: the other end of
+// an hVL link, or another port of the same (bifurcated) PCIe link.
+TEST_F(SchedulerTest, EyeScanWaitsForAnyTestOnItsLink) {
+    const std::vector<VEX_DIE_INFO> dies = {die_test::cpu_die("Corvane", 0), die_test::cpu_die("Corvane", 1)};
+    std::vector<PCIDeviceDetails> none;
+    store.store_pcie_device_list(none);
+    store.store_die_list(dies);
+    HVLConflictCheck::initalize(dies);
+    TestRunnerRegistry::get().add("HVL Destructive Margin", runner);
+    TestRunnerRegistry::get().add("EyeScan", runner);
+    auto on_link = [](json test, const char* operation, const std::string& die, const char* link) {
+        test["Operation"] = operation;
+        test["SERDES"] = {{"DeviceName", die}, {"SERDES", link}};
+        return test;
+    };
+    auto hvl = [&](const char* operation, const std::string& die, const char* link) {
+        return on_link({{"HVLCtrlInfo", {{"DeviceName", die}, {"SERDES", link}}}}, operation, die, link);
+    };
+    auto eye_pcie = [&](const std::string& sbdf, const char* link) {
+        return on_link(pcie_test(sbdf), "EyeScan", dies[0].full_name(), link);
+    };
+    queue(hvl("HVL Destructive Margin", dies[0].full_name(), "G1"));
+    queue(on_link(pcie_test("0:6:0.0"), "PCIe Margin", dies[0].full_name(), "P0"));
+    ASSERT_EQ(scheduler.poll_and_start_tests(), 2);
+    queue(hvl("EyeScan", dies[1].full_name(), "G3"));  // 2: the other end of G1
+    queue(eye_pcie("0:5:0.0", "P0"));                   // 3: another port of P0
+    queue(hvl("EyeScan", dies[0].full_name(), "G2"));   // 4: free
+    queue(eye_pcie("0:7:0.0", "P1"));                   // 5: free
+    EXPECT_EQ(scheduler.poll_and_start_tests(), 2);
+    const auto lists = snapshot_test_lists(storage);
+    ASSERT_EQ(lists.queued.size(), 2u);
+    EXPECT_EQ(lists.queued[0]["WaitingFor"], 0);
+    EXPECT_EQ(lists.queued[1]["WaitingFor"], 1);
+}
+
 struct ConflictCase {
     const char* name;
     PCIEConflictCheck::PCIEDevicDetails a, b;

@@ -1,4 +1,4 @@
-// The page: header with version and connection, five screens chosen by the
+// The page: header with version and connection, the screens chosen by the
 // address's hash, and the live queue fed by the WebSocket.
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { get_pcie_devices, get_version } from './api';
@@ -10,6 +10,7 @@ import { Header, type Screen } from './views/Header';
 import { DevicesView } from './views/DevicesView';
 import { NewTestView } from './views/NewTestView';
 import { HvlView } from './views/HvlView';
+import { EyeView } from './views/EyeView';
 import { QueueView } from './views/QueueView';
 import { ResultsView } from './views/ResultsView';
 import { PciViewerView } from './views/PciViewerView';
@@ -20,7 +21,7 @@ import { LinkPushHub } from './link_push';
 import { PortStatusView } from './views/PortStatusView';
 import { LinkControlView } from './views/LinkControlView';
 
-const SCREENS: Screen[] = ['devices', 'new', 'hvl', 'queue', 'results', 'ports', 'links', 'pci', 'aspm', 'counters'];
+const SCREENS: Screen[] = ['devices', 'new', 'hvl', 'eye', 'queue', 'results', 'ports', 'links', 'pci', 'aspm', 'counters'];
 
 function screen_from_hash(): Screen {
   // "#/results/<ResultId>" opens the results screen on one result.
@@ -139,6 +140,9 @@ export function App() {
         </section>
         <section hidden={screen !== 'hvl'}>
           <HvlView />
+        </section>
+        <section hidden={screen !== 'eye'}>
+          <EyeView />
         </section>
         <section hidden={screen !== 'queue'}>
           <QueueView queue={queue} finished={finished} note={pushNote} />

@@ -1,11 +1,12 @@
 // Requests to the service. Every failure becomes an Error whose message can
 // be shown as it stands, next to the control that caused it.
 import type { DurationEstimate, HVLLink, PCIeDevice, QueueAnswer, ResultRecord, TestRecord } from './types';
-import type { JsonObject, ResultDocument, ResultsPage } from './types';
+import type { EyeScanResult, EyeScanTarget, JsonObject, ResultDocument, ResultsPage } from './types';
 import { results_page_of } from './results';
 import { port_status_doc, register_groups, type PortStatusDoc, type RegisterGroup } from './port_status';
 import { link_port, link_port_info, link_ports, type LinkPort, type LinkPortInfo } from './link_control';
 import { hvl_links } from './hvl';
+import { eye_result_of, eye_targets } from './eye';
 
 async function request(path: string, init?: RequestInit): Promise<string> {
   let response: Response;
@@ -58,6 +59,15 @@ export async function get_pcie_devices(): Promise<PCIeDevice[]> {
 /** Both ends of every hVL link; none on a machine with one socket. */
 export async function get_hvl_links(): Promise<HVLLink[]> {
   return hvl_links(await request_json('/api/1.0/GetHVLDeviceListForMargin'));
+}
+
+/** PCIe ports and hVL link ends that can be eye scanned. */
+export async function get_eye_targets(): Promise<EyeScanTarget[]> {
+  return eye_targets(await request_json('/api/1.0/GetDeviceListForEyeScan'));
+}
+
+export async function get_eye_data(id: string): Promise<EyeScanResult> {
+  return eye_result_of(await request_json(`/api/1.0/GetEyeScanData?id=${encodeURIComponent(id)}`));
 }
 
 export async function add_test(record: TestRecord): Promise<QueueAnswer> {

@@ -115,7 +115,8 @@ export function summary_of(v: unknown): ResultSummary | null {
     FailureReason: typeof v.FailureReason === 'string' && v.FailureReason ? v.FailureReason : null,
     Time: text_or(v.Time),
     SBDF: text_or(v.SBDF),
-    Link: is_object(v.Link) ? (v.Link as Partial<HVLCtrlInfo>) : null,
+    // An eye scan may name its link as one text "<die> <link>".
+    Link: is_object(v.Link) ? (v.Link as Partial<HVLCtrlInfo>) : typeof v.Link === 'string' && v.Link ? { DeviceName: v.Link } : null,
     Receiver: number_or_null(v.Receiver),
     Lanes: Array.isArray(v.Lanes) ? v.Lanes.filter((l): l is number => Number.isInteger(l)) : [],
     BER: typeof v.BER === 'string' ? v.BER : finite(v.BER) ? String(v.BER) : '',

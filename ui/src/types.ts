@@ -97,7 +97,68 @@ export interface MarginRecord {
   TestParams: TestParams;
 }
 
-export type TestRecord = MarginRecord | HVLRecord;
+/** An eye scan record: a PCIe port (its "PCIeInfo") or one end of an hVL link (its "HVLCtrlInfo"). */
+export interface EyeScanRecord {
+  Operation: 'EyeScan';
+  SERDES: { DeviceName?: string; SERDES?: string };
+  PCIeInfo?: PCIeInfo;
+  PCIeCtrlInfo?: PCIeDevice['PCIeCtrlInfo'];
+  HVLCtrlInfo?: HVLCtrlInfo;
+  TestParams: { Lanes: number[]; BER: string };
+}
+
+export type TestRecord = MarginRecord | HVLRecord | EyeScanRecord;
+
+/**
+ * One element of "/api/1.0/GetDeviceListForEyeScan": a PCIe port or one end
+ * of an hVL link. "EyeScanData"."BER" holds strings such as "7.65", each
+ * standing for a power of two of compared bits.
+ */
+export interface EyeScanTarget {
+  PCIeInfo?: PCIeInfo;
+  PCIeCtrlInfo?: PCIeDevice['PCIeCtrlInfo'];
+  HVLCtrlInfo?: HVLCtrlInfo;
+  SERDES?: { DeviceName?: string; SERDES?: string };
+  EyeScanSupported?: boolean;
+  EyeScanData?: { BER?: string[]; Lanes?: number[] };
+  [key: string]: unknown;
+}
+
+/** A lane's eye at the BER floor: sides as coordinates (bottom and left below zero). */
+export interface EyeFigures {
+  TopMV: number | null;
+  BottomMV: number | null;
+  LeftUI: number | null;
+  RightUI: number | null;
+  WidthUI: number | null;
+  HeightMV: number | null;
+}
+
+export interface EyeLane {
+  Lane: number;
+  Link: string;
+  Device: string;
+  Name: string;
+  /** Error counts summed over taps and pairs: a row per voltage bin, a value per phase. */
+  Counts: number[][];
+  Figures: EyeFigures | null;
+  /** Address of the lane's eye diagram image. */
+  Png: string | null;
+}
+
+/** "/api/1.0/GetEyeScanData": one eye scan result's counts, figures and files. */
+export interface EyeScanResult {
+  Nbits: number;
+  Taps: number;
+  BerFloor: number;
+  /** Phase of each column (UI). */
+  PhaseUI: number[];
+  /** Centre of each voltage bin (mV), one per row of "Counts". */
+  VoltageMV: number[];
+  Lanes: EyeLane[];
+  Analysis: { Header: string[]; Rows: (string | number | null)[][] };
+  AnalysisCsv: string | null;
+}
 
 /** Answer of "/api/1.0/AddTestToQueue". */
 export interface QueueAnswer {

@@ -26,7 +26,17 @@ namespace chips::e32 {
 constexpr unsigned int kOverrideRequestBit = 12, kOverrideGrantBit = 13, kBusyBit = 10;
 constexpr unsigned int kPhyRunBit = 0, kPhyBusyBit = 0;
 
-enum Command : unsigned int { kCmdCdr = 5, kCmdRxMargin = 9, kCmdTxRxCap = 14 };
+enum Command : unsigned int {
+    kCmdCdr = 5,
+    kCmdRxMargin = 9,
+    kCmdTxRxCap = 14,
+    // Eye sampler: configuration, window, tap selection and the scan itself.
+    kCmdDebugConfig = 209,
+    kCmdExtConfig = 210,
+    kCmdRxEyeVoltage = 221,
+    kCmdRxEyePhase = 222,
+    kCmdRxEyeScan = 223,
+};
 // Capability indexes of command 14; the unit of the two maximum offsets is a
 // hundredth of a UI and of a volt.
 enum Capability : unsigned int {
@@ -41,7 +51,54 @@ enum Capability : unsigned int {
     kCapPhaseOffset = 65,
     kCapVoltageOffset = 66,
     kCapCdrCount = 67,
+    kCapEyeScanCount = 68,  // scan commands (223) taken since the model started, low byte
 };
+
+// Eye sampler command parameters (24 bits, bits 31:8 of InjectionParamCode).
+// Phase in 1/64 UI; voltage in 0.5 mV (the older form: 1 mV).
+constexpr unsigned int debug_config_parameter(unsigned a, unsigned b, unsigned c, unsigned d, unsigned e) {
+    return (a & 0xF) | (b & 0xF) << 4 | (c & 0xF) << 8 | (d & 0xF) << 12 | (e & 0xF) << 16;
+}
+constexpr unsigned int eye_phase_parameter(int start, int end, unsigned step) {
+    return (static_cast<unsigned>(start) & 0xFF) | (static_cast<unsigned>(end) & 0xFF) << 8 | (step & 0xFF) << 16;
+}
+// The older firmware's voltage window: three signed bytes in 1 mV (bits 23:22 zero).
+constexpr unsigned int eye_voltage_v1_parameter(int start_mv, int end_mv, int step_mv) {
+    return (static_cast<unsigned>(start_mv) & 0xFF) | (static_cast<unsigned>(end_mv) & 0xFF) << 8 |
+           (static_cast<unsigned>(step_mv) & 0x3F) << 16;
+}
+// The newer form sets one field per command: bits 23:22 name it, bits 15:0
+// hold the signed value in 0.5 mV.
+enum EyeVoltageField : unsigned int { kEyeVoltageStart = 1, kEyeVoltageEnd = 2, kEyeVoltageStep = 3 };
+constexpr unsigned int eye_voltage_v2_parameter(EyeVoltageField field, int value) {
+    return static_cast<unsigned>(field) << 22 | (static_cast<unsigned>(value) & 0xFFFF);
+}
+// Bit 23 clear: select tap a for the next scan; set: the tap mode word.
+constexpr unsigned int ext_config0_parameter(unsigned a, unsigned b, unsigned c) {
+    return (a & 0xF) | (b & 0xF) << 4 | (c & 0xFF) << 8;
+}
+constexpr unsigned int ext_config1_parameter(unsigned value, unsigned flag) {
+    return 1u << 23 | (value & 0x1FF) | (flag & 1) << 9;
+}
+// Tap mode words of ext config 1 and the taps each mode reads.
+constexpr unsigned int kTapModeWord0 = 511, kTapModeWord2 = 487, kTapModeWord3 = 483;
+constexpr unsigned int kEyeTaps = 8;
+constexpr unsigned int kMinScanBits = 10, kMaxScanBits = 23;
+// Largest number of values on one axis of a scan window.
+constexpr unsigned int kMaxEyeAxisValues = 50;
+
+// Eye-scan ring of a lane, in PHY memory at lane PHY base + ring offset
+// (record bytes 498/499) - 0x10000: config words, then the data bytes. The
+// reader acknowledges by writing its position to word 4 between a strobe of
+// 1 and 0 (16 bits) at PHY base + kRingAckStrobe.
+constexpr unsigned int kRingHead = 0, kRingLength = 4, kRingOverrun = 8, kRingLost = 12, kRingAck = 16;
+constexpr unsigned int kRingData = 32, kRingBytes = 8192;
+constexpr unsigned int kRingAckStrobe = 32886;
+// Ring offsets the firmware gives lane & 3: below the training records
+// (0xAAE0 and up) and above the version words, one ring apart.
+constexpr unsigned int kRingOffsets[4] = {0x0100, 0x2200, 0x4300, 0x6400};
+// Each point of a scan takes the sampler's move plus 2^nbits bits at the lane's rate.
+constexpr double kEyePointMoveNs = 2000;
 
 constexpr unsigned int kRecordBytes = 768;
 constexpr unsigned int kRecordOffsetsV12[4] = {0xACC0, 0xAFC0, 0xB2C0, 0xB5C0};
@@ -65,5 +122,14 @@ constexpr unsigned int record_address(unsigned int phy_base, unsigned int layout
     return (phy_base & ~0xFFFFu) + record_offset(layout, lane) - 0x10000u;
 }
 constexpr unsigned int firmware_base(unsigned int first_phy_base) { return first_phy_base & ~0x1FFFFu; }
+
+// Rings lie between the version words (first 8 bytes of a 128 KiB block) and
+// the first training record of any layout, apart from each other.
+static_assert(kRingOffsets[0] >= 8);
+static_assert(kRingOffsets[3] + kRingData + kRingBytes <= kRecordOffsetsV3[0] &&
+              kRecordOffsetsV3[0] <= kRecordOffsetsV12[0]);
+static_assert(kRingOffsets[0] + kRingData + kRingBytes <= kRingOffsets[1] &&
+              kRingOffsets[1] + kRingData + kRingBytes <= kRingOffsets[2] &&
+              kRingOffsets[2] + kRingData + kRingBytes <= kRingOffsets[3]);
 
 }  // namespace chips::e32

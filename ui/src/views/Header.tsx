@@ -1,6 +1,6 @@
 import type { SocketState } from '../socket';
 
-export type Screen = 'devices' | 'new' | 'hvl' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
+export type Screen = 'devices' | 'new' | 'hvl' | 'eye' | 'queue' | 'results' | LinkScreen | 'pci' | 'aspm' | 'counters';
 // Port status and link control.
 export type LinkScreen = 'ports' | 'links';
 
@@ -8,6 +8,7 @@ const TABS: { screen: Screen; label: string }[] = [
   { screen: 'devices', label: 'Devices' },
   { screen: 'new', label: 'New test' },
   { screen: 'hvl', label: 'hVL links' },
+  { screen: 'eye', label: 'Eye scan' },
   { screen: 'queue', label: 'Queue' },
   { screen: 'results', label: 'Results' },
   { screen: 'ports', label: 'Port status' },

@@ -11,7 +11,7 @@ import type { Thresholds } from '../types';
 
 // Chart sizes follow the page's root font size, which grows on large screens,
 // so axis text stays as readable as the tables around it.
-function root_font_px(): number {
+export function root_font_px(): number {
   return parseFloat(getComputedStyle(document.documentElement).fontSize) || 14;
 }
 

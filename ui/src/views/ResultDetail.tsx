@@ -1,7 +1,8 @@
 // One archived result, fetched when it is opened: its grade against the
 // limits of its speed, per-lane charts and grades, the raw error maps, and
 // "Run again", which queues the same record anew. An hVL margin has no
-// grades; its lanes show in steps as well (HvlResult).
+// grades; its lanes show in steps as well (HvlResult). An eye scan shows
+// its eyes (EyeResult).
 import { useEffect, useMemo, useState } from 'preact/hooks';
 import { get_result, queue_record } from '../api';
 import { lane_grades, lane_objects, margin_chart_data, type MarginChartData } from '../chart_data';
@@ -13,6 +14,9 @@ import { MarginChart } from './MarginChart';
 import { ErrorMaps } from './ErrorMaps';
 import { HvlResult } from './HvlResult';
 import { HVL_OPERATION, hvl_ui_ps, link_label, partner_label } from '../hvl';
+import { EYE_OPERATION } from '../eye';
+import { EyeResult } from './EyeResult';
+import { lanes_of } from '../push';
 
 export function GradeBadge({ grade }: { grade: Grade | null | undefined }) {
   const name = grade_name(grade);
@@ -130,9 +134,10 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
   // Only a finished measurement has margins; what an ended test wrote stays in the raw maps.
   const measured = status === 'complete';
   const isPcie = doc.Operation === 'PCIe Margin';
+  const isEye = doc.Operation === EYE_OPERATION;
   const thresholds = doc.Grades?.Thresholds;
   const partner = partner_label(doc.HVLCtrlInfo);
-  const device = isHvl ? `${link_label(doc.HVLCtrlInfo)}${partner ? ` (to ${partner})` : ''}` : (doc.PCIeInfo?.SBDF ?? summary?.SBDF ?? '');
+  const device = doc.HVLCtrlInfo ? `${link_label(doc.HVLCtrlInfo)}${partner ? ` (to ${partner})` : ''}` : (doc.PCIeInfo?.SBDF ?? summary?.SBDF ?? '');
   const mapsShown = showMaps ?? isHvl;
   const failedLane = full.findIndex((l) => l.ErrorPresent === true);
   return (
@@ -160,6 +165,13 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
       {isPcie && !measured && <p class="muted">This test did not finish measuring, so it has no margins to show.</p>}
       {isPcie && measured && full.length === 0 && <p class="muted">This test has no per-lane data.</p>}
       {isHvl && <HvlResult doc={doc} full={full} uiPs={uiPs} />}
+      {isEye && (
+        <EyeResult
+          id={id}
+          asked={lanes_of(doc.TestParams?.Lanes)}
+          failure={measured ? null : text_of(output.FailureReason) || 'no reason given'}
+        />
+      )}
       {(isPcie || isHvl) && full.length > 0 && (
         <p>
           <button type="button" onClick={() => setShowMaps(!mapsShown)}>
@@ -168,7 +180,7 @@ export function ResultDetail({ id, summary }: { id: string; summary: ResultSumma
         </p>
       )}
       {mapsShown && <ErrorMaps lanes={full} first={failedLane >= 0 ? failedLane : (chart.worstTiming ?? 0)} uiPs={uiPs} />}
-      {!isPcie && !isHvl && summary && (
+      {!isPcie && !isHvl && !isEye && summary && (
         <p>
           Top {mv_label(summary.VoltTopMV)}, bottom {mv_label(summary.VoltBotMV)}, left {timing_label(summary.PhaseLeftUI, null)}, right{' '}
           {timing_label(summary.PhaseRightUI, null)}.
