@@ -1,6 +1,10 @@
 #include "simulator/aspm_model.h"
 
+#include "hardware/chips/aspm_timers.h"
+
 namespace sim {
+
+namespace aspm = chips::aspm;
 
 void define_l1_pm_substates(ConfigSpace& c, unsigned at) {
     // PCI-PM and ASPM L1.1/L1.2, substates supported; common mode restore
@@ -10,6 +14,16 @@ void define_l1_pm_substates(ConfigSpace& c, unsigned at) {
     c.define(at + cfg::kL1SubControl1, 4, 0, 0xE3FFFF0F);
     c.define(at + cfg::kL1SubControl2, 4, 0x28 | 1, 0xFB);  // T_POWER_ON as offered
     c.define(at + cfg::kL1SubStatus, 4, 0, 0, 0x1);        // link activation status
+}
+
+void define_endpoint_aspm_timers(ConfigSpace& c, unsigned at) {
+    c.define(at + aspm::kEndpointVsecHeader, 4,
+             aspm::kEndpointVsecId | aspm::kEndpointVsecRevision << 16 | aspm::kEndpointVsecLength << 20);
+    c.define(at + aspm::kEndpointControl, 4, aspm::kBootControl, aspm::kTimerBits);
+}
+
+void place_root_port_aspm_timers(RegisterSpace& r, uint32_t address) {
+    r.define(address, aspm::kBootControl, aspm::kTimerBits);
 }
 
 }  // namespace sim

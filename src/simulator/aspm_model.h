@@ -1,9 +1,14 @@
-// The model's L1 PM Substates capability: what both ends of a link offer for
-// L1.1 and L1.2 and the controls software sets. ASPM L0s and L1 themselves
-// sit in the PCI Express capability's link registers.
+// The model's ASPM registers: the L1 PM Substates capability (what both ends
+// of a link offer for L1.1 and L1.2 and the controls software sets) and the
+// ASPM entry timers of the platform's own ends (hardware/chips/aspm_timers.h).
+// ASPM L0s and L1 themselves sit in the PCI Express capability's link
+// registers.
 #pragma once
 
+#include <cstdint>
+
 #include "simulator/config_space.h"
+#include "simulator/register_space.h"
 
 namespace sim {
 
@@ -19,5 +24,12 @@ constexpr unsigned kAspmL11Enable = 1u << 3, kAspmL12Enable = 1u << 2;
 // Every substate is offered; all start disabled, as firmware leaves them when
 // the operating system manages ASPM.
 void define_l1_pm_substates(ConfigSpace& space, unsigned at);
+
+// The timer capability of a platform endpoint at `at` (header placed): the
+// control word starts as firmware leaves it and only the timer fields change.
+void define_endpoint_aspm_timers(ConfigSpace& space, unsigned at);
+
+// A root port's timer register on its die, at the address the chip tables give.
+void place_root_port_aspm_timers(RegisterSpace& registers, uint32_t address);
 
 }  // namespace sim

@@ -4,6 +4,7 @@
 #include <set>
 #include <utility>
 
+#include "hardware/chips/aspm_timers.h"
 #include "hardware/chips/chip_identity.h"
 #include "simulator/aspm_model.h"
 #include "simulator/equalisation_model.h"
@@ -99,6 +100,7 @@ struct Shape {
     bool physical16 = false, physical32 = false;
     bool acs = false;         // downstream ports
     bool l1_substates = false;
+    bool aspm_timers = false; // the platform's own endpoints: entry timers of their link controller
     uint64_t serial = 0;      // endpoints and upstream ports: device serial number (0: none)
     unsigned buses = 0;  // bridges: primary | secondary << 8 | subordinate << 16
 };
@@ -244,6 +246,8 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
     if (s.physical16) f.physical16 = physical_layer(cfg::kExtCapPhysicalLayer16);
     if (s.physical32) f.physical32 = physical_layer(cfg::kExtCapPhysicalLayer32);
     if (s.l1_substates) define_l1_pm_substates(c, add_ext(cfg::kExtCapL1PmSubstates, 1, cfg::kL1PmSubstatesSize));
+    if (s.aspm_timers)
+        define_endpoint_aspm_timers(c, add_ext(chips::aspm::kExtCapVendorSpecific, 1, chips::aspm::kEndpointVsecLength));
 }
 
 namespace {
@@ -291,6 +295,7 @@ Shape device_shape(const DeviceProfile& device, const FunctionProfile& fn, bool 
     s.physical16 = function_zero && device.max_speed >= kSpeed16GT;
     s.physical32 = function_zero && device.max_speed >= kSpeed32GT;
     s.l1_substates = function_zero && fn.capabilities.l1_pm_substates;
+    s.aspm_timers = function_zero && fn.vendor_id == chips::kGraphicsVendorId;
     return s;
 }
 
@@ -568,6 +573,8 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
         if (core_control) core_block = *core_control - chips::server_io::kCoreRegisters[0].offset;
         place_link_controller_registers(r, *buses - chips::server_io::kPortRegisters[0].offset + chips::server_io::kPortLinkControlWindow, core_block,
                                         std::move(hooks));
+        if (const auto timers = locator(chips::aspm::kRootPortRegister, port.core, index))
+            place_root_port_aspm_timers(r, *timers);
         for (const char* name : {"PCIE_CCIX_ESM_CNTL", "PCIE_CCIX_ESM_STATUS"})
             if (const auto esm = locator(name, port.core, index)) r.define(*esm, 0);
         if (cores.insert(port.core).second)
