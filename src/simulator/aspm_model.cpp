@@ -1,5 +1,7 @@
 #include "simulator/aspm_model.h"
 
+#include <algorithm>
+
 #include "hardware/chips/aspm_timers.h"
 
 namespace sim {
@@ -24,6 +26,17 @@ void define_endpoint_aspm_timers(ConfigSpace& c, unsigned at) {
 
 void place_root_port_aspm_timers(RegisterSpace& r, uint32_t address) {
     r.define(address, aspm::kBootControl, aspm::kTimerBits);
+}
+
+std::optional<int64_t> l1_entry_delay_ns(std::optional<uint32_t> port_control, std::optional<uint32_t> device_control) {
+    int64_t delay = device_control ? 0 : kPlainDeviceIdleNs;
+    for (const auto& control : {port_control, device_control}) {
+        if (!control) continue;
+        const unsigned ns = aspm::kL1EntryNs[aspm::kL1Field.extract(*control)];
+        if (ns == aspm::kTimerOff) return std::nullopt;
+        delay = std::max<int64_t>(delay, ns);
+    }
+    return delay;
 }
 
 }  // namespace sim

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "simulator/config_space.h"
 #include "simulator/register_space.h"
@@ -31,5 +32,13 @@ void define_endpoint_aspm_timers(ConfigSpace& space, unsigned at);
 
 // A root port's timer register on its die, at the address the chip tables give.
 void place_root_port_aspm_timers(RegisterSpace& registers, uint32_t address);
+
+// How long a link must be idle before it goes to ASPM L1 (both ends having
+// L1 enabled); nullopt: never. The device end asks for L1 after its timer
+// (a device without one after kPlainDeviceIdleNs); a root port with a timer
+// accepts only once its own timer has run out. A timer that is off on
+// either end keeps the link out of L1.
+constexpr int64_t kPlainDeviceIdleNs = 10'000;
+std::optional<int64_t> l1_entry_delay_ns(std::optional<uint32_t> port_control, std::optional<uint32_t> device_control);
 
 }  // namespace sim

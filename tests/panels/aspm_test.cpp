@@ -6,6 +6,7 @@
 
 #include "gui/model_machine.h"
 #include "hardware/chips/aspm_timers.h"
+#include "hardware/os_specific.h"
 #include "panels/pci_device.h"
 #include "panels/pcie_aspm_gui_interface.h"
 
@@ -102,21 +103,20 @@ TEST_F(AspmPanel, EveryStateTurnsOnAndOffOnBothEndsOfEveryLink) {
     EXPECT_FALSE(panel.OnL1EnabledToggled(static_cast<int>(info.size()), true)) << "a row past the list";
 }
 
+// A root port's register on its die, found as the chip tables place it.
+std::shared_ptr<Register> port_register(gui_test::ModelMachine& m, const std::string& sbdf, const std::string& name) {
+    const auto id = *parse_sbdf_string(sbdf);
+    const auto [die, map] = get_mapped_device(id.segment, id.bus, id.device, id.function,
+                                              get_all_port_data(m.store.get_die_list(), m.devices, m.read));
+    return make_register_store(die.name(), std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die)))
+        ->get_pcie_core_func_register(name, map.core, map.function_index);
+}
+
 // The timer word as the hardware holds it, read past the panel: the root
-// port's register on its die, or the endpoint's capability.
+// port's register, or the endpoint's capability.
 unsigned timer_word(gui_test::ModelMachine& m, const json& row) {
     namespace aspm = chips::aspm;
-    if (row["TimerEnd"] == "Port") {
-        const PCIDeviceDetails port = [&] {
-            const auto id = *parse_sbdf_string(row["Port"]["SBDF"]);
-            return PCIDeviceDetails(id.segment, id.bus, id.device, id.function);
-        }();
-        const auto [die, map] = get_mapped_device(port.segment, port.bus, port.device, port.function,
-                                                  get_all_port_data(m.store.get_die_list(), m.devices, m.read));
-        return make_register_store(die.name(), std::make_shared<PhyAccessor>(CRNFactory::instance()->get_crn_accessor(die)))
-            ->get_pcie_core_func_register(aspm::kRootPortRegister, map.core, map.function_index)
-            ->read();
-    }
+    if (row["TimerEnd"] == "Port") return port_register(m, row["Port"]["SBDF"], aspm::kRootPortRegister)->read();
     CPCIDevice device(*parse_sbdf_string(row["Device"]["SBDF"]), m.read, m.write);
     for (const CPCICaps& c : device.extended_capabilities())
         if (c.GetCapsID() == aspm::kExtCapVendorSpecific) return device.read(c.GetCapsOffset() + aspm::kEndpointControl, 4);
@@ -161,6 +161,53 @@ TEST_F(AspmPanel, TimersTakeEverySelectionOnTheEndThatHoldsThemAndLeaveTheOtherT
     }
     EXPECT_FALSE(panel.OnL0TimerIndexChanged(index_of("0:2:0.0"), 0, "Disabled")) << "a plain link has no timers";
     EXPECT_FALSE(panel.OnL1TimerIndexChanged(99, 0, "Disabled")) << "a row past the list";
+}
+
+// An idle link goes to L1 once the entry timers of its ends have run out
+// (the later of the two), a busy one never; a request across it wakes it.
+TEST_F(AspmPanel, AnIdleLinkEntersL1WhenItsEntryTimersRunOut) {
+    struct Case {
+        const char* name;
+        const char* port;
+        const char* l1_timer;           // the entry the link's timer end is set to
+        const char* port_timer;         // the root port's own, where the timer end is the device; "" otherwise
+        unsigned before_ms, after_ms;   // idle time at which it must still be in L0, and must be in L1 (0: never)
+    };
+    const Case cases[] = {
+        {"root port timer 1 ms", "0:c0:1.0", "1 ms", "", 0, 2},
+        {"root port timer 4 ms", "0:c0:1.0", "4 ms", "", 3, 5},
+        {"root port timer off", "0:c0:1.0", "Disabled", "", 50, 0},
+        {"busy device", "0:40:1.0", "1 us", "", 50, 0},
+        {"endpoint 10 ms, port 1 us", "0:80:1.0", "10 ms", "1 us", 8, 12},
+        {"endpoint 1 us, port 4 ms", "0:80:1.0", "1 us", "4 ms", 3, 5},
+    };
+    const auto in_l1 = [&](const std::string& port) {
+        return (port_register(machine, port, "PCIE_LC_STATE0")->read() & 0x3F) == 0x18;
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int index = index_of(c.port);
+        json r = row(index);
+        const auto entry = [](const json& values, const std::string& text) {
+            return static_cast<int>(std::find(values.begin(), values.end(), text) - values.begin());
+        };
+        ASSERT_TRUE(panel.OnL1TimerIndexChanged(index, entry(r["L1TimerValues"], c.l1_timer), c.l1_timer));
+        if (*c.port_timer) {
+            const unsigned code = entry(r["L1TimerValues"], c.port_timer);
+            const auto reg = port_register(machine, c.port, chips::aspm::kRootPortRegister);
+            reg->write((reg->read() & ~0xF000u) | code << 12);
+        }
+        ASSERT_TRUE(panel.OnL1EnabledToggled(index, true));  // a request to the device: the idle time starts here
+        OSSpecific().milli_secs_sleep(c.before_ms);
+        EXPECT_FALSE(in_l1(c.port)) << "after " << c.before_ms << " ms";
+        if (c.after_ms) {
+            OSSpecific().milli_secs_sleep(c.after_ms - c.before_ms);
+            EXPECT_TRUE(in_l1(c.port)) << "after " << c.after_ms << " ms";
+            row(index);  // reads the device's registers across the link
+            EXPECT_FALSE(in_l1(c.port)) << "a request woke it";
+        }
+        ASSERT_TRUE(panel.OnL1EnabledToggled(index, false));
+    }
 }
 
 TEST(AspmPanelWithoutSubstates, ALinkWhoseDeviceLacksThemRefusesAndTouchesNeitherEnd) {
