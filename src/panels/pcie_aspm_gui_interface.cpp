@@ -30,7 +30,8 @@ std::string PCIEASPMGUIInterface::GetTimerValueStr(unsigned int value) {
 std::vector<std::string> PCIEASPMGUIInterface::GetASPML0sInactivityList(CASPMBase* entry) {
     std::vector<std::string> texts;
     unsigned int value = 0;
-    for (unsigned int i = 0; i < entry->GetL0sNumberOfEntries(); ++i)
+    const unsigned int entries = entry->GetL0sNumberOfEntries();
+    for (unsigned int i = 0; i < entries; ++i)
         if (entry->GetASPML0sInactivityEntry(i, &value)) texts.push_back(GetTimerValueStr(value));
     return texts;
 }
@@ -38,7 +39,8 @@ std::vector<std::string> PCIEASPMGUIInterface::GetASPML0sInactivityList(CASPMBas
 std::vector<std::string> PCIEASPMGUIInterface::GetASPML1InactivityList(CASPMBase* entry) {
     std::vector<std::string> texts;
     unsigned int value = 0;
-    for (unsigned int i = 0; i < entry->GetL1NumberOfEntries(); ++i)
+    const unsigned int entries = entry->GetL1NumberOfEntries();
+    for (unsigned int i = 0; i < entries; ++i)
         if (entry->GetASPML1InactivityEntry(i, &value)) texts.push_back(GetTimerValueStr(value));
     return texts;
 }

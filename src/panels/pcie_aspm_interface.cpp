@@ -92,10 +92,9 @@ const std::array<unsigned int, aspm::kTimerCodes>& timer_table(bool l1) { return
 const chips::IdentityField& timer_field(bool l1) { return l1 ? aspm::kL1Field : aspm::kL0sField; }
 }  // namespace
 
-unsigned int CASPMGeneric::GetL0sNumberOfEntries() {
-    unsigned int control = 0;
-    return _read_timer_control(control) ? aspm::kTimerCodes : 0;
-}
+// The list is the chip's: it holds even while the end can't be read (its
+// selection then can't be told).
+unsigned int CASPMGeneric::GetL0sNumberOfEntries() { return timer_end().empty() ? 0 : aspm::kTimerCodes; }
 unsigned int CASPMGeneric::GetL1NumberOfEntries() { return GetL0sNumberOfEntries(); }
 
 bool CASPMGeneric::GetASPML0sInactivityEntry(unsigned int index, unsigned int* value) {
