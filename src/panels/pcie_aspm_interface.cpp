@@ -17,7 +17,6 @@ constexpr unsigned int kLinkControl = 0x10;
 constexpr unsigned int kAspmL0s = 1u << 0, kAspmL1 = 1u << 1;
 constexpr unsigned int kL1SubCapabilities = 0x04, kL1SubControl1 = 0x08;
 constexpr unsigned int kL1SubSupported = 1u << 4, kAspmL12 = 1u << 2, kAspmL11 = 1u << 3;
-constexpr unsigned int kPortRoot = 4, kPortDownstream = 6;
 
 }  // namespace
 
