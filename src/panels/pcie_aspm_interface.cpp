@@ -1,5 +1,15 @@
 #include "panels/pcie_aspm_interface.h"
 
+#include <algorithm>
+
+#include "discovery/pci_detection.h"
+#include "discovery/port_mapping.h"
+#include "hardware/chips/aspm_timers.h"
+#include "hardware/crn_factory.h"
+#include "hardware/register_storage.h"
+
+namespace aspm = chips::aspm;
+
 namespace {
 
 constexpr unsigned int kPciExpressId = 0x10, kL1SubstatesId = 0x1E;
@@ -7,7 +17,6 @@ constexpr unsigned int kLinkControl = 0x10;
 constexpr unsigned int kAspmL0s = 1u << 0, kAspmL1 = 1u << 1;
 constexpr unsigned int kL1SubCapabilities = 0x04, kL1SubControl1 = 0x08;
 constexpr unsigned int kL1SubSupported = 1u << 4, kAspmL12 = 1u << 2, kAspmL11 = 1u << 3;
-constexpr unsigned int kPortRoot = 4, kPortDownstream = 6;
 
 }  // namespace
 
@@ -75,6 +84,80 @@ bool CASPMGeneric::_set_substate(unsigned int bit, bool enable) {
     return all;
 }
 
+// --- Entry timers ---------------------------------------------------------------
+
+namespace {
+const std::array<unsigned int, aspm::kTimerCodes>& timer_table(bool l1) { return l1 ? aspm::kL1EntryNs : aspm::kL0sEntryNs; }
+const chips::IdentityField& timer_field(bool l1) { return l1 ? aspm::kL1Field : aspm::kL0sField; }
+}  // namespace
+
+// The list is the chip's: it holds even while the end can't be read (its
+// selection then can't be told).
+unsigned int CASPMGeneric::GetL0sNumberOfEntries() { return timer_end().empty() ? 0 : aspm::kTimerCodes; }
+unsigned int CASPMGeneric::GetL1NumberOfEntries() { return GetL0sNumberOfEntries(); }
+
+bool CASPMGeneric::GetASPML0sInactivityEntry(unsigned int index, unsigned int* value) {
+    if (index >= GetL0sNumberOfEntries()) return false;
+    *value = aspm::kL0sEntryNs[index];
+    return true;
+}
+bool CASPMGeneric::GetASPML1InactivityEntry(unsigned int index, unsigned int* value) {
+    if (index >= GetL1NumberOfEntries()) return false;
+    *value = aspm::kL1EntryNs[index];
+    return true;
+}
+
+bool CASPMGeneric::_selected(bool l1, unsigned int* index) const {
+    unsigned int control = 0;
+    if (!_read_timer_control(control)) return false;
+    *index = timer_field(l1).extract(control);
+    return true;
+}
+
+bool CASPMGeneric::_select(bool l1, unsigned int index) {
+    unsigned int control = 0;
+    if (index >= timer_table(l1).size() || !_read_timer_control(control)) return false;
+    const chips::IdentityField& field = timer_field(l1);
+    _write_timer_control((control & ~(field.mask << field.shift)) | field.place(index));
+    unsigned int now = 0;
+    return _selected(l1, &now) && now == index;
+}
+
+CASPM_OPL_RC_LANTERN::CASPM_OPL_RC_LANTERN(CPCIDevice port, std::vector<CPCIDevice> device_functions,
+                                           std::shared_ptr<Register> timers)
+    : CASPMGeneric(std::move(port), std::move(device_functions)), _timers(std::move(timers)) {}
+
+// A die that can't be reached reads all ones, like an absent function.
+bool CASPM_OPL_RC_LANTERN::_read_timer_control(unsigned int& control) const {
+    try {
+        control = _timers->read();
+    } catch (const std::exception&) {
+        return false;
+    }
+    return control != 0xFFFFFFFFu;
+}
+void CASPM_OPL_RC_LANTERN::_write_timer_control(unsigned int control) {
+    try {
+        _timers->write(control);
+    } catch (const std::exception&) {
+    }
+}
+
+CASPM_OPL_INTERNAL_EP::CASPM_OPL_INTERNAL_EP(CPCIDevice port, std::vector<CPCIDevice> device_functions,
+                                             unsigned int capability)
+    : CASPMGeneric(std::move(port), std::move(device_functions)), _capability(capability) {}
+
+// Behind a link that is down the endpoint reads all ones.
+bool CASPM_OPL_INTERNAL_EP::_read_timer_control(unsigned int& control) const {
+    control = _functions.front().read(_capability + aspm::kEndpointControl, 4);
+    return control != 0xFFFFFFFFu;
+}
+void CASPM_OPL_INTERNAL_EP::_write_timer_control(unsigned int control) {
+    _functions.front().write(_capability + aspm::kEndpointControl, 4, control);
+}
+
+// --- ASPM enables ----------------------------------------------------------------
+
 bool CASPMGeneric::IsASPML0sCapable() { return port_state().l0s_capable && device_state().l0s_capable; }
 bool CASPMGeneric::IsASPML1Capable() { return port_state().l1_capable && device_state().l1_capable; }
 bool CASPMGeneric::IsASPML1_1Capable() { return port_state().l11_capable && device_state().l11_capable; }
@@ -102,21 +185,118 @@ bool CASPMGeneric::EnableASPML1_2(bool enable) {
     return _set_substate(kAspmL12, enable);
 }
 
-CASPMDeviceList::CASPMDeviceList(const std::vector<PCIDeviceDetails>& devices, std::shared_ptr<ReadPCI> read,
-                                 std::shared_ptr<WritePCI> write) {
-    if (!read) return;
-    for (const PCIDeviceDetails& d : devices) {
-        CPCIDevice port(PCIE::Device_ID(d), read, write);
-        toollib::CPCIECaps caps(port);
-        const unsigned int type = caps.GetPortType();
-        if (!caps.present() || (type != kPortRoot && type != kPortDownstream)) continue;
-        const unsigned int secondary = (port.read(0x18, 4) >> 8) & 0xFF;
-        std::vector<CPCIDevice> below;
-        for (const PCIDeviceDetails& f : devices)
-            if (f.segment == d.segment && f.bus == secondary && f.device == 0 && secondary > d.bus)
-                below.emplace_back(PCIE::Device_ID(f), read, write);
-        if (below.empty() || below.front().address().function != 0) continue;
-        _entries.push_back(std::make_unique<CASPMGeneric>(port, std::move(below)));
+// --- Factories and detection ------------------------------------------------------
+
+std::unique_ptr<CASPMGeneric> CASPMRCFactory::make(const LinkPort& where, CPCIDevice port,
+                                                   std::vector<CPCIDevice> device_functions) const {
+    std::shared_ptr<Register> timers;
+    if (where.platform_port) {
+        try {
+            const auto accessor = CRNFactory::instance()->get_crn_accessor(where.die);
+            timers = make_register_store(where.die.name(), std::make_shared<PhyAccessor>(accessor))
+                         ->get_pcie_core_func_register(aspm::kRootPortRegister, where.core, where.function_index);
+        } catch (const std::exception&) {
+            timers.reset();  // a chip without the register: a plain link
+        }
+    }
+    if (!timers) return std::make_unique<CASPMGeneric>(std::move(port), std::move(device_functions));
+    return std::make_unique<CASPM_OPL_RC_LANTERN>(std::move(port), std::move(device_functions), std::move(timers));
+}
+
+namespace {
+// The timer capability of a platform endpoint's function 0, if it has one.
+std::optional<unsigned int> endpoint_timer_capability(const CPCIDevice& function) {
+    for (const CPCICaps& c : function.extended_capabilities()) {
+        if (c.GetCapsID() != aspm::kExtCapVendorSpecific) continue;
+        const unsigned int header = function.read(c.GetCapsOffset() + aspm::kEndpointVsecHeader, 4);
+        if ((header & 0xFFFF) == aspm::kEndpointVsecId && ((header >> 16) & 0xF) == aspm::kEndpointVsecRevision)
+            return c.GetCapsOffset();
+    }
+    return std::nullopt;
+}
+}  // namespace
+
+std::unique_ptr<CASPMGeneric> CASPMGfxFactory::make(CPCIDevice port, std::vector<CPCIDevice> device_functions) const {
+    const auto at = device_functions.empty() ? std::nullopt : endpoint_timer_capability(device_functions.front());
+    if (!at) return std::make_unique<CASPMGeneric>(std::move(port), std::move(device_functions));
+    return std::make_unique<CASPM_OPL_INTERNAL_EP>(std::move(port), std::move(device_functions), *at);
+}
+
+CASPMDeviceList::CASPMDeviceList(const PanelMachine& machine) : _machine(machine) {
+    if (!_machine.read) return;
+    // Without dies or a port map no port counts as the platform's: plain links only.
+    PortMapData maps;
+    try {
+        if (!_machine.dies.empty()) maps = get_all_port_data(_machine.dies, _machine.devices, _machine.read);
+    } catch (const std::exception&) {
+    }
+    _ports = detect_link_ports(_machine, maps);
+    DetectOPLRC();
+    DetectOPLGfx();
+    DetectNonOPLRC();
+}
+
+std::vector<CPCIDevice> CASPMDeviceList::_below(const LinkPort& port) const {
+    std::vector<CPCIDevice> below;
+    const PCIDeviceDetails& d = port.device;
+    if (port.secondary_bus <= d.bus) return below;
+    for (const PCIDeviceDetails& f : _machine.devices)
+        if (f.segment == d.segment && f.bus == port.secondary_bus && f.device == 0)
+            below.emplace_back(PCIE::Device_ID(f), _machine.read, _machine.write);
+    if (!below.empty() && below.front().address().function != 0) below.clear();
+    return below;
+}
+
+bool CASPMDeviceList::_listed(const LinkPort& port) const {
+    return std::find(_listed_ports.begin(), _listed_ports.end(), PCIE::Device_ID(port.device)) != _listed_ports.end();
+}
+
+// An endpoint of the platform's graphics vendor at the far end: DetectOPLGfx lists that link.
+bool CASPMDeviceList::_to_platform_endpoint(const LinkPort& port) const {
+    const std::vector<CPCIDevice> below = _below(port);
+    if (below.empty()) return false;
+    const unsigned int ids = below.front().read(0, 4);
+    return (ids & 0xFFFF) == chips::kGraphicsVendorId && !below.front().is_bridge();
+}
+
+void CASPMDeviceList::DetectOPLRC() {
+    const FilterPCIDevices platform(FilterPCIDevices::VEX_DEVICE, _machine.read);
+    const CASPMRCFactory factory;
+    for (const LinkPort& port : _ports) {
+        if (!port.platform_port || !platform(port.device) || _listed(port) || _to_platform_endpoint(port)) continue;
+        std::vector<CPCIDevice> below = _below(port);
+        if (below.empty()) continue;
+        _entries.push_back(factory.make(port, CPCIDevice(PCIE::Device_ID(port.device), _machine.read, _machine.write),
+                                        std::move(below)));
+        _listed_ports.emplace_back(port.device);
+    }
+}
+
+void CASPMDeviceList::DetectOPLGfx() {
+    const FilterPCIDevices endpoint(FilterPCIDevices::ENDPOINT_DEVICE, _machine.read);
+    const CASPMGfxFactory factory;
+    for (const PCIDeviceDetails& f : DetectVEXPCIeDevices(_machine.read)()) {
+        if (f.vendor_id != chips::kGraphicsVendorId || f.function != 0 || f.device != 0 || !endpoint(f)) continue;
+        const auto port = std::find_if(_ports.begin(), _ports.end(), [&f](const LinkPort& p) {
+            return p.device.segment == f.segment && p.secondary_bus == f.bus && p.secondary_bus > p.device.bus;
+        });
+        if (port == _ports.end() || _listed(*port)) continue;
+        std::vector<CPCIDevice> below = _below(*port);
+        if (below.empty()) continue;
+        _entries.push_back(factory.make(CPCIDevice(PCIE::Device_ID(port->device), _machine.read, _machine.write),
+                                        std::move(below)));
+        _listed_ports.emplace_back(port->device);
+    }
+}
+
+void CASPMDeviceList::DetectNonOPLRC() {
+    for (const LinkPort& port : _ports) {
+        if (_listed(port)) continue;
+        std::vector<CPCIDevice> below = _below(port);
+        if (below.empty()) continue;
+        _entries.push_back(std::make_unique<CASPMGeneric>(
+            CPCIDevice(PCIE::Device_ID(port.device), _machine.read, _machine.write), std::move(below)));
+        _listed_ports.emplace_back(port.device);
     }
 }
 

@@ -100,10 +100,7 @@ PanelMachineSource panel_machine(GUIResourceStore& store) {
 WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
     // Panels over the machine need the device list; a back end made before it
     // is stored (tests of the routes alone) has panels without devices.
-    : _aspm(store.get_read_accessor() ? std::make_shared<PCIEASPMGUIInterface>(store.get_pcie_device_list(),
-                                                                               store.get_read_accessor(),
-                                                                               store.get_write_accessor())
-                                      : std::make_shared<PCIEASPMGUIInterface>()),
+    : _aspm(std::make_shared<PCIEASPMGUIInterface>(panel_machine(store))),
       _link_control(std::make_shared<PCIELinkControlGUIInterface>(panel_machine(store))),
       _perf_counter(std::make_shared<PCIEPerfCounterGUIInterface>()),
       _port_status(std::make_shared<PCIEPortStatusGUIInterface>(panel_machine(store))),

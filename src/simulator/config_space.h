@@ -77,6 +77,7 @@ constexpr unsigned kDeviceCapabilities2 = 0x24, kDeviceControl2 = 0x28;
 constexpr unsigned kLinkCapabilities2 = 0x2C, kLinkControl2 = 0x30, kLinkStatus2 = 0x32;
 constexpr unsigned kPcieCapabilitySize = 0x3C;
 
+constexpr unsigned kLinkControlAspmL0s = 1u << 0, kLinkControlAspmL1 = 1u << 1;
 constexpr unsigned kLinkControlDisable = 1u << 4, kLinkControlRetrain = 1u << 5;
 constexpr unsigned kLinkStatusTraining = 1u << 11, kLinkStatusDllActive = 1u << 13;
 constexpr unsigned kLinkStatusBandwidthChanged = 1u << 14, kLinkStatusAutonomousChange = 1u << 15;

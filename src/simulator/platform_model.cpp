@@ -4,6 +4,7 @@
 #include <set>
 #include <utility>
 
+#include "hardware/chips/aspm_timers.h"
 #include "hardware/chips/chip_identity.h"
 #include "simulator/aspm_model.h"
 #include "simulator/equalisation_model.h"
@@ -27,6 +28,7 @@ constexpr size_t kHistoryDepth = 48;         // twelve registers of four states
 constexpr uint8_t kDetect = 0x01, kPolling = 0x05, kPollingConfig = 0x07, kConfig = 0x09, kConfigIdle = 0x0F;
 constexpr uint8_t kL0 = 0x10, kRecoveryLock = 0x20, kRecoverySpeed = 0x21, kRecoveryConfig = 0x22;
 constexpr uint8_t kRecoveryIdle = 0x23, kHotReset = 0x26, kDisabled = 0x27;
+constexpr uint8_t kL1 = 0x18;
 
 uint32_t lane_mask(unsigned bytes) { return bytes >= 4 ? 0xFFFFFFFFu : ((1u << (8 * bytes)) - 1); }
 
@@ -51,6 +53,13 @@ struct PlatformModel::Link {
     bool software_retrain = false;
     ModelDeadline training;
     std::vector<uint8_t> history;  // newest first
+    // ASPM L1: a device with steady traffic is never idle long enough; the
+    // root port's timer register, where the port has one.
+    bool busy = false;
+    bool in_l1 = false;
+    int64_t idle_since_ns = 0;
+    RegisterSpace* port_timers = nullptr;
+    uint32_t port_timers_address = 0;
 
     void enter(uint8_t state) {
         history.insert(history.begin(), state);
@@ -65,6 +74,7 @@ struct PlatformModel::Function {
     ConfigSpace space;
     unsigned pm = 0, pcie = 0, aer = 0, secondary = 0, margining = 0, margining_lanes = 0;
     unsigned physical16 = 0, physical32 = 0;  // Physical Layer 16.0 / 32.0 GT/s capabilities
+    unsigned aspm_timers = 0;                 // a platform endpoint's timer capability
     Link* link = nullptr;        // ports: the link below; endpoints and upstream ports: the link above
     Die* die = nullptr;          // root functions: the die behind the index/data pair
     const MarginingProfile* receiver = nullptr;
@@ -99,6 +109,7 @@ struct Shape {
     bool physical16 = false, physical32 = false;
     bool acs = false;         // downstream ports
     bool l1_substates = false;
+    bool aspm_timers = false; // the platform's own endpoints: entry timers of their link controller
     uint64_t serial = 0;      // endpoints and upstream ports: device serial number (0: none)
     unsigned buses = 0;  // bridges: primary | secondary << 8 | subordinate << 16
 };
@@ -244,6 +255,10 @@ void build_config(PlatformModel::Function& f, const Shape& s) {
     if (s.physical16) f.physical16 = physical_layer(cfg::kExtCapPhysicalLayer16);
     if (s.physical32) f.physical32 = physical_layer(cfg::kExtCapPhysicalLayer32);
     if (s.l1_substates) define_l1_pm_substates(c, add_ext(cfg::kExtCapL1PmSubstates, 1, cfg::kL1PmSubstatesSize));
+    if (s.aspm_timers) {
+        f.aspm_timers = add_ext(chips::aspm::kExtCapVendorSpecific, 1, chips::aspm::kEndpointVsecLength);
+        define_endpoint_aspm_timers(c, f.aspm_timers);
+    }
 }
 
 namespace {
@@ -291,6 +306,7 @@ Shape device_shape(const DeviceProfile& device, const FunctionProfile& fn, bool 
     s.physical16 = function_zero && device.max_speed >= kSpeed16GT;
     s.physical32 = function_zero && device.max_speed >= kSpeed32GT;
     s.l1_substates = function_zero && fn.capabilities.l1_pm_substates;
+    s.aspm_timers = function_zero && fn.vendor_id == chips::kGraphicsVendorId;
     return s;
 }
 
@@ -472,6 +488,8 @@ PlatformModel::Function& PlatformModel::_build_port(const PortProfile& port, Rol
     link.port = &f;
     f.link = &link;
     if (const auto found = _link_faults.find(&port); found != _link_faults.end()) link.faults = found->second;
+    const TrafficRates traffic = port_traffic(port);
+    link.busy = std::any_of(traffic.begin(), traffic.end(), [](double rate) { return rate > 0; });
     if (port.child) {
         _build_device(*port.child, f, segment);
         if (link.faults.fail_speed && link.speed >= link.faults.fail_speed)
@@ -605,6 +623,11 @@ void PlatformModel::_place_registers(Die& die, const SocketProfile& socket, cons
         if (core_control) core_block = *core_control - chips::server_io::kCoreRegisters[0].offset;
         place_link_controller_registers(r, *buses - chips::server_io::kPortRegisters[0].offset + chips::server_io::kPortLinkControlWindow, core_block,
                                         std::move(hooks));
+        if (const auto timers = locator(chips::aspm::kRootPortRegister, port.core, index)) {
+            place_root_port_aspm_timers(r, *timers);
+            rp->link->port_timers = &r;
+            rp->link->port_timers_address = *timers;
+        }
         for (const char* name : {"PCIE_CCIX_ESM_CNTL", "PCIE_CCIX_ESM_STATUS"})
             if (const auto esm = locator(name, port.core, index)) r.define(*esm, 0);
         if (cores.insert(port.core).second)
@@ -641,7 +664,11 @@ PlatformModel::Function* PlatformModel::_route_below(Function& port, unsigned bu
     Link& link = *port.link;
     _update_link(link, now);
     if (!link.up()) return nullptr;
-    if (bus == secondary) return device == 0 && function < link.below.size() ? link.below[function] : nullptr;
+    if (bus == secondary) {
+        if (device != 0 || function >= link.below.size()) return nullptr;
+        _wake(link, now);
+        return link.below[function];
+    }
     Function* up = link.below[0];
     if (up->role != Role::switch_upstream) return nullptr;
     const unsigned internal = up->space.byte(cfg::kBusNumbers + 1);
@@ -650,11 +677,17 @@ PlatformModel::Function* PlatformModel::_route_below(Function& port, unsigned bu
     if (bus == internal) {
         if (function != 0) return nullptr;
         for (Function* down : up->downstream_ports)
-            if (down->device == device) return down;
+            if (down->device == device) {
+                _wake(link, now);
+                return down;
+            }
         return nullptr;
     }
     for (Function* down : up->downstream_ports)
-        if (Function* f = _route_below(*down, bus, device, function, now)) return f;
+        if (Function* f = _route_below(*down, bus, device, function, now)) {
+            _wake(link, now);
+            return f;
+        }
     return nullptr;
 }
 
@@ -668,8 +701,12 @@ void PlatformModel::_update_link(Link& link, const ModelTime& now) {
             return;
         }
     }
-    if (!link.training.active() || !link.training.expired(now)) return;
+    if (!link.training.active() || !link.training.expired(now)) {
+        _update_aspm(link, now);
+        return;
+    }
     link.training.clear();
+    link.idle_since_ns = now.ns;
     link.speed = link.pending_speed;
     link.width = link.pending_width;
     link.enter(kL0);
@@ -703,7 +740,34 @@ void PlatformModel::_retrain(Link& link, const ModelTime& now, bool from_down) {
     _train_to(link, now, std::min({link.speed_limit, target(link.port), target(link.below[0])}), from_down);
 }
 
+// ASPM L1: an idle link goes to L1 once both ends have L1 enabled and the
+// entry timers of its ends have run out (aspm_model.h); any request across
+// the link brings it back through Recovery.
+void PlatformModel::_update_aspm(Link& link, const ModelTime& now) {
+    if (link.in_l1 || link.busy || !link.up() || link.training.active()) return;
+    const auto l1_enabled = [](const Function* f) {
+        return f->pcie && (f->space.get(f->pcie + cfg::kLinkControl, 2) & cfg::kLinkControlAspmL1);
+    };
+    if (!l1_enabled(link.port) || !l1_enabled(link.below[0])) return;
+    std::optional<uint32_t> port_control, device_control;
+    if (link.port_timers) port_control = link.port_timers->peek(link.port_timers_address);
+    if (const Function* d = link.below[0]; d->aspm_timers)
+        device_control = d->space.get(d->aspm_timers + chips::aspm::kEndpointControl, 4);
+    const auto delay = l1_entry_delay_ns(port_control, device_control);
+    if (!delay || now.ns - link.idle_since_ns < *delay) return;
+    link.in_l1 = true;
+    link.enter(kL1);
+}
+
+void PlatformModel::_wake(Link& link, const ModelTime& now) {
+    link.idle_since_ns = now.ns;
+    if (!link.in_l1) return;
+    link.in_l1 = false;
+    for (uint8_t s : {kRecoveryLock, kRecoveryConfig, kRecoveryIdle, kL0}) link.enter(s);
+}
+
 void PlatformModel::_train_to(Link& link, const ModelTime& now, unsigned speed, bool from_down) {
+    link.in_l1 = false;
     if (link.faults.fail_speed && speed >= link.faults.fail_speed) speed = link.faults.fail_speed - 1;
     link.pending_speed = std::max(1u, speed);
     if (from_down) link.pending_width = link.boot_width;

@@ -97,6 +97,8 @@ private:
     void _after_write(Function& f, unsigned dword, uint32_t old_value, uint32_t byte_mask, const ModelTime& now);
     void _sync(Function& f, const ModelTime& now);
     void _update_link(Link& link, const ModelTime& now);
+    void _update_aspm(Link& link, const ModelTime& now);
+    void _wake(Link& link, const ModelTime& now);
     void _retrain(Link& link, const ModelTime& now, bool from_down);
     void _train_to(Link& link, const ModelTime& now, unsigned speed, bool from_down);
     void _log_correctable(Link& link);

@@ -52,6 +52,22 @@ async function check_aspm(page, service, artifacts) {
     });
     await wait_until('the box to follow', async () => (await page.isChecked(box)) === want);
   }
+  // The port's L1 entry timer: the select sets it and follows the service.
+  const timer = 'select[aria-label="L1 timer 0:40:1.0"]';
+  await page.selectOption(timer, { label: '1 ms' });
+  await wait_until('the L1 timer to take 1 ms', async () => {
+    const l = await link();
+    return l.L1TimerValues[l.L1TimerIndex] === '1 ms';
+  });
+  await wait_until('the note to confirm it', async () => (await page.textContent('[data-testid=aspm-note]')).includes('set to 1 ms'));
+  // A refusal is shown as an error, and the select goes back to what the port holds.
+  await page.route('**/api/1.0/SetL1Timer', (route) => route.fulfill({ status: 200, body: 'Error' }));
+  await page.selectOption(timer, { label: '2 ms' });
+  await wait_until('the refusal to show', async () => (await page.getAttribute('[data-testid=aspm-note]', 'class')) === 'error');
+  assert.match(await page.textContent('[data-testid=aspm-note]'), /^Error: .*L1 entry timer 2 ms/);
+  await page.unroute('**/api/1.0/SetL1Timer');
+  await wait_until('the select to show 1 ms again', async () => (await page.$eval(timer, (s) => s.selectedOptions[0].text)) === '1 ms');
+  assert.match(await page.textContent('[data-link="0:2:0.0"] [data-testid=aspm-timers]'), /none/);
   await shot(page, artifacts, 'panels-flow-aspm');
 }
 

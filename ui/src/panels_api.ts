@@ -46,8 +46,14 @@ export interface AspmLink extends Record<string, unknown> {
   id: number;
   Port: AspmEnd;
   Device: AspmEnd;
+  Kind: string;
+  /** "Port" or "Device": whose link controller holds the timers; "" for a plain link. */
+  TimerEnd: string;
   L0TimerValues: string[];
   L1TimerValues: string[];
+  /** The entry in use, -1 without timers. */
+  L0TimerIndex: number;
+  L1TimerIndex: number;
 }
 export interface CounterRow {
   key: number;
@@ -115,6 +121,11 @@ const ASPM_ROUTE: Record<AspmState, string> = { L0s: 'SetL0Enabled', L1: 'SetL1E
 /** True when the service did it ("yes"/"no"), false for "Error". */
 export const set_aspm = async (state: AspmState, index: number, value: boolean) =>
   (await text(`${API}${ASPM_ROUTE[state]}`, { index, value })) !== 'Error';
+
+export type AspmTimer = 'L0' | 'L1';
+/** True when the service took the entry (it echoes the text), false for "Error". */
+export const set_aspm_timer = async (timer: AspmTimer, index: number, timerIndex: number, value: string) =>
+  (await text(`${API}Set${timer}Timer`, { index, timerIndex, value })) === value;
 
 export const get_counters = () => json<CounterRow[]>(`${API}GetPerfCounterInfo`);
 export const select_counter = (index: number) => json<CounterSettings>(`${API}GetPerfCounterSettings`, { index });

@@ -31,6 +31,7 @@ inline constexpr NamedOffset kPortRegisters[] = {
     {"SUB_BUS_NUMBER_LATENCY", 0x018, 4},   {"LINK_CAP", 0x064, 4},
     {"PCIE_CCIX_ESM_STATUS", 0x488, 4},     {"PCIE_CCIX_ESM_CNTL", 0x48C, 4},
     {"PCIE_P_PORT_LANE_STATUS", 0xB08, 4},  {"PCIEP_NAK_COUNTER", 0xB0C, 4},
+    {"PCIE_LC_CNTL", 0xC00, 4},  // ASPM entry timers (aspm_timers.h)
     {"PCIE_LC_LINK_WIDTH_CNTL", 0xC08, 4},  {"PCIE_LC_SPEED_CNTL", 0xC10, 4},
     {"PCIE_LC_STATE0", 0xC40, 4},           {"PCIE_LC_STATE1", 0xC44, 4},
     {"PCIE_LC_STATE2", 0xC48, 4},           {"PCIE_LC_STATE3", 0xC4C, 4},
