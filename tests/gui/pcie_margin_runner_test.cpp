@@ -16,6 +16,7 @@
 #include "margin_pcie/execute_lane_margin_command.h"
 #include "hardware/crn_factory.h"
 #include "simulator/platform.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -40,6 +41,7 @@ struct EndCase {
     bool raw_data;
     const char* reason;
 };
+LW_PRINT_BY_NAME(EndCase)
 
 class RunEnds : public ::testing::TestWithParam<EndCase> {};
 
@@ -85,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                 true,
                 "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured), "
                 "lane 7 (no offset measured)"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST(RunnerFigures, EachFigureIsTheWorstLaneOfItsOwnDirection) {
     const json report = json::array({
@@ -108,6 +110,7 @@ struct ProgressCase {
     double percent;
     json remaining;
 };
+LW_PRINT_BY_NAME(ProgressCase)
 
 class ProgressRecord : public ::testing::TestWithParam<ProgressCase> {};
 
@@ -128,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
         ProgressCase{"NoPlanYetHasNoEstimate", {0, 4, "Voltage Down", 0, 16, std::nullopt, 12}, 0, nullptr},
         ProgressCase{"MoreSidesThanPlannedStaysAtAHundred", {4, 4, "", 20, 16, -1.0, 40}, 100, 0.0},
         ProgressCase{"NoTotalKnown", {0, 0, "", 0, 0, std::nullopt, 1}, 0, nullptr}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 // A whole run on the machine model: queued, started by the scheduler, margined
 // by the engine, archived.

@@ -13,6 +13,7 @@
 #include "gui/pcie_conflict_check.h"
 #include "gui/test_record_checks.h"
 #include "gui/test_runner.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -167,6 +168,7 @@ struct ConflictCase {
     PCIEConflictCheck::PCIEDevicDetails a, b;
     bool conflict;
 };
+LW_PRINT_BY_NAME(ConflictCase)
 
 class PCIEConflictTable : public ::testing::TestWithParam<ConflictCase> {};
 
@@ -186,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ConflictCase{"OtherSegment", {0, 2, 1, 0, true, 3, 5}, {1, 4, 0, 0}, false},
                       ConflictCase{"EndpointPastRange", {0, 2, 1, 0, true, 3, 5}, {0, 6, 0, 0}, false},
                       ConflictCase{"InvertedRangeAddsNothing", {0, 2, 1, 0, true, 5, 3}, {0, 4, 0, 0}, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST(RecordParsing, SbdfAndLanes) {
     const auto address = parse_sbdf("0:c1:0.0");

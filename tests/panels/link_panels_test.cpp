@@ -17,6 +17,7 @@
 #include "panels/pcie_port_status_gui_interface.h"
 #include "simulator/platform.h"
 #include "simulator/profile.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -210,6 +211,7 @@ struct LoopCase {
     const char* count_key;  // a failure cause that must be counted, or ""
     const char* log_text;   // a text the run's log must hold
 };
+LW_PRINT_BY_NAME(LoopCase)
 
 class LinkStressLoops : public LinkPanels, public ::testing::WithParamInterface<LoopCase> {};
 
@@ -262,7 +264,7 @@ INSTANTIATE_TEST_SUITE_P(
         LoopCase{"DeviceNeverReturnsEndsAtMaxWait", 0xC0, 2, 1, 20, false, 7, 9, 1, true, "maxWaitFail",
                  "hit MaxWait Time"},
         LoopCase{"UnfitLinkIsRefused", 0x80, 1, 0, 5, false, 0, 0, 0, false, "", "not Enabled with Max Speed:32 GT/s"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST_F(LinkPanels, StopEndsAnEndlessRunAndTwoRunsNeverShareAPort) {
     PCIEPortStatusGUIInterface panel(source(), reports);

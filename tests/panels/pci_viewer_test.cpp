@@ -20,6 +20,7 @@
 #include "panels/pci_device.h"
 #include "panels/pci_viewer.h"
 #include "simulator/platform.h"
+#include "support/case_name.h"
 #include "sysfs_view/sysfs_view.h"
 
 extern char** environ;
@@ -217,6 +218,7 @@ struct WriteCase {
     const char* answer_starts;  // "success" or the beginning of the refusal
     bool changes;
 };
+LW_PRINT_BY_NAME(WriteCase)
 
 class ModelViewerWrite : public ModelViewer, public ::testing::WithParamInterface<WriteCase> {};
 
@@ -253,6 +255,6 @@ INSTANTIATE_TEST_SUITE_P(
         WriteCase{"TooWide", "PCIE_CAP", "DEVICE_CNTL", "MAX_PAYLOAD_SIZE", "0x8", "\"value\" must be a number", false},
         WriteCase{"UnknownRegister", "PMI_CAP", "NOPE", "X", "0x1", "\"PMI_CAP\" has no register", false},
         WriteCase{"StructureAbsent", "MSI_CAP", "MSI_MSG_CNTL", "MSI_EN", "0x1", "Function 0:41:0.0 has no structure", false}),
-    [](const ::testing::TestParamInfo<WriteCase>& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 }  // namespace

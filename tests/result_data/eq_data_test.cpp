@@ -3,24 +3,18 @@
 #include "model_fixture.h"
 #include "result_data/eq_data.h"
 #include "simulator/equalisation_model.h"
+#include "support/case_name.h"
 
 namespace {
 
-struct PresetCase {
-    unsigned pre, post;
-    const char* preset;
-};
-
-class PresetTable : public ::testing::TestWithParam<PresetCase> {};
-
-TEST_P(PresetTable, CoefficientsNameTheirPreset) {
-    EXPECT_EQ(preset_from_coefficients(GetParam().pre, GetParam().post), GetParam().preset);
+TEST(PresetTable, CoefficientsNameTheirPreset) {
+    const struct {
+        unsigned pre, post;
+        const char* preset;
+    } cases[] = {{0, 12, "P0"}, {0, 6, "P3"}, {0, 0, "P4"}, {4, 10, "P7"},
+                 {6, 6, "P8"},  {8, 0, "P9"}, {8, 8, "P10"}, {12, 0, "P10"}};
+    for (const auto& c : cases) EXPECT_EQ(preset_from_coefficients(c.pre, c.post), c.preset) << c.pre << "/" << c.post;
 }
-
-INSTANTIATE_TEST_SUITE_P(Pairs, PresetTable,
-                         ::testing::Values(PresetCase{0, 12, "P0"}, PresetCase{0, 6, "P3"}, PresetCase{0, 0, "P4"},
-                                           PresetCase{4, 10, "P7"}, PresetCase{6, 6, "P8"}, PresetCase{8, 0, "P9"},
-                                           PresetCase{8, 8, "P10"}, PresetCase{12, 0, "P10"}));
 
 VEX_DIE_INFO die_named(const std::string& name, bool cpu) {
     VEX_DIE_INFO die;
@@ -45,11 +39,13 @@ TEST(EqDataFactory, ChipNamesPickTheirReader) {
 using EqOnModel = ResultDataOnModel;
 
 struct PhyLane {
+    const char* name;
     unsigned socket;
     const char* link;
     unsigned lane;
     bool readable;  // links without a PCS have no coefficient copy to check against
 };
+LW_PRINT_BY_NAME(PhyLane)
 
 class TxEqLocalOnModel : public ResultDataOnModel, public ::testing::WithParamInterface<PhyLane> {};
 
@@ -70,9 +66,11 @@ TEST_P(TxEqLocalOnModel, ReadsTheCoefficientsTheModelPresents) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lanes, TxEqLocalOnModel,
-                         ::testing::Values(PhyLane{0, "G0", 0, true}, PhyLane{0, "G1", 13, true},
-                                           PhyLane{1, "P3", 6, true}, PhyLane{1, "P5", 7, true},
-                                           PhyLane{0, "P4", 2, false}));
+                         ::testing::Values(PhyLane{"S0G0Lane0", 0, "G0", 0, true},
+                                           PhyLane{"S0G1Lane13", 0, "G1", 13, true},
+                                           PhyLane{"S1P3Lane6", 1, "P3", 6, true}, PhyLane{"S1P5Lane7", 1, "P5", 7, true},
+                                           PhyLane{"S0P4WithoutPcs", 0, "P4", 2, false}),
+                         lw_test::by_name);
 
 TEST_F(EqOnModel, ReceiverRecordIsNotValidWithoutTheFirmwareRecord) {
     EXPECT_EQ(get_eq_data("G0", dies[0])->get_rx_eq(0).to_json(), nlohmann::json({{"RxEqValid", false}}));
@@ -101,6 +99,7 @@ struct SpeedCase {
     const char* speed;
     unsigned selector;  // of the model's values; 99: nothing read
 };
+LW_PRINT_BY_FIELD(SpeedCase, speed)
 
 class PortTxEqSpeeds : public PortTxEqOnModel, public ::testing::WithParamInterface<SpeedCase> {};
 
@@ -137,7 +136,8 @@ TEST_P(PortTxEqSpeeds, LaneFieldsAreTheModelsForTheRate) {
 
 INSTANTIATE_TEST_SUITE_P(Rates, PortTxEqSpeeds,
                          ::testing::Values(SpeedCase{"8 GT/s", 0}, SpeedCase{"16 GT/s", 1}, SpeedCase{"32GT/s", 2},
-                                           SpeedCase{"5 GT/s", 99}));
+                                           SpeedCase{"5 GT/s", 99}),
+                         lw_test::by_field(&SpeedCase::speed));
 
 TEST_F(PortTxEqOnModel, UnknownPortOrUnmappedLaneGetsNothing) {
     const auto elsewhere = PCIETxEqCorvane()({PCIE::Device_ID(7, 0, 1, 0), {0}, "16 GT/s"}, ports);

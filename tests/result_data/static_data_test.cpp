@@ -2,6 +2,7 @@
 
 #include "model_fixture.h"
 #include "result_data/static_data.h"
+#include "support/case_name.h"
 
 namespace {
 
@@ -28,11 +29,13 @@ TEST_F(StaticData, FieldsOfTheDefaultMachine) {
 }
 
 struct SocketCase {
+    const char* name;
     unsigned revision0, revision1;
     bool secure0, secure1;
     const char* revisions;
     const char* secure;
 };
+LW_PRINT_BY_NAME(SocketCase)
 
 class StaticDataSockets : public ResultDataOnModel, public ::testing::WithParamInterface<SocketCase> {};
 
@@ -53,9 +56,10 @@ TEST_P(StaticDataSockets, RevisionAndSecureState) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Machines, StaticDataSockets,
-                         ::testing::Values(SocketCase{1, 2, false, false, "0x00000001_0x00000002", "Unsecure"},
-                                           SocketCase{0x12, 0x11, true, false, "0x00000012_0x00000011", "Unsecure"},
-                                           SocketCase{1, 1, true, true, "0x00000001_0x00000001", "Secure"}));
+                         ::testing::Values(SocketCase{"NeitherSecure", 1, 2, false, false, "0x00000001_0x00000002", "Unsecure"},
+                                           SocketCase{"OneSecure", 0x12, 0x11, true, false, "0x00000012_0x00000011", "Unsecure"},
+                                           SocketCase{"BothSecure", 1, 1, true, true, "0x00000001_0x00000001", "Secure"}),
+                         lw_test::by_name);
 
 TEST_F(StaticData, NoDiesGiveNotAvailable) {
     StaticDataUtility(std::vector<VEX_DIE_INFO>{}).update_static_data();

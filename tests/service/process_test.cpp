@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "service_process.h"
+#include "support/case_name.h"
 
 using wire_test::ServiceProcess;
 
@@ -45,7 +46,8 @@ TEST_P(SignalEndTest, SignalEndsTheServiceWithZero) {
     EXPECT_EQ(service.wait_for_exit(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, SignalEndTest, ::testing::Values(SIGINT, SIGTERM));
+INSTANTIATE_TEST_SUITE_P(Signals, SignalEndTest, ::testing::Values(SIGINT, SIGTERM),
+                         [](const auto& info) { return std::string(sigabbrev_np(info.param)); });
 
 TEST(ServiceProcessTest, TakenPortIsReportedNotCrashed) {
     ServiceProcess first(wire_test::free_port());
@@ -66,6 +68,7 @@ struct EndCase {
     const char* running_reason;
     const char* queued_reason;
 };
+LW_PRINT_BY_NAME(EndCase)
 
 class QueueAtEndTest : public ::testing::TestWithParam<EndCase> {};
 
@@ -142,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
                       EndCase{"Sigterm", SIGTERM, "Margin stopped", "Not started: the service stopped"},
                       EndCase{"Sigkill", SIGKILL, "Interrupted: the service ended while this test ran",
                               "Not started: the service ended before this test ran"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 // A stress loop that would run for ever must not hold the service at /stop.
 TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {

@@ -3,6 +3,7 @@
 #include "discovery/pci_capability.h"
 #include "sim_fixture.h"
 #include "simulator/config_space.h"
+#include "support/case_name.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ struct Expected {
     At at;
     bool secondary, margining;
 };
+LW_PRINT_BY_NAME(Expected)
 
 class Capabilities : public ConfigSpace, public ::testing::WithParamInterface<Expected> {};
 
@@ -86,7 +88,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Expected{"root port at 32 GT/s", kSlot1, true, true},
                       Expected{"switch port above the nvme", kSwitchPort0, true, true},
                       Expected{"accelerator at 32 GT/s", kAccelerator, true, true}),
-    [](const auto& info) { return "case" + std::to_string(info.index); });
+    lw_test::by_name);
 
 TEST_F(ConfigSpace, ReadOnlyBitsKeepTheirValueAndWritableBitsTakeTheirs) {
     const unsigned ids = r32(kNvme.bus, 0, 0, 0);

@@ -4,6 +4,7 @@
 
 #include "simulator/platform.h"
 #include "simulator/profile.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -34,10 +35,11 @@ json hvl_link(unsigned socket, const char* link, unsigned partner_socket, const 
 }
 
 struct BadProfile {
-    const char* what;
+    const char* name;
     std::function<void(json&)> change;
     std::string error;
 };
+LW_PRINT_BY_NAME(BadProfile)
 
 const BadProfile kBadProfiles[] = {
     {"unknown die type", [](json& p) { p["sockets"][1]["die"] = "Foo"; },
@@ -95,13 +97,13 @@ TEST_P(ProfileErrors, NameTheField) {
     GetParam().change(profile);
     try {
         sim::parse_profile(profile);
-        FAIL() << "accepted: " << GetParam().what;
+        FAIL() << "accepted: " << GetParam().name;
     } catch (const sim::ProfileError& e) {
         EXPECT_EQ(std::string(e.what()).rfind(GetParam().error, 0), 0u) << e.what();
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, ProfileErrors, ::testing::ValuesIn(kBadProfiles));
+INSTANTIATE_TEST_SUITE_P(Table, ProfileErrors, ::testing::ValuesIn(kBadProfiles), lw_test::by_name);
 
 TEST(Profile, BaseAndDefaultProfilesAreAccepted) {
     EXPECT_NO_THROW(sim::parse_profile(base_profile()));
