@@ -51,18 +51,18 @@ class TxEqLocalOnModel : public ResultDataOnModel, public ::testing::WithParamIn
 
 TEST_P(TxEqLocalOnModel, ReadsTheCoefficientsTheModelPresents) {
     const PhyLane& c = GetParam();
-    const TxEq tx = get_eq_data(c.link, dies.at(c.socket))->get_tx_eq_local(c.lane);
+    const TxEq tx = get_eq_data(c.link, model->dies.at(c.socket))->get_tx_eq_local(c.lane);
     if (!c.readable) {
         EXPECT_EQ(tx.valid, 0u);
         return;
     }
-    const auto model = sim::model_phy_lane_eq(platform->model().noise(), c.socket, c.link, c.lane);
+    const auto eq = sim::model_phy_lane_eq(model->platform->model().noise(), c.socket, c.link, c.lane);
     EXPECT_EQ(tx.valid, 1u);
-    EXPECT_EQ(tx.pre, model.pre);
-    EXPECT_EQ(tx.post, model.post);
-    EXPECT_EQ(tx.preset, preset_from_coefficients(model.pre, model.post));
+    EXPECT_EQ(tx.pre, eq.pre);
+    EXPECT_EQ(tx.post, eq.post);
+    EXPECT_EQ(tx.preset, preset_from_coefficients(eq.pre, eq.post));
     EXPECT_EQ(tx.matched, 1u);
-    EXPECT_EQ(tx.main, static_cast<int32_t>(model.main));
+    EXPECT_EQ(tx.main, static_cast<int32_t>(eq.main));
 }
 
 INSTANTIATE_TEST_SUITE_P(Lanes, TxEqLocalOnModel,
@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(Lanes, TxEqLocalOnModel,
                          lw_test::by_name);
 
 TEST_F(EqOnModel, ReceiverRecordIsNotValidWithoutTheFirmwareRecord) {
-    EXPECT_EQ(get_eq_data("G0", dies[0])->get_rx_eq(0).to_json(), nlohmann::json({{"RxEqValid", false}}));
+    EXPECT_EQ(get_eq_data("G0", model->dies[0])->get_rx_eq(0).to_json(), nlohmann::json({{"RxEqValid", false}}));
 }
 
 // Socket 0's first root port (PCIe core PCIE0_nbio0, port 0) with its lanes
@@ -81,11 +81,9 @@ TEST_F(EqOnModel, ReceiverRecordIsNotValidWithoutTheFirmwareRecord) {
 class PortTxEqOnModel : public ResultDataOnModel {
 protected:
     void SetUp() override {
-        auto profile = default_profile();
-        profile["sockets"][0]["root_complexes"][0]["root_ports"][0]["lane_reversal"] = true;
-        boot(profile);
-        ports = get_all_port_data(dies, devices, platform->read_pci());
-        for (const PortMap& row : ports.at(dies[0]))
+        boot(lw_test::Profile().set("slot1", {{"lane_reversal", true}}));
+        ports = get_all_port_data(model->dies, model->devices, model->read());
+        for (const PortMap& row : ports.at(model->dies[0]))
             if (row.device == PCIE::Device_ID(0, 0, 1, 0)) port = row;
         ASSERT_EQ(port.core, "PCIE0_nbio0");
         ASSERT_NE(port.logical_to_controller_lane.at(0), 0u);
@@ -115,7 +113,7 @@ TEST_P(PortTxEqSpeeds, LaneFieldsAreTheModelsForTheRate) {
             EXPECT_FALSE(got.at("LCBestFomGot").get<bool>());
             continue;
         }
-        const auto& noise = platform->model().noise();
+        const auto& noise = model->platform->model().noise();
         const auto presets = sim::model_port_lane_eq(noise, 0, "PCIE0_nbio0", 0, lane, c.selector);
         const auto settings =
             sim::model_port_lane_eq(noise, 0, "PCIE0_nbio0", 0, port.logical_to_controller_lane.at(lane), c.selector);

@@ -11,7 +11,7 @@ using StaticData = ResultDataOnModel;
 // The default machine: two Corvane sockets of revision 1, not secure, two
 // NUMA nodes, no graphics dies.
 TEST_F(StaticData, FieldsOfTheDefaultMachine) {
-    StaticDataUtility(dies).update_static_data();
+    StaticDataUtility(model->dies).update_static_data();
     const auto fields = StaticDataHandler::get().get_static_fields_map();
     const std::map<std::string, std::string> expected = {
         {"NPS", "NPS2"},
@@ -43,13 +43,10 @@ class StaticDataSockets : public ResultDataOnModel, public ::testing::WithParamI
 // socket makes the machine unsecure.
 TEST_P(StaticDataSockets, RevisionAndSecureState) {
     const SocketCase& c = GetParam();
-    auto profile = default_profile();
-    profile["sockets"][0]["revision"] = c.revision0;
-    profile["sockets"][1]["revision"] = c.revision1;
-    profile["sockets"][0]["secure"] = c.secure0;
-    profile["sockets"][1]["secure"] = c.secure1;
-    boot(profile);
-    StaticDataUtility(std::vector<VEX_DIE_INFO>(dies.rbegin(), dies.rend())).update_static_data();
+    boot(lw_test::Profile()
+             .socket(0, {{"revision", c.revision0}, {"secure", c.secure0}})
+             .socket(1, {{"revision", c.revision1}, {"secure", c.secure1}}));
+    StaticDataUtility(std::vector<VEX_DIE_INFO>(model->dies.rbegin(), model->dies.rend())).update_static_data();
     const auto fields = StaticDataHandler::get().get_static_fields_map();
     EXPECT_EQ(fields.at("CPU SiliconRev"), c.revisions);
     EXPECT_EQ(fields.at("CPU SecureStatus"), c.secure);
@@ -69,7 +66,7 @@ TEST_F(StaticData, NoDiesGiveNotAvailable) {
 }
 
 TEST_F(StaticData, SpareKeyReplacesAStaticField) {
-    StaticDataUtility utility(dies);
+    StaticDataUtility utility(model->dies);
     utility.update_static_data();
     utility.update_spare_data({{"SystemName", "bench-7"}, {"Board", "rev B"}});
     const auto fields = StaticDataHandler::get().get_static_fields_map();
