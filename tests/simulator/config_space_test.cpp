@@ -192,11 +192,4 @@ TEST_F(ConfigSpace, NarrowAndUnalignedAccessSeeTheBytesInPlace) {
     EXPECT_EQ(value, 0x12345678u);
 }
 
-TEST_F(ConfigSpace, HeaderTypeCarriesTheMultiFunctionBit) {
-    EXPECT_EQ(r8(0x00, 1, 0, kHeaderType), 0x81u);   // two root ports on device 1
-    EXPECT_EQ(r8(kNic10g.bus, 0, 1, kHeaderType), 0x80u);
-    EXPECT_EQ(r8(kNvme.bus, 0, 0, kHeaderType), 0x00u);
-    EXPECT_EQ(r8(0x40, 1, 0, kHeaderType), 0x01u);
-}
-
 }  // namespace
