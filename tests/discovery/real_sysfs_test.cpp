@@ -1,11 +1,9 @@
 // Detection and the link readers over this machine's own configuration
 // space, checked against what lspci reports for the same functions.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -20,6 +18,7 @@
 #include "discovery/pci_detection.h"
 #include "discovery/pci_readers.h"
 #include "hardware/pci_std.h"
+#include "support/program.h"
 
 namespace {
 
@@ -28,23 +27,10 @@ constexpr unsigned int kLastScannedSegment = 7;
 
 using FunctionIds = std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned, unsigned>;  // s b d f vendor device
 
-// The command's standard output; nothing when the shell could not find it.
-std::optional<std::string> run_fixed_command(const char* command) {
-    FILE* pipe = popen(command, "r");
-    if (!pipe) return std::nullopt;
-    std::string output;
-    char buffer[4096];
-    while (size_t n = std::fread(buffer, 1, sizeof(buffer), pipe)) output.append(buffer, n);
-    const int status = pclose(pipe);
-    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
-    return output;
-}
-
-bool lspci_missing() {
-    FILE* pipe = popen("lspci --version >/dev/null 2>&1", "r");
-    if (!pipe) return true;
-    const int status = pclose(pipe);
-    return status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+// lspci's standard output; nothing when it could not run or failed.
+std::optional<std::string> lspci(const char* option) {
+    const lw_test::ProgramOutput out = lw_test::run_program({"lspci", option});
+    return out.status == 0 ? std::optional(out.text) : std::nullopt;
 }
 
 // "0000:00:03.0 0200: 1af4:1041 (rev 01)" lines of `lspci -Dn`.
@@ -104,7 +90,7 @@ protected:
         if (!std::filesystem::is_directory("/sys/bus/pci/devices"))
             GTEST_SKIP() << "/sys/bus/pci/devices is missing";
         if (geteuid() != 0) GTEST_SKIP() << "configuration space past 64 bytes needs root";
-        if (lspci_missing()) GTEST_SKIP() << "lspci is not installed (package pciutils)";
+        if (lw_test::run_program({"lspci", "--version"}).status == 127) GTEST_SKIP() << "lspci is not installed (package pciutils)";
         read = std::make_shared<ReadPCIStd>();
         devices = DetectPCIDevices()(read);
     }
@@ -114,7 +100,7 @@ protected:
 };
 
 TEST_F(RealSysfs, DetectionFindsTheFunctionsLspciLists) {
-    const auto listing = run_fixed_command("lspci -Dn 2>/dev/null");
+    const auto listing = lspci("-Dn");
     ASSERT_TRUE(listing.has_value()) << "lspci -Dn failed";
     std::vector<FunctionIds> expected;
     for (const auto& function : parse_numeric_listing(*listing))
@@ -128,7 +114,7 @@ TEST_F(RealSysfs, DetectionFindsTheFunctionsLspciLists) {
 }
 
 TEST_F(RealSysfs, LinkSpeedAndWidthAgreeWithLspci) {
-    const auto listing = run_fixed_command("lspci -Dvv 2>/dev/null");
+    const auto listing = lspci("-Dvv");
     ASSERT_TRUE(listing.has_value()) << "lspci -Dvv failed";
     const auto links = parse_verbose_listing(*listing);
     ASSERT_FALSE(links.empty());

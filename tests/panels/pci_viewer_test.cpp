@@ -2,9 +2,6 @@
 // lspci on the model (through its sysfs view) and on this machine's own
 // functions; tables decode what the dump holds; writes respect access.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -21,37 +18,12 @@
 #include "panels/pci_viewer.h"
 #include "simulator/platform.h"
 #include "support/case_name.h"
+#include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
-
-extern char** environ;
 
 using nlohmann::json;
 
 namespace {
-
-// Standard output of a program started without a shell; empty when it fails.
-std::string run(std::vector<std::string> args) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return {};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    std::string out;
-    char buffer[8192];
-    for (ssize_t n; pid && (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
-    ::close(fds[0]);
-    int status = 0;
-    if (!pid || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return {};
-    return out;
-}
 
 struct LspciFunction {
     std::vector<unsigned> bytes;        // from -xxxx
@@ -64,7 +36,8 @@ std::map<std::string, LspciFunction> lspci(const std::vector<std::string>& acces
         std::vector<std::string> all = {"lspci"};
         all.insert(all.end(), access.begin(), access.end());
         all.insert(all.end(), args.begin(), args.end());
-        return run(all);
+        const lw_test::ProgramOutput out = lw_test::run_program(all);
+        return out.status == 0 ? out.text : std::string();
     };
     static const std::regex header(R"(^([0-9a-f]{4,}:[0-9a-f]{2}:[0-9a-f]{2}\.[0-7]) )");
     static const std::regex dump(R"(^([0-9a-f]{2,3}):((?: [0-9a-f]{2}){16})$)");

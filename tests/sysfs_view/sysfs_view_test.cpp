@@ -2,9 +2,7 @@
 // make of it, and the product's own sysfs backend run end to end over it.
 // Skipped where FUSE or pciutils are missing.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,48 +28,15 @@
 #include "service/startup_inventory.h"
 #include "simulator/config_space.h"
 #include "simulator/platform.h"
+#include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
-
-extern char** environ;
 
 using nlohmann::json;
 
 namespace {
 
-// Starts a program (no shell) with standard output to out_fd, standard
-// error discarded; 0 when it can't start.
-pid_t spawn(std::vector<std::string> args, int out_fd) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, out_fd, 1);
-    posix_spawn_file_actions_addopen(&actions, out_fd >= 0 ? 2 : 1, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-struct Output {
-    int status = 127;  // exit status; 127: could not run
-    std::string text;  // standard output
-};
-
-Output run(const std::vector<std::string>& args) {
-    Output out;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return out;
-    const pid_t pid = spawn(args, fds[1]);
-    ::close(fds[1]);
-    char buffer[4096];
-    for (ssize_t n; pid && (n = ::read(fds[0], buffer, sizeof(buffer))) > 0;) out.text.append(buffer, n);
-    ::close(fds[0]);
-    int status = 0;
-    if (pid && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) out.status = WEXITSTATUS(status);
-    return out;
-}
+using lw_test::run_program;
+using Output = lw_test::ProgramOutput;
 
 class ModelSysfsView : public ::testing::Test {
 protected:
@@ -83,7 +48,7 @@ protected:
         } catch (const sim::SysfsViewError& error) {
             skip_reason = std::string("FUSE is not usable here: ") + error.what();
         }
-        if (view && run({"lspci", "--version"}).status == 127) skip_reason = "lspci is not installed (package pciutils)";
+        if (view && run_program({"lspci", "--version"}).status == 127) skip_reason = "lspci is not installed (package pciutils)";
     }
     static void TearDownTestSuite() {
         delete view;
@@ -105,7 +70,7 @@ protected:
 
     static Output tool(const std::string& name, std::vector<std::string> args) {
         args.insert(args.begin(), {name, "-A", "linux-sysfs", "-O", "sysfs.path=" + view->pci_path()});
-        return run(args);
+        return run_program(args);
     }
     static unsigned model_read(const PCIDeviceDetails& f, unsigned offset, unsigned width) {
         unsigned value = 0;
@@ -304,7 +269,7 @@ TEST(SysfsViewProcess, SignalsEndItWithTheViewUnmounted) {
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
         const std::string folder = "/tmp/lw-sysfs-process-" + std::to_string(::getpid());
-        const pid_t pid = spawn({LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"}, -1);
+        const pid_t pid = lw_test::spawn_program({LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"}, -1);
         ASSERT_NE(pid, 0);
         // Polls every 20 ms for up to 10 s; false when it ran out.
         auto until = [](auto done) {
