@@ -4,6 +4,7 @@
 #include "result_data/eq_data.h"
 #include "simulator/equalisation_model.h"
 #include "support/case_name.h"
+#include "support/thrown.h"
 
 namespace {
 
@@ -28,12 +29,8 @@ TEST(EqDataFactory, ChipNamesPickTheirReader) {
         EXPECT_TRUE(std::dynamic_pointer_cast<CorvaneEQData>(get_eq_data("P0", die_named(name, true)))) << name;
     for (const char* name : {"Ferrow", "Sabrel Crown", "Hesk32"})
         EXPECT_TRUE(std::dynamic_pointer_cast<C20EQData>(get_eq_data("P0", die_named(name, false)))) << name;
-    try {
-        get_eq_data("P0", die_named("Tamblin1", true));
-        ADD_FAILURE() << "no throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Error in get_eq_data. Did not handle Tamblin1");
-    }
+    EXPECT_EQ(lw_test::thrown_text([] { get_eq_data("P0", die_named("Tamblin1", true)); }),
+              "Error in get_eq_data. Did not handle Tamblin1");
 }
 
 using EqOnModel = ResultDataOnModel;

@@ -7,6 +7,7 @@
 #include "result_data/obfuscate_data.h"
 #include "result_data/static_data.h"
 #include "support/case_name.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -223,12 +224,10 @@ TEST(DataHandlerCreator, RefusalsThrowInsteadOfEndingTheProcess) {
     auto pcie = DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, DUMP_MODE_PLAIN, true);
     EXPECT_THROW(pcie->dump_header(out), std::runtime_error);
     EXPECT_THROW(pcie->dump_4pt_header(out), std::runtime_error);
-    try {
-        DataHandlerCreator::get_data_handler(static_cast<DataHandlerType>(2), DUMP_MODE_PLAIN, false);
-        ADD_FAILURE() << "no throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Unknow data handler passed");
-    }
+    EXPECT_EQ(lw_test::thrown_text([] {
+                  DataHandlerCreator::get_data_handler(static_cast<DataHandlerType>(2), DUMP_MODE_PLAIN, false);
+              }),
+              "Unknow data handler passed");
 }
 
 }  // namespace

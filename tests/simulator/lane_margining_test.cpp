@@ -10,6 +10,7 @@
 
 #include "discovery/pci_capability.h"
 #include "support/model_profile.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -230,14 +231,9 @@ TEST(LaneMargining, BadFaultsAreRefusedNamingTheField) {
          "profile: faults[0].lane: lane 4 is beyond the 4 lanes of 'nvme0'"},
         {R"({"type": "margining_setup_stuck", "port": "slot1", "when": 3})", "profile: faults[0]: unknown field 'when'"},
     };
-    for (const auto& [fault, error] : cases) {
-        try {
-            lw_test::Profile().fault(json::parse(fault)).platform();
-            ADD_FAILURE() << fault;
-        } catch (const sim::ProfileError& e) {
-            EXPECT_EQ(std::string(e.what()), error);
-        }
-    }
+    for (const auto& [fault, error] : cases)
+        EXPECT_EQ(lw_test::thrown_text<sim::ProfileError>([&] { lw_test::Profile().fault(json::parse(fault)).platform(); }),
+                  error);
 }
 
 // A x4 device under a x16 port whose lanes run reversed sits on the port's

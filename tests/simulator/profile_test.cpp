@@ -5,6 +5,7 @@
 #include "simulator/platform.h"
 #include "simulator/profile.h"
 #include "support/case_name.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -95,12 +96,8 @@ class ProfileErrors : public ::testing::TestWithParam<BadProfile> {};
 TEST_P(ProfileErrors, NameTheField) {
     json profile = base_profile();
     GetParam().change(profile);
-    try {
-        sim::parse_profile(profile);
-        FAIL() << "accepted: " << GetParam().name;
-    } catch (const sim::ProfileError& e) {
-        EXPECT_EQ(std::string(e.what()).rfind(GetParam().error, 0), 0u) << e.what();
-    }
+    const std::string error = lw_test::thrown_text<sim::ProfileError>([&] { sim::parse_profile(profile); });
+    EXPECT_EQ(error.rfind(GetParam().error, 0), 0u) << error;
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, ProfileErrors, ::testing::ValuesIn(kBadProfiles), lw_test::by_name);
