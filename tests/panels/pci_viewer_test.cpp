@@ -18,6 +18,7 @@
 #include "panels/pci_viewer.h"
 #include "simulator/platform.h"
 #include "support/case_name.h"
+#include "support/lspci.h"
 #include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
 
@@ -62,12 +63,6 @@ std::map<std::string, LspciFunction> lspci(const std::vector<std::string>& acces
     return functions;
 }
 
-std::string lspci_address(const PCIDeviceDetails& d) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%04x:%02x:%02x.%x", d.segment, d.bus, d.device, d.function);
-    return text;
-}
-
 // Every function the viewer lists has the capabilities (both lists, in
 // order) and the configuration bytes that lspci shows for it.
 void expect_viewer_matches_lspci(const PCIViewer& viewer, const std::vector<PCIDeviceDetails>& devices,
@@ -76,7 +71,7 @@ void expect_viewer_matches_lspci(const PCIViewer& viewer, const std::vector<PCID
     const json list = viewer.device_list();
     ASSERT_EQ(list.size(), devices.size());
     for (const PCIDeviceDetails& d : devices) {
-        const std::string address = lspci_address(d);
+        const std::string address = lw_test::lspci_address(d);
         const auto it = reference.find(address);
         ASSERT_NE(it, reference.end()) << address << " is not listed by lspci";
         const std::string sbdf = sbdf_string(PCIE::Device_ID(d));

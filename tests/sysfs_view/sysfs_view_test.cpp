@@ -28,6 +28,7 @@
 #include "service/startup_inventory.h"
 #include "simulator/config_space.h"
 #include "simulator/platform.h"
+#include "support/lspci.h"
 #include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
 
@@ -97,18 +98,10 @@ protected:
 TEST_F(ModelSysfsView, LspciListsExactlyTheModelsFunctions) {
     const Output out = tool("lspci", {"-D", "-n"});
     ASSERT_EQ(out.status, 0);
-    static const std::regex line(R"(^([0-9a-f]{4}):([0-9a-f]{2}):([0-9a-f]{2})\.([0-7]) [0-9a-f]{4}: ([0-9a-f]{4}):([0-9a-f]{4}))");
-    std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned, unsigned>> listed, expected;
-    std::istringstream in(out.text);
-    for (std::string row; std::getline(in, row);) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_search(row, m, line)) << row;
-        auto hex = [&](int i) { return static_cast<unsigned>(std::stoul(m[i].str(), nullptr, 16)); };
-        listed.emplace_back(hex(1), hex(2), hex(3), hex(4), hex(5), hex(6));
-    }
+    std::vector<lw_test::LspciIds> expected;
     for (const PCIDeviceDetails& f : platform->model().present_functions())
         expected.emplace_back(f.segment, f.bus, f.device, f.function, f.vendor_id, f.device_id);
-    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(lw_test::lspci_ids(out.text), expected) << out.text;
 }
 
 // Every function's link, AER, margining and physical layer capabilities as
@@ -131,8 +124,7 @@ TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem
     };
     unsigned links = 0, margining = 0, at_32 = 0;
     for (const PCIDeviceDetails& f : platform->model().present_functions()) {
-        char name[16];
-        std::snprintf(name, sizeof(name), "%04x:%02x:%02x.%x", f.segment, f.bus, f.device, f.function);
+        const std::string name = lw_test::lspci_address(f);
         SCOPED_TRACE(name);
         ASSERT_TRUE(blocks.count(name));
         const std::string& block = blocks.at(name);
