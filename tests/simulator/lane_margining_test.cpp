@@ -38,7 +38,7 @@ unsigned errors(unsigned status) { return (status >> 8) & 0x3F; }
 class Rig {
 public:
     explicit Rig(const lw_test::Profile& profile = {}, std::optional<uint64_t> seed = std::nullopt)
-        : _platform(sim::make_platform(sim::parse_profile(profile.doc), seed, 1e6)) {}
+        : _platform(profile.platform(1e6, seed)) {}
 
     unsigned status(Target t, unsigned lane) const {
         unsigned value = 0;
@@ -208,7 +208,7 @@ TEST(LaneMargining, FaultsFromTheProfile) {
     const Rig rig(lw_test::Profile()
                       .fault({{"type", "margining_nak"}, {"device", "nvme0"}})
                       .fault({{"type", "margining_setup_stuck"}, {"port", "slot3"}})
-                      .fault({{"type", "margining_silent_lane"}, {"port", "slot1"}, {"lane", 2u}}));
+                      .fault({{"type", "margining_silent_lane"}, {"port", "slot1"}, {"lane", 2}}));
     EXPECT_EQ(rig.send(kNvme, 1, kReport, 0x8A), 6u | kReport << 3 | 32u << 8);  // reports still answered
     EXPECT_EQ(rig.send(kNvme, 1, kTiming, 0) >> 8, kNak << 6);
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -56,8 +57,10 @@ public:
         return *this;
     }
 
-    sim::Platform platform(double time_scale = 1e6) const {
-        return sim::make_platform(sim::parse_profile(doc), std::nullopt, time_scale);
+    // Read back from its text, as a profile file is: numbers written in C++
+    // are signed, the model's loader takes a count only as JSON text gives it.
+    sim::Platform platform(double time_scale = 1e6, std::optional<uint64_t> seed = std::nullopt) const {
+        return sim::make_platform(sim::parse_profile_text(doc.dump()), seed, time_scale);
     }
 
     nlohmann::json doc;
