@@ -84,18 +84,9 @@ protected:
     std::shared_ptr<GatedRunner> runner;
 };
 
-TEST_F(SchedulerTest, StartsEveryQueuedTestThatConflictsWithNothingOnOnePass) {
-    queue(pcie_test("0:3:0.0"));
-    queue(pcie_test("0:4:0.0"));
-    queue(pcie_test("0:5:0.0"));
-    EXPECT_EQ(scheduler.poll_and_start_tests(), 3);
-    const auto lists = snapshot_test_lists(storage);
-    EXPECT_TRUE(lists.queued.empty());
-    EXPECT_EQ(lists.running.size(), 3u);
-}
-
-// A held test names the test it waits for: an older one chosen on the same
-// pass, or one already running; the name goes when it starts.
+// Every test that conflicts with nothing starts on the pass; a held test
+// names the test it waits for: an older one chosen on the same pass, or one
+// already running; the name goes when it starts.
 TEST_F(SchedulerTest, HeldTestsNameWhatTheyWaitFor) {
     queue(pcie_test("0:2:1.0", true, 3, 5));  // 0
     queue(pcie_test("0:2:1.0", true, 3, 5));  // 1: same port as 0
@@ -130,12 +121,6 @@ TEST_F(SchedulerTest, CompletedThreadsAreJoinedOnTheNextPass) {
     EXPECT_EQ(scheduler.poll_and_start_tests(), 0);
     EXPECT_TRUE(storage.test_threads.empty());
     EXPECT_TRUE(storage._test_threads_to_be_joined.empty());
-}
-
-TEST_F(SchedulerTest, TestFolderIsMadeWithoutAShell) {
-    const std::string path = scheduler.create_dir_and_give_path(7);
-    EXPECT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_EQ(std::filesystem::path(path).filename(), "test_7");
 }
 
 // Socket 0's G1 and socket 1's G3 are the two ends of one link: a test on
