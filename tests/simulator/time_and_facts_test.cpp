@@ -10,16 +10,6 @@ namespace {
 
 using namespace std::chrono;
 
-// Time the caller sees moves by exactly what it slept, however long the real
-// wait was (here a millionth of it).
-TEST_F(SimPlatformTest, SleepAdvancesModelTimeByTheNominalAmount) {
-    auto facts = platform.facts();
-    const auto before = facts->now();
-    facts->sleep_for(seconds(10));
-    facts->sleep_for(microseconds(1500));
-    EXPECT_EQ(duration_cast<microseconds>(facts->now() - before), microseconds(10'001'500));
-}
-
 TEST(ModelClock, ThreadsKeepTheirOwnTimeAndNewThreadsStartAtTheFrontier) {
     sim::ModelClock clock(system_clock::time_point(seconds(1'700'000'000)), 1e9);
     clock.sleep_for(seconds(5));
