@@ -5,19 +5,11 @@
 #include <string>
 
 #include "hardware/vex_die_info.h"
+#include "support/thrown.h"
 
 namespace die_test {
 
-// The text of the runtime error a call throws, for comparing fixed texts.
-template <typename F>
-std::string thrown_text(F call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
+using lw_test::thrown_text;
 
 // A die that has a name and nothing else: enough for code that picks by name.
 inline VEX_DIE_INFO named_die(const std::string& name) {

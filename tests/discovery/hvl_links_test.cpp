@@ -12,7 +12,7 @@
 #include "hardware/chips/chip_identity.h"
 #include "hardware/crn_factory.h"
 #include "hardware/register_storage.h"
-#include "simulator/platform.h"
+#include "support/model_profile.h"
 
 namespace {
 
@@ -152,22 +152,10 @@ TEST(HVLPstate, RateOfTheSelectedPstate) {
 // reversed lanes and P1 to P3 at 25 Gb/s; its G0-G2 and P0-P2 carry PCIe.
 class HVLLinksOnModel : public ::testing::Test {
 protected:
-    void SetUp() override {
-        platform.install();
-        CRNFactory::reset();
-        CRNFactory::initalize(platform.read_pci(), platform.write_pci());
-        auto devices = DetectPCIDevices()(platform.read_pci());
-        dies = DetectVEXDies(platform.write_pci())(devices, platform.read_pci());
-        ASSERT_EQ(dies.size(), 2u);
-    }
-    void TearDown() override {
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        set_gfx_accessor_maker(nullptr);
-    }
+    void SetUp() override { ASSERT_EQ(dies.size(), 2u); }
 
-    sim::Platform platform = sim::load_platform("", std::nullopt, 1e6);
-    std::vector<VEX_DIE_INFO> dies;
+    lw_test::BootedModel model;
+    const std::vector<VEX_DIE_INFO>& dies = model.dies;
 };
 
 TEST_F(HVLLinksOnModel, EachSocketsLinksPairWithTheirPartnersAndReadBackTheirRates) {
@@ -198,7 +186,7 @@ TEST_F(HVLLinksOnModel, ReversedLinkReportsItOnEveryLaneOfBothEnds) {
 TEST_F(HVLLinksOnModel, WordSizeMismatchIsReportedAndGivesNoRate) {
     const auto store = make_register_store("Corvane", nullptr);
     const unsigned context = store->get_link_pcs_register("PCS_HVL3X16_PCS_PSTATE_CONTEXT2", "P1", 0)->get_offset();
-    auto accessor = platform.model().die_accessor(0, 0);
+    auto accessor = model.platform->model().die_accessor(0, 0);
     accessor->write32(context, accessor->read32(context) | 0xC0u << 8);  // P-state 1: word size code 3
     testing::internal::CaptureStderr();
     EXPECT_EQ(get_hvl_data_rate(dies[0], "P1", 0), 0.0);

@@ -7,6 +7,7 @@
 #include "discovery/fake_config_space.h"
 #include "discovery/pci_readers.h"
 #include "hardware/chips/pcie_bridge_ids.h"
+#include "support/thrown.h"
 
 namespace {
 
@@ -101,12 +102,8 @@ TEST(FilterPCIDevices, ReadsTheHardwareForEachType) {
     claimed.vendor_id = kOther;
     EXPECT_TRUE(F(F::VEX_DEVICE, space)(claimed));
 
-    try {
-        F(static_cast<F::FilterType>(6), space)(bare);
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Error in FilterPCIDevices::operator()");
-    }
+    EXPECT_EQ(lw_test::thrown_text([&] { F(static_cast<F::FilterType>(6), space)(bare); }),
+              "Error in FilterPCIDevices::operator()");
 }
 
 TEST(FilterPCIVEXExternalBridge, RejectsOnlyInternalPlatformBridges) {

@@ -1,11 +1,9 @@
 // Detection and the link readers over this machine's own configuration
 // space, checked against what lspci reports for the same functions.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -20,46 +18,20 @@
 #include "discovery/pci_detection.h"
 #include "discovery/pci_readers.h"
 #include "hardware/pci_std.h"
+#include "support/lspci.h"
+#include "support/program.h"
 
 namespace {
 
 // Segments the scan covers; lspci may list more (e.g. volume management domains).
 constexpr unsigned int kLastScannedSegment = 7;
 
-using FunctionIds = std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned, unsigned>;  // s b d f vendor device
+using FunctionIds = lw_test::LspciIds;
 
-// The command's standard output; nothing when the shell could not find it.
-std::optional<std::string> run_fixed_command(const char* command) {
-    FILE* pipe = popen(command, "r");
-    if (!pipe) return std::nullopt;
-    std::string output;
-    char buffer[4096];
-    while (size_t n = std::fread(buffer, 1, sizeof(buffer), pipe)) output.append(buffer, n);
-    const int status = pclose(pipe);
-    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
-    return output;
-}
-
-bool lspci_missing() {
-    FILE* pipe = popen("lspci --version >/dev/null 2>&1", "r");
-    if (!pipe) return true;
-    const int status = pclose(pipe);
-    return status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
-}
-
-// "0000:00:03.0 0200: 1af4:1041 (rev 01)" lines of `lspci -Dn`.
-std::vector<FunctionIds> parse_numeric_listing(const std::string& text) {
-    static const std::regex line(
-        R"(^([0-9a-f]+):([0-9a-f]{2}):([0-9a-f]{2})\.([0-7]) [0-9a-f]{4}: ([0-9a-f]{4}):([0-9a-f]{4}))");
-    std::vector<FunctionIds> functions;
-    std::istringstream in(text);
-    for (std::string row; std::getline(in, row);) {
-        std::smatch m;
-        if (!std::regex_search(row, m, line)) continue;
-        auto hex = [&](int i) { return static_cast<unsigned>(std::stoul(m[i].str(), nullptr, 16)); };
-        functions.emplace_back(hex(1), hex(2), hex(3), hex(4), hex(5), hex(6));
-    }
-    return functions;
+// lspci's standard output; nothing when it could not run or failed.
+std::optional<std::string> lspci(const char* option) {
+    const lw_test::ProgramOutput out = lw_test::run_program({"lspci", option});
+    return out.status == 0 ? std::optional(out.text) : std::nullopt;
 }
 
 struct LspciLink {
@@ -92,19 +64,13 @@ std::map<std::string, LspciLink> parse_verbose_listing(const std::string& text) 
     return links;
 }
 
-std::string address_text(const PCIDeviceDetails& device) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%04x:%02x:%02x.%x", device.segment, device.bus, device.device, device.function);
-    return text;
-}
-
 class RealSysfs : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!std::filesystem::is_directory("/sys/bus/pci/devices"))
             GTEST_SKIP() << "/sys/bus/pci/devices is missing";
         if (geteuid() != 0) GTEST_SKIP() << "configuration space past 64 bytes needs root";
-        if (lspci_missing()) GTEST_SKIP() << "lspci is not installed (package pciutils)";
+        if (lw_test::run_program({"lspci", "--version"}).status == 127) GTEST_SKIP() << "lspci is not installed (package pciutils)";
         read = std::make_shared<ReadPCIStd>();
         devices = DetectPCIDevices()(read);
     }
@@ -114,10 +80,10 @@ protected:
 };
 
 TEST_F(RealSysfs, DetectionFindsTheFunctionsLspciLists) {
-    const auto listing = run_fixed_command("lspci -Dn 2>/dev/null");
+    const auto listing = lspci("-Dn");
     ASSERT_TRUE(listing.has_value()) << "lspci -Dn failed";
     std::vector<FunctionIds> expected;
-    for (const auto& function : parse_numeric_listing(*listing))
+    for (const auto& function : lw_test::lspci_ids(*listing))
         if (std::get<0>(function) <= kLastScannedSegment) expected.push_back(function);
     ASSERT_FALSE(expected.empty()) << "lspci listed no function in the scanned segments:\n" << *listing;
 
@@ -128,14 +94,14 @@ TEST_F(RealSysfs, DetectionFindsTheFunctionsLspciLists) {
 }
 
 TEST_F(RealSysfs, LinkSpeedAndWidthAgreeWithLspci) {
-    const auto listing = run_fixed_command("lspci -Dvv 2>/dev/null");
+    const auto listing = lspci("-Dvv");
     ASSERT_TRUE(listing.has_value()) << "lspci -Dvv failed";
     const auto links = parse_verbose_listing(*listing);
     ASSERT_FALSE(links.empty());
 
     int checked = 0;
     for (const auto& device : devices) {
-        const auto entry = links.find(address_text(device));
+        const auto entry = links.find(lw_test::lspci_address(device));
         if (entry == links.end()) continue;  // the first test reports listing mismatches
         const LspciLink& lspci = entry->second;
         SCOPED_TRACE(entry->first);

@@ -6,6 +6,7 @@
 #include "gui/gui_resource_store.h"
 #include "gui/hvl_conflict_check.h"
 #include "gui/test_record_checks.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -29,6 +30,7 @@ struct HvlCase {
     const char* link_b;
     bool conflict;
 };
+LW_PRINT_BY_NAME(HvlCase)
 
 class HVLConflictTable : public ::testing::TestWithParam<HvlCase> {
 protected:
@@ -52,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, HVLConflictTable,
                                            HvlCase{"AnotherLinksPartner", 1, "G0", "G3", false},
                                            HvlCase{"UnwiredLinkItself", 0, "P4", "P4", true},
                                            HvlCase{"UnwiredLinkAgainstAnother", 0, "P4", "G0", false}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         lw_test::by_name);
 
 TEST(HVLConflictCheckTest, RefusesUntilInitialisedWithDies) {
     HVLConflictCheck::reset();

@@ -3,10 +3,8 @@
 // holding up the PCIe list afterwards; and the hVL runner's test output.
 #include <gtest/gtest.h>
 
-#include "gui/gui_hvl_get_device.h"
 #include "gui/gui_hvl_handle_test.h"
 #include "gui/model_machine.h"
-#include "simulator/profile.h"
 
 using nlohmann::json;
 
@@ -14,7 +12,6 @@ namespace {
 
 TEST(HVLDeviceList, ListsBothEndsOfEachLiveLinkWithItsPartner) {
     gui_test::ModelMachine machine;
-    GUIHVLGetDevice::forget_cached_list();
     const json list = GUIHVLGetDevice(machine.store).get_device_list(machine.devices);
     ASSERT_EQ(list.size(), 4u) << list.dump();
     struct End {
@@ -41,26 +38,15 @@ TEST(HVLDeviceList, ListsBothEndsOfEachLiveLinkWithItsPartner) {
         }
         EXPECT_TRUE(found);
     }
-    GUIHVLGetDevice::forget_cached_list();
 }
 
 TEST(HVLDeviceList, OneSocketAnswersNullAndTheLockIsFreeAfterwards) {
-    json profile = json::parse(sim::default_profile_text());
-    profile["sockets"].erase(1);
-    profile["hvl_links"] = json::array();
-    sim::Platform platform = sim::make_platform(sim::parse_profile(profile), std::nullopt, 1e6);
-    platform.install();
-    gui_test::ModelMachine::forget_caches();
-    GUIHVLGetDevice::forget_cached_list();
-    CRNFactory::initalize(platform.read_pci(), platform.write_pci());
-    auto devices = DetectPCIDevices()(platform.read_pci());
-    GUIResourceStore store("/nonexistent");
-    store.store_pcie_device_list(devices, platform.read_pci(), platform.write_pci());
-    EXPECT_TRUE(GUIHVLGetDevice(store).get_device_list(devices).is_null());
-    EXPECT_TRUE(GUIPCIEGetDevice(store).get_device_list(devices).is_array());
-    gui_test::ModelMachine::forget_caches();
-    set_system_facts(nullptr);
-    set_gfx_accessor_maker(nullptr);
+    lw_test::Profile one_socket;
+    one_socket.doc["sockets"].erase(1);
+    one_socket.doc["hvl_links"] = json::array();
+    gui_test::ModelMachine machine(one_socket);
+    EXPECT_TRUE(GUIHVLGetDevice(machine.store).get_device_list(machine.devices).is_null());
+    EXPECT_TRUE(GUIPCIEGetDevice(machine.store).get_device_list(machine.devices).is_array());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "gui/pcie_margin_estimate.h"
 #include "model_machine.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -22,6 +23,7 @@ struct EstimateCase {
     Before before;
     json expected;  // the whole answer, or {"ErrMsg": part of it}
 };
+LW_PRINT_BY_NAME(EstimateCase)
 
 // Per side: a quick pass over every step at 50 ms, the full pass stepping
 // through the lower ones at 10 ms, two full dwells; 80 ms of handshakes per
@@ -73,6 +75,6 @@ TEST_P(Estimate, OfAKnownRecord) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Engine, Estimate, ::testing::ValuesIn(kCases),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         lw_test::by_name);
 
 }  // namespace

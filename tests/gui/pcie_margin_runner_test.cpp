@@ -16,6 +16,7 @@
 #include "margin_pcie/execute_lane_margin_command.h"
 #include "hardware/crn_factory.h"
 #include "simulator/platform.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -40,6 +41,7 @@ struct EndCase {
     bool raw_data;
     const char* reason;
 };
+LW_PRINT_BY_NAME(EndCase)
 
 class RunEnds : public ::testing::TestWithParam<EndCase> {};
 
@@ -85,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                 true,
                 "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured), "
                 "lane 7 (no offset measured)"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST(RunnerFigures, EachFigureIsTheWorstLaneOfItsOwnDirection) {
     const json report = json::array({
@@ -108,6 +110,7 @@ struct ProgressCase {
     double percent;
     json remaining;
 };
+LW_PRINT_BY_NAME(ProgressCase)
 
 class ProgressRecord : public ::testing::TestWithParam<ProgressCase> {};
 
@@ -128,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
         ProgressCase{"NoPlanYetHasNoEstimate", {0, 4, "Voltage Down", 0, 16, std::nullopt, 12}, 0, nullptr},
         ProgressCase{"MoreSidesThanPlannedStaysAtAHundred", {4, 4, "", 20, 16, -1.0, 40}, 100, 0.0},
         ProgressCase{"NoTotalKnown", {0, 0, "", 0, 0, std::nullopt, 1}, 0, nullptr}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 // A whole run on the machine model: queued, started by the scheduler, margined
 // by the engine, archived.
@@ -163,6 +166,19 @@ protected:
             for (const auto& test : fs::directory_iterator(run)) return read_json(test.path() / "output.json");
         return json();
     }
+    // A margin of the NVMe behind the switch at its own receiver.
+    static json nvme_margin(const char* ber, const json& lanes) {
+        return {{"Operation", "PCIe Margin"},
+                {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
+                {"TestParams", {{"BER", ber}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", lanes}}}};
+    }
+    // The test queued alone and run to its end: its archived output.json.
+    json run_alone(json test) {
+        MaxTestScheduler scheduler(storage, store);
+        UpdateTestStorage::add_test_to_queue_list(storage, test);
+        run_to_end(scheduler);
+        return only_output();
+    }
 
     sim::Platform platform = sim::load_platform("", 7, 1e5);
     fs::path root = fresh_folder("runner_model");
@@ -173,14 +189,7 @@ protected:
 };
 
 TEST_F(RunnerOverModel, MarginRunsToCompleteWithTheThreeFilesAndTheProfilesMargins) {
-    MaxTestScheduler scheduler(storage, store);
-    json test = {{"Operation", "PCIe Margin"},
-                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
-                 {"TestParams", {{"BER", "9"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({"0,1"})}}}};
-    UpdateTestStorage::add_test_to_queue_list(storage, test);
-    run_to_end(scheduler);
-
-    const json output = only_output();
+    const json output = run_alone(nvme_margin("9", json::array({"0,1"})));
     ASSERT_TRUE(output.contains("TestOutput")) << output.dump(2);
     const json& result = output["TestOutput"];
     ASSERT_EQ(result["Status"], "complete") << result.dump(2);
@@ -196,14 +205,7 @@ TEST_F(RunnerOverModel, MarginRunsToCompleteWithTheThreeFilesAndTheProfilesMargi
 // Lane 5 of a x4 link: the engine walks it without a single answer, and the
 // test says so instead of archiving its zeros as margins.
 TEST_F(RunnerOverModel, LaneOutsideTheLinkFailsTheTestByName) {
-    MaxTestScheduler scheduler(storage, store);
-    json test = {{"Operation", "PCIe Margin"},
-                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
-                 {"TestParams", {{"BER", "8"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({2, 5})}}}};
-    UpdateTestStorage::add_test_to_queue_list(storage, test);
-    run_to_end(scheduler);
-
-    const json result = only_output()["TestOutput"];
+    const json result = run_alone(nvme_margin("8", json::array({2, 5})))["TestOutput"];
     EXPECT_EQ(result["Status"], "Failed") << result.dump(2);
     EXPECT_EQ(result["FailureReason"],
               "Some lanes could not be margined: lane 5 (error threshold not set; no offset measured)");
@@ -211,15 +213,8 @@ TEST_F(RunnerOverModel, LaneOutsideTheLinkFailsTheTestByName) {
 }
 
 TEST_F(RunnerOverModel, StopRequestEndsTheRunFailedAndStillArchived) {
-    MaxTestScheduler scheduler(storage, store);
     stop.request_stop();
-    json test = {{"Operation", "PCIe Margin"},
-                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
-                 {"TestParams", {{"BER", "12"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({0})}}}};
-    UpdateTestStorage::add_test_to_queue_list(storage, test);
-    run_to_end(scheduler);
-
-    const json result = only_output()["TestOutput"];
+    const json result = run_alone(nvme_margin("12", json::array({0})))["TestOutput"];
     EXPECT_EQ(result["Status"], "Failed") << result.dump(2);
     EXPECT_FALSE(result.value("FailureReason", std::string()).empty());
 }
@@ -230,9 +225,7 @@ TEST_F(RunnerOverModel, StopRequestEndsTheRunFailedAndStillArchived) {
 TEST_F(RunnerOverModel, CancelEndsQueuedAndRunningTestsArchivedCancelled) {
     MaxTestScheduler scheduler(storage, store);
     // 10^-15: each full dwell lasts seconds of real time even at this scale.
-    json test = {{"Operation", "PCIe Margin"},
-                 {"PCIeInfo", {{"SBDF", "0:3:0.0"}, {"DeviceType", "Endpoint"}}},
-                 {"TestParams", {{"BER", "15"}, {"ErrCnt", 4}, {"Receiver", 6}, {"Lanes", json::array({0, 1})}}}};
+    json test = nvme_margin("15", json::array({0, 1}));
     json second = test;
     UpdateTestStorage::add_test_to_queue_list(storage, test);
     UpdateTestStorage::add_test_to_queue_list(storage, second);

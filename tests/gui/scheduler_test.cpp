@@ -13,6 +13,7 @@
 #include "gui/pcie_conflict_check.h"
 #include "gui/test_record_checks.h"
 #include "gui/test_runner.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -83,18 +84,9 @@ protected:
     std::shared_ptr<GatedRunner> runner;
 };
 
-TEST_F(SchedulerTest, StartsEveryQueuedTestThatConflictsWithNothingOnOnePass) {
-    queue(pcie_test("0:3:0.0"));
-    queue(pcie_test("0:4:0.0"));
-    queue(pcie_test("0:5:0.0"));
-    EXPECT_EQ(scheduler.poll_and_start_tests(), 3);
-    const auto lists = snapshot_test_lists(storage);
-    EXPECT_TRUE(lists.queued.empty());
-    EXPECT_EQ(lists.running.size(), 3u);
-}
-
-// A held test names the test it waits for: an older one chosen on the same
-// pass, or one already running; the name goes when it starts.
+// Every test that conflicts with nothing starts on the pass; a held test
+// names the test it waits for: an older one chosen on the same pass, or one
+// already running; the name goes when it starts.
 TEST_F(SchedulerTest, HeldTestsNameWhatTheyWaitFor) {
     queue(pcie_test("0:2:1.0", true, 3, 5));  // 0
     queue(pcie_test("0:2:1.0", true, 3, 5));  // 1: same port as 0
@@ -129,12 +121,6 @@ TEST_F(SchedulerTest, CompletedThreadsAreJoinedOnTheNextPass) {
     EXPECT_EQ(scheduler.poll_and_start_tests(), 0);
     EXPECT_TRUE(storage.test_threads.empty());
     EXPECT_TRUE(storage._test_threads_to_be_joined.empty());
-}
-
-TEST_F(SchedulerTest, TestFolderIsMadeWithoutAShell) {
-    const std::string path = scheduler.create_dir_and_give_path(7);
-    EXPECT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_EQ(std::filesystem::path(path).filename(), "test_7");
 }
 
 // Socket 0's G1 and socket 1's G3 are the two ends of one link: a test on
@@ -202,6 +188,7 @@ struct ConflictCase {
     PCIEConflictCheck::PCIEDevicDetails a, b;
     bool conflict;
 };
+LW_PRINT_BY_NAME(ConflictCase)
 
 class PCIEConflictTable : public ::testing::TestWithParam<ConflictCase> {};
 
@@ -221,7 +208,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ConflictCase{"OtherSegment", {0, 2, 1, 0, true, 3, 5}, {1, 4, 0, 0}, false},
                       ConflictCase{"EndpointPastRange", {0, 2, 1, 0, true, 3, 5}, {0, 6, 0, 0}, false},
                       ConflictCase{"InvertedRangeAddsNothing", {0, 2, 1, 0, true, 5, 3}, {0, 4, 0, 0}, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST(RecordParsing, SbdfAndLanes) {
     const auto address = parse_sbdf("0:c1:0.0");

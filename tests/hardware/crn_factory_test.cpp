@@ -8,6 +8,7 @@
 #include "hardware/crn_factory.h"
 #include "hardware/gfx_accessor_maker.h"
 #include "hardware/fake_pci.h"
+#include "support/thrown.h"
 
 namespace {
 
@@ -41,14 +42,7 @@ VEX_DIE_INFO apu_die(unsigned int die_number, bool cpu_access) {
     return die;
 }
 
-std::string thrown_text(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "";
-}
+using lw_test::thrown_text;
 
 struct MakerCall {
     PCIDeviceDetails function;

@@ -7,6 +7,7 @@
 #include "hardware/crn_accessor_gfx.h"
 #include "hardware/resource_lock.h"
 #include "hardware/fake_pci.h"
+#include "support/thrown.h"
 
 namespace {
 
@@ -97,12 +98,8 @@ TEST_F(GfxFixture, BuilderRefusesOtherClassesAndEmptyRegisterBar) {
     EXPECT_THROW(GetKX800CRNAccessor(function, pci, pci, maker())(), std::runtime_error);
     pci->set(0, 3, 0, 0, 8, 0x12000000);
     pci->set(0, 3, 0, 0, 36, 0);
-    try {
-        GetKX800CRNAccessor(function, pci, pci, maker())();
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Unexpected bar6 value.");
-    }
+    EXPECT_EQ(lw_test::thrown_text([&] { GetKX800CRNAccessor(function, pci, pci, maker())(); }),
+              "Unexpected bar6 value.");
 }
 
 TEST_F(GfxFixture, SixtyFourBitRegisterBarTakesTheUpperHalfFromOffset28) {

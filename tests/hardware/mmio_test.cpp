@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "hardware/test_temp_folder.h"
+#include "support/thrown.h"
 
 namespace {
 
@@ -66,12 +67,7 @@ TEST_F(MMIOTest, PrefersFmemForBothHandlesAndFallsBackToMem) {
 }
 
 TEST_F(MMIOTest, NoPhysicalMemoryThrows) {
-    try {
-        MMIO_lin mmio(fmem(), mem());
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Failed to open /dev/mem with O_SYNC flag");
-    }
+    EXPECT_EQ(lw_test::thrown_text([&] { MMIO_lin mmio(fmem(), mem()); }), "Failed to open /dev/mem with O_SYNC flag");
     EXPECT_THROW(ReadPCIMMIO(0, fmem(), mem()), std::runtime_error);
 }
 
@@ -154,14 +150,7 @@ TEST_F(MMIOTest, UnofferedWidthsThrowTheirTexts) {
         {[&] { mmio.read(0, 0, buffer, 4, true); }, "MMIO_lin::read() Not implemented."},
         {[&] { mmio.write(0, 0, buffer, 4, true); }, "MMIO_lin::write() Not implemented."},
     };
-    for (const auto& [call, text] : cases) {
-        try {
-            call();
-            ADD_FAILURE() << text;
-        } catch (const std::runtime_error& error) {
-            EXPECT_EQ(error.what(), text);
-        }
-    }
+    for (const auto& [call, text] : cases) EXPECT_EQ(lw_test::thrown_text(call), text);
 }
 
 }  // namespace

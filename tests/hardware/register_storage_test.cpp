@@ -11,20 +11,14 @@
 #include "hardware/chips/corvane_registers.h"
 #include "hardware/chips/dellmar_registers.h"
 #include "hardware/register_storage.h"
+#include "support/thrown.h"
 
 namespace {
 
 using chips::RegisterRow;
 using chips::RegisterTable;
 
-std::string thrown_text(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "";
-}
+using lw_test::thrown_text;
 
 // A network of whole dwords that ignores the two low address bits.
 class DwordNetwork : public CRNAccessor {

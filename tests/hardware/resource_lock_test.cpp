@@ -1,4 +1,5 @@
 #include "hardware/resource_lock.h"
+#include "support/thrown.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -19,15 +20,6 @@ int lock_from_other_thread(ResourceLock& locks, const std::string& name) {
     int result = -1;
     std::thread([&] { result = locks.lock(name); }).join();
     return result;
-}
-
-void expect_runtime_error(const std::function<void()>& action, const std::string& text) {
-    try {
-        action();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(error.what(), text);
-    }
 }
 
 bool named_mutex_exists(const std::string& name) {
@@ -58,8 +50,8 @@ TEST(ResourceLock, HeldNameRefusesEveryThreadUntilReleased) {
 
 TEST(ResourceLock, UnlockOfFreeNameThrowsAndReports) {
     testing::internal::CaptureStderr();
-    expect_runtime_error([] { ResourceLock::get_instance()->unlock("test_never_locked"); },
-                         "Error: Calling unlock on a resource that is not locked.");
+    EXPECT_EQ(lw_test::thrown_text([] { ResourceLock::get_instance()->unlock("test_never_locked"); }),
+              "Error: Calling unlock on a resource that is not locked.");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Error: Calling unlock on a resource that is not locked. Resource: test_never_locked\n");
 }
@@ -111,7 +103,7 @@ TEST(ResourceLockIpc, NamedMutexIsRecursivePerThread) {
     ResourceLock locks;
     locks.use_ipc_lock();
 
-    expect_runtime_error([&] { locks.unlock(name); }, "Error: Unlock called without locking.");
+    EXPECT_EQ(lw_test::thrown_text([&] { locks.unlock(name); }), "Error: Unlock called without locking.");
 
     ASSERT_EQ(locks.lock(name), 0);
     EXPECT_EQ(locks.lock(name), 0);
@@ -119,7 +111,7 @@ TEST(ResourceLockIpc, NamedMutexIsRecursivePerThread) {
     EXPECT_EQ(locks.unlock(name), 1);
     EXPECT_NE(lock_from_other_thread(locks, name), 0) << "released after one of two unlocks";
     EXPECT_EQ(locks.unlock(name), 1);
-    expect_runtime_error([&] { locks.unlock(name); }, "Error: Unlock failed.");
+    EXPECT_EQ(lw_test::thrown_text([&] { locks.unlock(name); }), "Error: Unlock failed.");
 
     std::thread([&] {
         EXPECT_EQ(locks.lock(name), 0);
@@ -130,6 +122,5 @@ TEST(ResourceLockIpc, NamedMutexIsRecursivePerThread) {
 }
 
 TEST(ResourceLockIpc, LockerNeedsName) {
-    expect_runtime_error([] { ResourceLocker_boost locker(""); },
-                         "Cannot create locker object without name");
+    EXPECT_EQ(lw_test::thrown_text([] { ResourceLocker_boost locker(""); }), "Cannot create locker object without name");
 }

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "hardware/test_temp_folder.h"
 
@@ -18,25 +19,18 @@ void write_file(const fs::path& path, const std::string& text) {
 
 }  // namespace
 
-struct SignatureCase {
-    uint32_t eax;
-    unsigned family, model, stepping;
-};
-
-class ProcessorSignature : public testing::TestWithParam<SignatureCase> {};
-
-TEST_P(ProcessorSignature, DecodesFamilyModelStepping) {
-    const ProcessorIdentity id = decode_processor_signature(GetParam().eax);
-    EXPECT_EQ(id.family, GetParam().family);
-    EXPECT_EQ(id.model, GetParam().model);
-    EXPECT_EQ(id.stepping, GetParam().stepping);
+TEST(ProcessorSignature, DecodesFamilyModelStepping) {
+    const struct {
+        uint32_t eax;
+        unsigned family, model, stepping;
+    } cases[] = {{0x00800F12, 23, 0x01, 2}, {0x00A20F10, 25, 0x21, 0}, {0x000906EA, 6, 0x9E, 10},
+                 {0x0FF00F00, 15 + 255, 0, 0}};
+    for (const auto& c : cases) {
+        const ProcessorIdentity id = decode_processor_signature(c.eax);
+        EXPECT_EQ(std::tie(id.family, id.model, id.stepping), std::tie(c.family, c.model, c.stepping)) << std::hex
+                                                                                                         << c.eax;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Signatures, ProcessorSignature,
-                         testing::Values(SignatureCase{0x00800F12, 23, 0x01, 2},
-                                         SignatureCase{0x00A20F10, 25, 0x21, 0},
-                                         SignatureCase{0x000906EA, 6, 0x9E, 10},
-                                         SignatureCase{0x0FF00F00, 15 + 255, 0, 0}));
 
 TEST(RealSystemFacts, OsNameIsPrettyNameWithoutQuotes) {
     TestTempFolder temp;

@@ -10,22 +10,15 @@
 
 #include <nlohmann/json.hpp>
 
-#include "discovery/die_detection.h"
 #include "discovery/e32_phy.h"
-#include "discovery/pci_detection.h"
-#include "discovery/port_mapping.h"
 #include "hardware/chips/e32_phy_firmware.h"
-#include "hardware/crn_factory.h"
-#include "hardware/gfx_accessor_maker.h"
 #include "hardware/mcu_message.h"
 #include "hardware/register_storage.h"
-#include "hardware/system_facts.h"
 #include "margin_hvl/corvane_hvl_margin.h"
 #include "margin_hvl/hvl_link_operations.h"
 #include "margin_hvl/hvl_margin_batch.h"
 #include "margin_hvl/hvl_margin_handler.h"
-#include "simulator/platform.h"
-#include "simulator/profile.h"
+#include "support/model_profile.h"
 
 using nlohmann::json;
 
@@ -33,30 +26,17 @@ namespace {
 
 class HvlOnModel : public ::testing::Test {
 protected:
-    void TearDown() override {
-        reset_all_port_data();
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        set_gfx_accessor_maker(nullptr);
-    }
-
     // The default machine with s0.G1's eye and the given faults.
     void boot(const json& faults = json::array(), const json& eye = {{"left", 10}, {"right", 13}, {"top", 20},
                                                                       {"bottom", 17}, {"noise", 0}}) {
-        json profile = json::parse(sim::default_profile_text());
-        profile["hvl_links"][0]["eye"] = eye;
-        profile["hvl_links"][0]["lanes"] = json::array({{{"lane", 5}, {"left", 7}, {"top", 25}}});
-        profile["faults"] = faults;
-        platform = std::make_unique<sim::Platform>(sim::make_platform(sim::parse_profile(profile), std::nullopt, 1e7));
-        platform->install();
-        reset_all_port_data();
-        CRNFactory::reset();
-        CRNFactory::initalize(platform->read_pci(), platform->write_pci());
-        auto devices = DetectPCIDevices()(platform->read_pci());
-        dies = DetectVEXDies(platform->write_pci())(devices, platform->read_pci());
-        ASSERT_EQ(dies.size(), 2u);
-        for (const auto& die : dies)
-            if (die.socket() == 0) die0 = die;
+        lw_test::Profile profile;
+        profile.hvl(0, {{"eye", eye}, {"lanes", {{{"lane", 5}, {"left", 7}, {"top", 25}}}}});
+        profile.doc["faults"] = faults;
+        model.reset();
+        model.emplace(profile, 1e7);
+        ASSERT_EQ(model->dies.size(), 2u);
+        dies = model->dies;
+        die0 = model->die(0);
     }
 
     json run(std::vector<unsigned int> lanes, std::function<bool()> stop = nullptr) {
@@ -82,7 +62,18 @@ protected:
         return commands.read_response();
     }
 
-    std::unique_ptr<sim::Platform> platform;
+    // The lane's receiver back at its trained point and the link's error
+    // counting as before the margin.
+    void expect_restored(unsigned int lane) {
+        EXPECT_EQ(capability(lane, chips::e32::kCapPhaseOffset), 0u);
+        EXPECT_EQ(capability(lane, chips::e32::kCapVoltageOffset), 0u);
+        const auto store = get_register_store(die0);
+        EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_CONTROL1", "G1")->read(), 0x00010000u);
+        EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
+        EXPECT_EQ(store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", lane)->read() & 0x3000u, 0u);
+    }
+
+    std::optional<lw_test::BootedModel> model;
     std::vector<VEX_DIE_INFO> dies;
     VEX_DIE_INFO die0;
 };
@@ -112,16 +103,10 @@ TEST_F(HvlOnModel, FullMarginFindsEachLanesEyeAndRestoresTheReceiver) {
         EXPECT_TRUE(tried_past);
         EXPECT_TRUE(lane.at("RxEqValid").get<bool>());
         EXPECT_EQ(lane.at("PhyFwVersion"), "2.1.4");
-        // Restore path, read back from the model.
-        EXPECT_EQ(capability(e.lane, chips::e32::kCapPhaseOffset), 0u);
-        EXPECT_EQ(capability(e.lane, chips::e32::kCapVoltageOffset), 0u);
+        expect_restored(e.lane);
         EXPECT_GE(capability(e.lane, chips::e32::kCapCdrCount), 4u);
     }
-    const auto store = get_register_store(die0);
-    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_CONTROL1", "G1")->read(), 0x00010000u);
-    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
-    EXPECT_EQ(store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", 0)->read() & 0x3000u, 0u);
-    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_STATE_HIST1", "G1")->read() & 0xFFu, 0x81u);
+    EXPECT_EQ(get_register_store(die0)->get_link_register("PCS_HVL3X16_PCS_STATE_HIST1", "G1")->read() & 0xFFu, 0x81u);
 }
 
 // The walk that follows the scan: a plain walk-back at a 50 ms dwell and on
@@ -239,10 +224,7 @@ TEST_F(HvlOnModel, FaultsEndTheLaneCleanly) {
             EXPECT_EQ(lane.at("ErrorMsg"), c.reason);
             EXPECT_EQ(results.size(), 1u) << "the job ends at the failed lane";
         }
-        EXPECT_EQ(capability(0, chips::e32::kCapPhaseOffset), 0u);
-        EXPECT_EQ(capability(0, chips::e32::kCapVoltageOffset), 0u);
-        const auto store = get_register_store(die0);
-        EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
+        expect_restored(0);
     }
 }
 
@@ -253,9 +235,7 @@ TEST_F(HvlOnModel, AGrantThatNeverComesEndsWhenTheTestIsStopped) {
     const json results = run({0}, [&asked] { return ++asked > 50; });
     ASSERT_EQ(results.size(), 1u);
     EXPECT_EQ(results.at(0).at("ErrorMsg"), "Override grant never came for lane 0 of link G1");
-    EXPECT_EQ(get_register_store(die0)->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", 0)->read() &
-                  0x1000u,
-              0u);
+    expect_restored(0);
 }
 
 TEST_F(HvlOnModel, AStopDuringTheWalkRestoresTheLane) {
@@ -264,12 +244,7 @@ TEST_F(HvlOnModel, AStopDuringTheWalkRestoresTheLane) {
     const json results = run({0, 1}, [&asked] { return ++asked > 30; });
     ASSERT_EQ(results.size(), 1u);
     EXPECT_EQ(results.at(0).at("ErrorMsg"), "Cancelled by the user");
-    EXPECT_EQ(capability(0, chips::e32::kCapPhaseOffset), 0u);
-    EXPECT_EQ(capability(0, chips::e32::kCapVoltageOffset), 0u);
-    const auto store = get_register_store(die0);
-    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_CONTROL1", "G1")->read(), 0x00010000u);
-    EXPECT_EQ(store->get_link_register("PCS_HVL3X16_PCS_ERROR_MASK", "G1")->read() & 0x40u, 0u);
-    EXPECT_EQ(store->get_lane_register("UPI2_DECODE_32_LANE_InjectionReadback", "G1", 0)->read() & 0x1000u, 0u);
+    expect_restored(0);
 }
 
 TEST_F(HvlOnModel, MailboxMessagesChangeTheControllersStateOrFailCleanly) {
@@ -284,14 +259,14 @@ TEST_F(HvlOnModel, MailboxMessagesChangeTheControllersStateOrFailCleanly) {
     EXPECT_FALSE(get_mcu_message(die0)->TestMsg(61, std::vector<unsigned int>(7, 1), none, 10, true))
         << "more arguments than the mailbox takes";
 
-    VEX_DIE_INFO die1 = dies[0].socket() == 1 ? dies[0] : dies[1];
+    const VEX_DIE_INFO& die1 = model->die(1);
     EXPECT_FALSE(disable_power_states_for_hvl(die1, error));
     EXPECT_NE(error.find("TestMsg 61 was not answered"), std::string::npos) << error;
 }
 
 TEST_F(HvlOnModel, BothEndsOfALinkRunInDifferentGroupsAndTheBatchWritesItsReports) {
     boot();
-    const VEX_DIE_INFO die1 = dies[0].socket() == 1 ? dies[0] : dies[1];
+    const VEX_DIE_INFO& die1 = model->die(1);
     const DIELinkLanes g1{die0, "G1", {0}}, g3{die1, "G3", {0}}, p1{die0, "P1", {0}};
     struct Case {
         const char* name;

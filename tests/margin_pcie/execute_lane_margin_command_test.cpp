@@ -6,6 +6,7 @@
 #include "hardware/fake_pci.h"
 #include "hardware/fake_system_facts.h"
 #include "margin_pcie/execute_lane_margin_command.h"
+#include "support/case_name.h"
 
 using PCIE::ExecuteLaneMarginCmd;
 using Cmd = ExecuteLaneMarginCmd;
@@ -72,7 +73,7 @@ struct Written {
     std::vector<unsigned> dwords;
     long long sleep_ms;
 };
-void PrintTo(const Written& c, std::ostream* os) { *os << c.name; }
+LW_PRINT_BY_NAME(Written)
 
 class CommandDwords : public ScriptedLane, public ::testing::WithParamInterface<Written> {};
 
@@ -128,7 +129,7 @@ INSTANTIATE_TEST_SUITE_P(
                 [](const Cmd& c, std::string& e) { return c.send_volt_margin_cmd(7, status_out, errors_out, e); },
                 {0x0726}, 10},
         Written{"NoCommand", [](const Cmd& c, std::string& e) { return c.send_no_command(e); }, {0x9C38}, 20}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST_F(ScriptedLane, LaneRegisterFollowsTheCapabilityOrStartsAtZeroWithoutIt) {
     EXPECT_EQ(cmd.lane_register(), kLaneRegister);

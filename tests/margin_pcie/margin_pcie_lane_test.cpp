@@ -5,6 +5,7 @@
 
 #include "margin_pcie/fake_margin_receiver.h"
 #include "margin_pcie/margin_pcie_lane.h"
+#include "support/case_name.h"
 
 using namespace PCIE;
 
@@ -82,7 +83,7 @@ struct RangeCase {
     std::vector<unsigned> visited, passed;
     unsigned flag;
 };
-void PrintTo(const RangeCase& c, std::ostream* os) { *os << c.name; }
+LW_PRINT_BY_NAME(RangeCase)
 
 class WalkRange : public LaneWalk, public ::testing::WithParamInterface<RangeCase> {};
 
@@ -114,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
         RangeCase{"VoltageBothFromStart", Kind::Voltage, Mode::BothSides, DIRECTION_BOTH, 4, 10, range(4, 9),
                   range(4, 9), 0},
         RangeCase{"StartBeyondEnd", Kind::Voltage, Mode::OneSide, DIRECTION_POSITIVE, 12, 10, range(0, 10), {}, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 struct JudgeCase {
     const char* name;
@@ -126,7 +127,7 @@ struct JudgeCase {
     std::map<unsigned, unsigned> errors;
     std::string err;
 };
-void PrintTo(const JudgeCase& c, std::ostream* os) { *os << c.name; }
+LW_PRINT_BY_NAME(JudgeCase)
 
 class WalkJudge : public LaneWalk, public ::testing::WithParamInterface<JudgeCase> {};
 
@@ -163,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(
         JudgeCase{"NakEmptiesThePasses", Kind::Timing, nak_answer, WALK_BROKEN, WALK_NAK, 0, {}, {}, "NAK received"},
         JudgeCase{"NakEmptiesThePassesVoltage", Kind::Voltage, nak_answer, WALK_BROKEN, WALK_NAK, 0, {}, {},
                   "NAK received. "}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST_F(LaneWalk, SetupThatOutlastsFourPollsFailsTheWalk) {
     // Dwell 0: polls fall 10, 20, 30 and 40 ms after the step.

@@ -6,6 +6,7 @@
 
 #include "margin_pcie/margin_console.h"
 #include "margin_pcie/margin_report_json.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 using namespace PCIE;
@@ -44,12 +45,8 @@ TEST(MarginReportJson, TextsGoInFrontAndErrorMapsSortByOffsetThenDwell) {
     EXPECT_EQ(lane["SpeedEnd"], "16 GT/s");
     EXPECT_FALSE(lane.contains("SpeedStart"));
 
-    try {
-        dump.dump_margin_capabilities(3, MarginCapabilities{}, lane);
-        ADD_FAILURE() << "another lane's object was accepted";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Lane ID is not matching in DumpPCIEMarginDataToJSON::dump_margin_capabilities.");
-    }
+    EXPECT_EQ(lw_test::thrown_text([&] { dump.dump_margin_capabilities(3, MarginCapabilities{}, lane); }),
+              "Lane ID is not matching in DumpPCIEMarginDataToJSON::dump_margin_capabilities.");
 }
 
 TEST(MarginConsole, PrintsOnlyWhenEnabledAndOnlyTheRightLane) {
@@ -75,14 +72,8 @@ TEST(MarginConsole, PrintsOnlyWhenEnabledAndOnlyTheRightLane) {
         const char* error;
     } refused[] = {{json{{"LaneSerialID", 2}}, "Lane ID is not matching in DumpPCIEMarginDataToConsole::operator."},
                    {json::object(), "Lane ID not found in DumpPCIEMarginDataToConsole::operator."}};
-    for (const auto& r : refused) {
-        try {
-            console(DUMP_ERROR_MSG, r.data, 1, out);
-            ADD_FAILURE() << r.error;
-        } catch (const std::runtime_error& error) {
-            EXPECT_STREQ(error.what(), r.error);
-        }
-    }
+    for (const auto& r : refused)
+        EXPECT_EQ(lw_test::thrown_text([&] { console(DUMP_ERROR_MSG, r.data, 1, out); }), r.error);
 }
 
 }  // namespace

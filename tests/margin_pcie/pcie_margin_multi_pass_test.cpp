@@ -8,15 +8,9 @@
 #include <mutex>
 #include <set>
 
-#include "discovery/die_detection.h"
 #include "discovery/pci_capability.h"
-#include "discovery/pci_detection.h"
-#include "discovery/port_mapping.h"
-#include "hardware/crn_factory.h"
-#include "hardware/gfx_accessor_maker.h"
-#include "hardware/system_facts.h"
 #include "margin_pcie/pcie_margin_multi_pass.h"
-#include "simulator/platform.h"
+#include "support/model_profile.h"
 
 using nlohmann::json;
 using PCIE::PCIEMarginMultiPass;
@@ -29,13 +23,11 @@ namespace {
 constexpr unsigned kBus = 0x41, kReceiver = 6, kLanes = 16;
 constexpr double kTimingStepUI = 40.0 / 32 / 100, kVoltageStepV = 150.0 / 64 / 1000;
 
-json nic_profile(unsigned max_lanes, bool ind_error_sampler) {
-    json p = json::parse(sim::default_profile_text());
-    json& nic = p["sockets"][0]["root_complexes"][1]["root_ports"][0]["child"];
-    nic["margining"]["max_lanes"] = max_lanes;
-    nic["margining"]["ind_error_sampler"] = ind_error_sampler;
-    nic["margining"]["eye"]["noise"] = 0;  // edges exactly as the profile gives them
-    return p;
+// Noise 0: edges exactly as the profile gives them.
+lw_test::Profile nic_profile(unsigned max_lanes, bool ind_error_sampler) {
+    return lw_test::Profile().margining("nic-400g", {{"max_lanes", max_lanes},
+                                                     {"ind_error_sampler", ind_error_sampler},
+                                                     {"eye", {{"noise", 0}}}});
 }
 
 // The profile's eye of one lane of the NIC: timing in UI, voltage in V.
@@ -151,21 +143,14 @@ private:
 
 class OverModel : public ::testing::Test {
 protected:
-    void load(const json& profile) {
-        platform = std::make_unique<sim::Platform>(sim::make_platform(sim::parse_profile(profile), std::nullopt, 1e6));
-        platform->install();
-        reset_all_port_data();
-        access.read = platform->read_pci();
-        access.write = platform->write_pci();
+    void load(const lw_test::Profile& profile) {
+        model.reset();
+        model.emplace(profile);
+        access.read = model->read();
+        access.write = model->write();
         std::string ignored;
         PCIE::DetectThisPCIEExtendedCapability(PCIE::Device_ID(0, kBus, 0, 0), *access.read)
             .detect(PCIE::LANE_MARGINING_AT_RECEIVER, capability, ignored);
-    }
-    void TearDown() override {
-        reset_all_port_data();
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        set_gfx_accessor_maker(nullptr);
     }
     PCIEMarginMultiPass::InitParams params(unsigned dwell = 1000) const {
         PCIEMarginMultiPass::InitParams p;
@@ -187,7 +172,7 @@ protected:
         return out._margin_payload;
     }
 
-    std::unique_ptr<sim::Platform> platform;
+    std::optional<lw_test::BootedModel> model;
     PCIE::MarginEngineAccess access;
     unsigned capability = 0;
 };
@@ -325,30 +310,25 @@ TEST_F(OverModel, StopEndsTheRunWithEveryLaneAtNormalSettings) {
     // A lane left margining keeps sampling; one at normal settings with its
     // log cleared has sampled nothing.
     for (unsigned lane = 0; lane < kLanes; ++lane) sample_count(lane);
-    platform->model().clock().sleep_for(std::chrono::seconds(1));
+    model->platform->model().clock().sleep_for(std::chrono::seconds(1));
     for (unsigned lane = 0; lane < kLanes; ++lane) EXPECT_EQ(sample_count(lane), 0u) << "lane " << lane;
 }
 
 TEST_F(OverModel, PreCheckFailuresEndTheRunWithTheirReason) {
     struct Case {
         const char* what;
-        const char* field;
-        json value;
+        void (*change)(json& nic);
         std::string reason;
     };
     const Case cases[] = {
-        {"link at 8 GT/s", "speed", 8, "PCIe device speed is lower than 16 GT/s"},
-        {"no margining capability", "capabilities", json{{"lane_margining", false}},
+        {"link at 8 GT/s", [](json& nic) { nic["speed"] = 8; }, "PCIe device speed is lower than 16 GT/s"},
+        {"no margining capability", [](json& nic) { nic["functions"][0]["capabilities"] = {{"lane_margining", false}}; },
          ". PCIe device lacking Lane Margining feature Capability."},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        json profile = nic_profile(31, true);
-        json& nic = profile["sockets"][0]["root_complexes"][1]["root_ports"][0]["child"];
-        if (std::string(c.field) == "speed")
-            nic["speed"] = c.value;
-        else
-            nic["functions"][0]["capabilities"] = c.value;
+        lw_test::Profile profile = nic_profile(31, true);
+        c.change(profile.at("nic-400g"));
         load(profile);
         json results = json::array();
         EXPECT_FALSE(run(params(), results));
@@ -363,14 +343,7 @@ TEST_F(OverModel, PreCheckFailuresEndTheRunWithTheirReason) {
 TEST_F(OverModel, MappedPortTakesItsLanesFromThePortMapAndCarriesItsSilicon) {
     // slot3: the 32 GT/s x16 root port of socket 0 on SerDes link P2, whose
     // core lanes reach the link reversed.
-    json profile = nic_profile(31, true);
-    json& slot3 = profile["sockets"][0]["root_complexes"][1]["root_ports"][0];
-    slot3["margining"]["eye"]["noise"] = 0;
-    load(profile);
-    CRNFactory::reset();
-    CRNFactory::initalize(access.read, access.write);
-    auto devices = DetectPCIDevices()(access.read);
-    const auto dies = DetectVEXDies(access.write)(devices, access.read);
+    load(nic_profile(31, true).margining("slot3", {{"eye", {{"noise", 0}}}}));
 
     PCIEMarginMultiPass::InitParams p;
     p.bus = 0x40;
@@ -379,7 +352,7 @@ TEST_F(OverModel, MappedPortTakesItsLanesFromThePortMapAndCarriesItsSilicon) {
     p.dwell_time = 200;
     PCIE::DumpPCIEMarginDataToConsole console(false);
     json results = json::array();
-    ASSERT_TRUE(PCIEMarginMultiPass(devices, dies, p, console, access).margin(results, 1)) << results.dump(2);
+    ASSERT_TRUE(PCIEMarginMultiPass(model->devices, model->dies, p, console, access).margin(results, 1)) << results.dump(2);
     ASSERT_EQ(results.size(), kLanes);
     for (unsigned position = 0; position < kLanes; ++position) {
         const json& lane = results[position];

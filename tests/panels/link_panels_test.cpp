@@ -9,50 +9,22 @@
 #include "discovery/ltssm_state.h"
 #include "discovery/pci_detection.h"
 #include "discovery/pcie_core_info.h"
-#include "gui/gui_resource_store.h"
+#include "gui/model_machine.h"
 #include "hardware/chips/server_registers.h"
 #include "hardware/crn_factory.h"
 #include "hardware/os_specific.h"
 #include "panels/pcie_link_control_gui_interface.h"
 #include "panels/pcie_port_status_gui_interface.h"
-#include "simulator/platform.h"
-#include "simulator/profile.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
 namespace {
 
-sim::Profile faulty_profile() {
-    json document = json::parse(sim::default_profile_text());
-    document["faults"] = json::array({
-        {{"type", "link_speed_fail"}, {"device", "accelerator"}, {"speed", 32}},
-        {{"type", "link_aer_errors"}, {"device", "nvme1"}, {"every", 2}, {"error", "receiver"}},
-        {{"type", "link_no_return"}, {"device", "raid"}, {"return_ms", 60000}},
-        {{"type", "link_flap"}, {"device", "nvme0"}, {"period_ms", 30}},
-    });
-    return sim::parse_profile_text(document.dump());
-}
-
 class LinkPanels : public ::testing::Test {
 protected:
-    LinkPanels() {
-        platform.install();
-        forget();
-        CRNFactory::initalize(read, write);
-        devices = DetectPCIDevices()(read);
-        store.store_pcie_device_list(devices, read, write);
-        machine = PanelMachine{devices, store.get_die_list(), read, write};
-        ports = detect_link_ports(machine, get_all_port_data(machine.dies, devices, read));
-        std::filesystem::remove_all(reports);
-    }
-    ~LinkPanels() override {
-        forget();
-        std::filesystem::remove_all(reports);
-    }
-    static void forget() {
-        reset_all_port_data();
-        CRNFactory::reset();
-    }
+    LinkPanels() { std::filesystem::remove_all(reports); }
+    ~LinkPanels() override { std::filesystem::remove_all(reports); }
     PanelMachineSource source() {
         return [this]() -> std::optional<PanelMachine> { return machine; };
     }
@@ -84,13 +56,16 @@ protected:
                                                                        chips::server_io::kCoreLinkReconfigureOffset);
     }
 
-    sim::Platform platform = sim::make_platform(faulty_profile(), std::nullopt, 1e6);
-    std::shared_ptr<ReadPCI> read = platform.read_pci();
-    std::shared_ptr<WritePCI> write = platform.write_pci();
-    GUIResourceStore store{"/nonexistent"};
-    std::vector<PCIDeviceDetails> devices;
-    PanelMachine machine;
-    std::vector<LinkPort> ports;
+    gui_test::ModelMachine model{
+        lw_test::Profile()
+            .fault({{"type", "link_speed_fail"}, {"device", "accelerator"}, {"speed", 32}})
+            .fault({{"type", "link_aer_errors"}, {"device", "nvme1"}, {"every", 2}, {"error", "receiver"}})
+            .fault({{"type", "link_no_return"}, {"device", "raid"}, {"return_ms", 60000}})
+            .fault({{"type", "link_flap"}, {"device", "nvme0"}, {"period_ms", 30}})};
+    std::shared_ptr<ReadPCI> read = model.read;
+    std::shared_ptr<WritePCI> write = model.write;
+    PanelMachine machine{model.devices, model.store.get_die_list(), read, write};
+    std::vector<LinkPort> ports = detect_link_ports(machine, get_all_port_data(machine.dies, model.devices, read));
     // One folder per process: ctest runs cases side by side.
     std::string reports =
         (std::filesystem::temp_directory_path() / ("links_panel_reports_" + std::to_string(::getpid()))).string();
@@ -210,6 +185,7 @@ struct LoopCase {
     const char* count_key;  // a failure cause that must be counted, or ""
     const char* log_text;   // a text the run's log must hold
 };
+LW_PRINT_BY_NAME(LoopCase)
 
 class LinkStressLoops : public LinkPanels, public ::testing::WithParamInterface<LoopCase> {};
 
@@ -262,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(
         LoopCase{"DeviceNeverReturnsEndsAtMaxWait", 0xC0, 2, 1, 20, false, 7, 9, 1, true, "maxWaitFail",
                  "hit MaxWait Time"},
         LoopCase{"UnfitLinkIsRefused", 0x80, 1, 0, 5, false, 0, 0, 0, false, "", "not Enabled with Max Speed:32 GT/s"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 TEST_F(LinkPanels, StopEndsAnEndlessRunAndTwoRunsNeverShareAPort) {
     PCIEPortStatusGUIInterface panel(source(), reports);

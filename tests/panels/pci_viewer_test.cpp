@@ -2,9 +2,6 @@
 // lspci on the model (through its sysfs view) and on this machine's own
 // functions; tables decode what the dump holds; writes respect access.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -20,37 +17,14 @@
 #include "panels/pci_device.h"
 #include "panels/pci_viewer.h"
 #include "simulator/platform.h"
+#include "support/case_name.h"
+#include "support/lspci.h"
+#include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
-
-extern char** environ;
 
 using nlohmann::json;
 
 namespace {
-
-// Standard output of a program started without a shell; empty when it fails.
-std::string run(std::vector<std::string> args) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return {};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    std::string out;
-    char buffer[8192];
-    for (ssize_t n; pid && (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
-    ::close(fds[0]);
-    int status = 0;
-    if (!pid || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return {};
-    return out;
-}
 
 struct LspciFunction {
     std::vector<unsigned> bytes;        // from -xxxx
@@ -63,7 +37,8 @@ std::map<std::string, LspciFunction> lspci(const std::vector<std::string>& acces
         std::vector<std::string> all = {"lspci"};
         all.insert(all.end(), access.begin(), access.end());
         all.insert(all.end(), args.begin(), args.end());
-        return run(all);
+        const lw_test::ProgramOutput out = lw_test::run_program(all);
+        return out.status == 0 ? out.text : std::string();
     };
     static const std::regex header(R"(^([0-9a-f]{4,}:[0-9a-f]{2}:[0-9a-f]{2}\.[0-7]) )");
     static const std::regex dump(R"(^([0-9a-f]{2,3}):((?: [0-9a-f]{2}){16})$)");
@@ -88,12 +63,6 @@ std::map<std::string, LspciFunction> lspci(const std::vector<std::string>& acces
     return functions;
 }
 
-std::string lspci_address(const PCIDeviceDetails& d) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%04x:%02x:%02x.%x", d.segment, d.bus, d.device, d.function);
-    return text;
-}
-
 // Every function the viewer lists has the capabilities (both lists, in
 // order) and the configuration bytes that lspci shows for it.
 void expect_viewer_matches_lspci(const PCIViewer& viewer, const std::vector<PCIDeviceDetails>& devices,
@@ -102,7 +71,7 @@ void expect_viewer_matches_lspci(const PCIViewer& viewer, const std::vector<PCID
     const json list = viewer.device_list();
     ASSERT_EQ(list.size(), devices.size());
     for (const PCIDeviceDetails& d : devices) {
-        const std::string address = lspci_address(d);
+        const std::string address = lw_test::lspci_address(d);
         const auto it = reference.find(address);
         ASSERT_NE(it, reference.end()) << address << " is not listed by lspci";
         const std::string sbdf = sbdf_string(PCIE::Device_ID(d));
@@ -217,6 +186,7 @@ struct WriteCase {
     const char* answer_starts;  // "success" or the beginning of the refusal
     bool changes;
 };
+LW_PRINT_BY_NAME(WriteCase)
 
 class ModelViewerWrite : public ModelViewer, public ::testing::WithParamInterface<WriteCase> {};
 
@@ -253,6 +223,6 @@ INSTANTIATE_TEST_SUITE_P(
         WriteCase{"TooWide", "PCIE_CAP", "DEVICE_CNTL", "MAX_PAYLOAD_SIZE", "0x8", "\"value\" must be a number", false},
         WriteCase{"UnknownRegister", "PMI_CAP", "NOPE", "X", "0x1", "\"PMI_CAP\" has no register", false},
         WriteCase{"StructureAbsent", "MSI_CAP", "MSI_MSG_CNTL", "MSI_EN", "0x1", "Function 0:41:0.0 has no structure", false}),
-    [](const ::testing::TestParamInfo<WriteCase>& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 }  // namespace

@@ -3,24 +3,19 @@
 #include "model_fixture.h"
 #include "result_data/eq_data.h"
 #include "simulator/equalisation_model.h"
+#include "support/case_name.h"
+#include "support/thrown.h"
 
 namespace {
 
-struct PresetCase {
-    unsigned pre, post;
-    const char* preset;
-};
-
-class PresetTable : public ::testing::TestWithParam<PresetCase> {};
-
-TEST_P(PresetTable, CoefficientsNameTheirPreset) {
-    EXPECT_EQ(preset_from_coefficients(GetParam().pre, GetParam().post), GetParam().preset);
+TEST(PresetTable, CoefficientsNameTheirPreset) {
+    const struct {
+        unsigned pre, post;
+        const char* preset;
+    } cases[] = {{0, 12, "P0"}, {0, 6, "P3"}, {0, 0, "P4"}, {4, 10, "P7"},
+                 {6, 6, "P8"},  {8, 0, "P9"}, {8, 8, "P10"}, {12, 0, "P10"}};
+    for (const auto& c : cases) EXPECT_EQ(preset_from_coefficients(c.pre, c.post), c.preset) << c.pre << "/" << c.post;
 }
-
-INSTANTIATE_TEST_SUITE_P(Pairs, PresetTable,
-                         ::testing::Values(PresetCase{0, 12, "P0"}, PresetCase{0, 6, "P3"}, PresetCase{0, 0, "P4"},
-                                           PresetCase{4, 10, "P7"}, PresetCase{6, 6, "P8"}, PresetCase{8, 0, "P9"},
-                                           PresetCase{8, 8, "P10"}, PresetCase{12, 0, "P10"}));
 
 VEX_DIE_INFO die_named(const std::string& name, bool cpu) {
     VEX_DIE_INFO die;
@@ -34,48 +29,48 @@ TEST(EqDataFactory, ChipNamesPickTheirReader) {
         EXPECT_TRUE(std::dynamic_pointer_cast<CorvaneEQData>(get_eq_data("P0", die_named(name, true)))) << name;
     for (const char* name : {"Ferrow", "Sabrel Crown", "Hesk32"})
         EXPECT_TRUE(std::dynamic_pointer_cast<C20EQData>(get_eq_data("P0", die_named(name, false)))) << name;
-    try {
-        get_eq_data("P0", die_named("Tamblin1", true));
-        ADD_FAILURE() << "no throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Error in get_eq_data. Did not handle Tamblin1");
-    }
+    EXPECT_EQ(lw_test::thrown_text([] { get_eq_data("P0", die_named("Tamblin1", true)); }),
+              "Error in get_eq_data. Did not handle Tamblin1");
 }
 
 using EqOnModel = ResultDataOnModel;
 
 struct PhyLane {
+    const char* name;
     unsigned socket;
     const char* link;
     unsigned lane;
     bool readable;  // links without a PCS have no coefficient copy to check against
 };
+LW_PRINT_BY_NAME(PhyLane)
 
 class TxEqLocalOnModel : public ResultDataOnModel, public ::testing::WithParamInterface<PhyLane> {};
 
 TEST_P(TxEqLocalOnModel, ReadsTheCoefficientsTheModelPresents) {
     const PhyLane& c = GetParam();
-    const TxEq tx = get_eq_data(c.link, dies.at(c.socket))->get_tx_eq_local(c.lane);
+    const TxEq tx = get_eq_data(c.link, model->dies.at(c.socket))->get_tx_eq_local(c.lane);
     if (!c.readable) {
         EXPECT_EQ(tx.valid, 0u);
         return;
     }
-    const auto model = sim::model_phy_lane_eq(platform->model().noise(), c.socket, c.link, c.lane);
+    const auto eq = sim::model_phy_lane_eq(model->platform->model().noise(), c.socket, c.link, c.lane);
     EXPECT_EQ(tx.valid, 1u);
-    EXPECT_EQ(tx.pre, model.pre);
-    EXPECT_EQ(tx.post, model.post);
-    EXPECT_EQ(tx.preset, preset_from_coefficients(model.pre, model.post));
+    EXPECT_EQ(tx.pre, eq.pre);
+    EXPECT_EQ(tx.post, eq.post);
+    EXPECT_EQ(tx.preset, preset_from_coefficients(eq.pre, eq.post));
     EXPECT_EQ(tx.matched, 1u);
-    EXPECT_EQ(tx.main, static_cast<int32_t>(model.main));
+    EXPECT_EQ(tx.main, static_cast<int32_t>(eq.main));
 }
 
 INSTANTIATE_TEST_SUITE_P(Lanes, TxEqLocalOnModel,
-                         ::testing::Values(PhyLane{0, "G0", 0, true}, PhyLane{0, "G1", 13, true},
-                                           PhyLane{1, "P3", 6, true}, PhyLane{1, "P5", 7, true},
-                                           PhyLane{0, "P4", 2, false}));
+                         ::testing::Values(PhyLane{"S0G0Lane0", 0, "G0", 0, true},
+                                           PhyLane{"S0G1Lane13", 0, "G1", 13, true},
+                                           PhyLane{"S1P3Lane6", 1, "P3", 6, true}, PhyLane{"S1P5Lane7", 1, "P5", 7, true},
+                                           PhyLane{"S0P4WithoutPcs", 0, "P4", 2, false}),
+                         lw_test::by_name);
 
 TEST_F(EqOnModel, ReceiverRecordIsNotValidWithoutTheFirmwareRecord) {
-    EXPECT_EQ(get_eq_data("G0", dies[0])->get_rx_eq(0).to_json(), nlohmann::json({{"RxEqValid", false}}));
+    EXPECT_EQ(get_eq_data("G0", model->dies[0])->get_rx_eq(0).to_json(), nlohmann::json({{"RxEqValid", false}}));
 }
 
 // Socket 0's first root port (PCIe core PCIE0_nbio0, port 0) with its lanes
@@ -83,11 +78,9 @@ TEST_F(EqOnModel, ReceiverRecordIsNotValidWithoutTheFirmwareRecord) {
 class PortTxEqOnModel : public ResultDataOnModel {
 protected:
     void SetUp() override {
-        auto profile = default_profile();
-        profile["sockets"][0]["root_complexes"][0]["root_ports"][0]["lane_reversal"] = true;
-        boot(profile);
-        ports = get_all_port_data(dies, devices, platform->read_pci());
-        for (const PortMap& row : ports.at(dies[0]))
+        boot(lw_test::Profile().set("slot1", {{"lane_reversal", true}}));
+        ports = get_all_port_data(model->dies, model->devices, model->read());
+        for (const PortMap& row : ports.at(model->dies[0]))
             if (row.device == PCIE::Device_ID(0, 0, 1, 0)) port = row;
         ASSERT_EQ(port.core, "PCIE0_nbio0");
         ASSERT_NE(port.logical_to_controller_lane.at(0), 0u);
@@ -101,6 +94,7 @@ struct SpeedCase {
     const char* speed;
     unsigned selector;  // of the model's values; 99: nothing read
 };
+LW_PRINT_BY_FIELD(SpeedCase, speed)
 
 class PortTxEqSpeeds : public PortTxEqOnModel, public ::testing::WithParamInterface<SpeedCase> {};
 
@@ -116,7 +110,7 @@ TEST_P(PortTxEqSpeeds, LaneFieldsAreTheModelsForTheRate) {
             EXPECT_FALSE(got.at("LCBestFomGot").get<bool>());
             continue;
         }
-        const auto& noise = platform->model().noise();
+        const auto& noise = model->platform->model().noise();
         const auto presets = sim::model_port_lane_eq(noise, 0, "PCIE0_nbio0", 0, lane, c.selector);
         const auto settings =
             sim::model_port_lane_eq(noise, 0, "PCIE0_nbio0", 0, port.logical_to_controller_lane.at(lane), c.selector);
@@ -137,7 +131,8 @@ TEST_P(PortTxEqSpeeds, LaneFieldsAreTheModelsForTheRate) {
 
 INSTANTIATE_TEST_SUITE_P(Rates, PortTxEqSpeeds,
                          ::testing::Values(SpeedCase{"8 GT/s", 0}, SpeedCase{"16 GT/s", 1}, SpeedCase{"32GT/s", 2},
-                                           SpeedCase{"5 GT/s", 99}));
+                                           SpeedCase{"5 GT/s", 99}),
+                         lw_test::by_field(&SpeedCase::speed));
 
 TEST_F(PortTxEqOnModel, UnknownPortOrUnmappedLaneGetsNothing) {
     const auto elsewhere = PCIETxEqCorvane()({PCIE::Device_ID(7, 0, 1, 0), {0}, "16 GT/s"}, ports);

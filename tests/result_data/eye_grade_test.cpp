@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "result_data/eye_grade.h"
+#include "support/case_name.h"
 
 using nlohmann::json;
 
@@ -19,6 +20,7 @@ struct LaneCase {
     const char* grade;       // nullptr: no grade
     std::string note_start;  // the note begins with this ("" = no note)
 };
+LW_PRINT_BY_NAME(LaneCase)
 
 // A lane as the engine writes it: margins are floats widened to double.
 json lane_of(const LaneCase& c) {
@@ -81,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
                  std::nullopt, "Perfect", "receiver doesn't margin voltage"},
         LaneCase{"NoThresholdsBelow16GTs", "8 GT/s", 0.2f, 0.2f, 0.01f, 0.01f, kAll, std::nullopt, std::nullopt,
                  nullptr, ""}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 json margin_record(const std::string& status, json lanes) {
     return {{"Operation", "PCIe Margin"},

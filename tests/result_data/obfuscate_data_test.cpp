@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "result_data/obfuscate_data.h"
+#include "support/case_name.h"
 
 namespace {
 
@@ -13,6 +14,8 @@ struct RoundTrip {
     std::string plain;
     std::string back;  // what extraction gives
 };
+
+LW_PRINT_BY_FIELD(RoundTrip, plain)
 
 class ObfuscateRoundTrip : public ::testing::TestWithParam<RoundTrip> {};
 
@@ -28,7 +31,8 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, ObfuscateRoundTrip,
     ::testing::Values(RoundTrip{"", ""}, RoundTrip{"Segment, Bus,Device", "segment, bus,device"},
                       RoundTrip{"0123456789.-:/ ", "0123456789.-:/ "}, RoundTrip{"aeiou AEIOU", "aeiou aeiou"},
-                      RoundTrip{"a\r\nb", "a\n\nb"}, RoundTrip{"Not Available,0x1F7E,", "not available,0x1f7e,"}));
+                      RoundTrip{"a\r\nb", "a\n\nb"}, RoundTrip{"Not Available,0x1F7E,", "not available,0x1f7e,"}),
+    lw_test::by_field(&RoundTrip::plain));
 
 TEST(Obfuscate, SameTextHidesDifferentlyTwice) {
     const ObfuscateData obfuscate;

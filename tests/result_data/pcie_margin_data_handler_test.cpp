@@ -6,6 +6,8 @@
 #include "result_data/data_handler.h"
 #include "result_data/obfuscate_data.h"
 #include "result_data/static_data.h"
+#include "support/case_name.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -79,11 +81,13 @@ const std::string kTx =
 const std::string kTrail = "Tool Version,TimeStamp,MarginType, VENDORID, PCIEID, ";
 
 struct HeaderCase {
+    const char* name;
     ModesOfDumps mode;
     const char* phy;
     bool four_point;
     bool rx, fom;
 };
+LW_PRINT_BY_NAME(HeaderCase)
 
 class PcieCsvHeader : public ::testing::TestWithParam<HeaderCase> {};
 
@@ -110,11 +114,12 @@ TEST_P(PcieCsvHeader, CellsAsTheReportNamesThem) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, PcieCsvHeader,
-                         ::testing::Values(HeaderCase{DUMP_MODE_PLAIN, "E32", false, false, false},
-                                           HeaderCase{DUMP_MODE_INTERNAL, "E32", false, true, true},
-                                           HeaderCase{DUMP_MODE_INTERNAL, "C20", false, false, true},
-                                           HeaderCase{DUMP_MODE_PLAIN, "C20", true, false, false},
-                                           HeaderCase{DUMP_MODE_INTERNAL, "E32", true, true, true}));
+                         ::testing::Values(HeaderCase{"PlainE32", DUMP_MODE_PLAIN, "E32", false, false, false},
+                                           HeaderCase{"InternalE32", DUMP_MODE_INTERNAL, "E32", false, true, true},
+                                           HeaderCase{"InternalC20", DUMP_MODE_INTERNAL, "C20", false, false, true},
+                                           HeaderCase{"PlainC20FourPoint", DUMP_MODE_PLAIN, "C20", true, false, false},
+                                           HeaderCase{"InternalE32FourPoint", DUMP_MODE_INTERNAL, "E32", true, true, true}),
+                         lw_test::by_name);
 
 // The values of one lane, cut at the commas; the Socket/Die/ASIC ID tail
 // is compared whole since its absent form ends in ", ".
@@ -125,6 +130,7 @@ struct RowCase {
     std::vector<std::pair<std::size_t, std::string>> cells;  // index, value
     std::string tail;
 };
+LW_PRINT_BY_NAME(RowCase)
 
 std::vector<std::string> cut(const std::string& line) {
     std::vector<std::string> cells;
@@ -195,11 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
                 {{39, "3.10.2"}, {40, kNA}, {46, kNA}, {47, "1"}, {57, "11"}}, "0,0,Not Available,"},
         RowCase{"internal no device", [](json& l) { l["VEXDevicePresent"] = false; }, DUMP_MODE_INTERNAL,
                 {{56, kNA}, {57, kNA}, {58, "5.1.56"}}, "Not Available,Not Available, Not Available, "}),
-    [](const auto& info) {
-        std::string name = info.param.name;
-        std::replace(name.begin(), name.end(), ' ', '_');
-        return name;
-    });
+    lw_test::by_name);
 
 TEST(PcieCsv, DeviceKeysComeFromTheFirstLane) {
     json first = mapped_lane(0);
@@ -222,12 +224,10 @@ TEST(DataHandlerCreator, RefusalsThrowInsteadOfEndingTheProcess) {
     auto pcie = DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, DUMP_MODE_PLAIN, true);
     EXPECT_THROW(pcie->dump_header(out), std::runtime_error);
     EXPECT_THROW(pcie->dump_4pt_header(out), std::runtime_error);
-    try {
-        DataHandlerCreator::get_data_handler(static_cast<DataHandlerType>(2), DUMP_MODE_PLAIN, false);
-        ADD_FAILURE() << "no throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Unknow data handler passed");
-    }
+    EXPECT_EQ(lw_test::thrown_text([] {
+                  DataHandlerCreator::get_data_handler(static_cast<DataHandlerType>(2), DUMP_MODE_PLAIN, false);
+              }),
+              "Unknow data handler passed");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "model_fixture.h"
 #include "result_data/static_data.h"
+#include "support/case_name.h"
 
 namespace {
 
@@ -10,7 +11,7 @@ using StaticData = ResultDataOnModel;
 // The default machine: two Corvane sockets of revision 1, not secure, two
 // NUMA nodes, no graphics dies.
 TEST_F(StaticData, FieldsOfTheDefaultMachine) {
-    StaticDataUtility(dies).update_static_data();
+    StaticDataUtility(model->dies).update_static_data();
     const auto fields = StaticDataHandler::get().get_static_fields_map();
     const std::map<std::string, std::string> expected = {
         {"NPS", "NPS2"},
@@ -28,11 +29,13 @@ TEST_F(StaticData, FieldsOfTheDefaultMachine) {
 }
 
 struct SocketCase {
+    const char* name;
     unsigned revision0, revision1;
     bool secure0, secure1;
     const char* revisions;
     const char* secure;
 };
+LW_PRINT_BY_NAME(SocketCase)
 
 class StaticDataSockets : public ResultDataOnModel, public ::testing::WithParamInterface<SocketCase> {};
 
@@ -40,22 +43,20 @@ class StaticDataSockets : public ResultDataOnModel, public ::testing::WithParamI
 // socket makes the machine unsecure.
 TEST_P(StaticDataSockets, RevisionAndSecureState) {
     const SocketCase& c = GetParam();
-    auto profile = default_profile();
-    profile["sockets"][0]["revision"] = c.revision0;
-    profile["sockets"][1]["revision"] = c.revision1;
-    profile["sockets"][0]["secure"] = c.secure0;
-    profile["sockets"][1]["secure"] = c.secure1;
-    boot(profile);
-    StaticDataUtility(std::vector<VEX_DIE_INFO>(dies.rbegin(), dies.rend())).update_static_data();
+    boot(lw_test::Profile()
+             .socket(0, {{"revision", c.revision0}, {"secure", c.secure0}})
+             .socket(1, {{"revision", c.revision1}, {"secure", c.secure1}}));
+    StaticDataUtility(std::vector<VEX_DIE_INFO>(model->dies.rbegin(), model->dies.rend())).update_static_data();
     const auto fields = StaticDataHandler::get().get_static_fields_map();
     EXPECT_EQ(fields.at("CPU SiliconRev"), c.revisions);
     EXPECT_EQ(fields.at("CPU SecureStatus"), c.secure);
 }
 
 INSTANTIATE_TEST_SUITE_P(Machines, StaticDataSockets,
-                         ::testing::Values(SocketCase{1, 2, false, false, "0x00000001_0x00000002", "Unsecure"},
-                                           SocketCase{0x12, 0x11, true, false, "0x00000012_0x00000011", "Unsecure"},
-                                           SocketCase{1, 1, true, true, "0x00000001_0x00000001", "Secure"}));
+                         ::testing::Values(SocketCase{"NeitherSecure", 1, 2, false, false, "0x00000001_0x00000002", "Unsecure"},
+                                           SocketCase{"OneSecure", 0x12, 0x11, true, false, "0x00000012_0x00000011", "Unsecure"},
+                                           SocketCase{"BothSecure", 1, 1, true, true, "0x00000001_0x00000001", "Secure"}),
+                         lw_test::by_name);
 
 TEST_F(StaticData, NoDiesGiveNotAvailable) {
     StaticDataUtility(std::vector<VEX_DIE_INFO>{}).update_static_data();
@@ -65,7 +66,7 @@ TEST_F(StaticData, NoDiesGiveNotAvailable) {
 }
 
 TEST_F(StaticData, SpareKeyReplacesAStaticField) {
-    StaticDataUtility utility(dies);
+    StaticDataUtility utility(model->dies);
     utility.update_static_data();
     utility.update_spare_data({{"SystemName", "bench-7"}, {"Board", "rev B"}});
     const auto fields = StaticDataHandler::get().get_static_fields_map();

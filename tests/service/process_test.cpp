@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "service_process.h"
+#include "support/case_name.h"
 
 using wire_test::ServiceProcess;
 
@@ -36,16 +37,13 @@ TEST(ServiceProcessTest, AnnouncesItselfAndEndsWithZeroOnStop) {
     EXPECT_EQ(service.wait_for_exit(), 0);
 }
 
-class SignalEndTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(SignalEndTest, SignalEndsTheServiceWithZero) {
+// SIGTERM: see QueueAtEndTest.
+TEST(ServiceProcessTest, SigintEndsTheServiceWithZero) {
     ServiceProcess service(wire_test::free_port());
     service.read_until("(chrome recommended):  http://");
-    ::kill(service.pid, GetParam());
+    ::kill(service.pid, SIGINT);
     EXPECT_EQ(service.wait_for_exit(), 0);
 }
-
-INSTANTIATE_TEST_SUITE_P(Signals, SignalEndTest, ::testing::Values(SIGINT, SIGTERM));
 
 TEST(ServiceProcessTest, TakenPortIsReportedNotCrashed) {
     ServiceProcess first(wire_test::free_port());
@@ -66,6 +64,7 @@ struct EndCase {
     const char* running_reason;
     const char* queued_reason;
 };
+LW_PRINT_BY_NAME(EndCase)
 
 class QueueAtEndTest : public ::testing::TestWithParam<EndCase> {};
 
@@ -142,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
                       EndCase{"Sigterm", SIGTERM, "Margin stopped", "Not started: the service stopped"},
                       EndCase{"Sigkill", SIGKILL, "Interrupted: the service ended while this test ran",
                               "Not started: the service ended before this test ran"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    lw_test::by_name);
 
 // A stress loop that would run for ever must not hold the service at /stop.
 TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {

@@ -14,6 +14,7 @@
 #include "running_service.h"
 #include "service/result_archive.h"
 #include "service/wire_server.h"
+#include "support/case_name.h"
 #include "wire_client.h"
 
 using nlohmann::json;
@@ -131,6 +132,7 @@ struct RangeCase {
     std::string name, start, end;
     std::optional<std::vector<int>> ids;  // nothing: the range is invalid
 };
+LW_PRINT_BY_NAME(RangeCase)
 
 class ArchiveRanges : public ArchiveRuns, public ::testing::WithParamInterface<RangeCase> {};
 
@@ -151,7 +153,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RangeCase{"StartAfterEnd", "2 May 1:05PM", "31 Dec 11:59PM", std::vector<int>{}},
                       RangeCase{"UnknownStart", "1 May 9:06AM", "2 May 1:05PM", std::nullopt},
                       RangeCase{"UnknownEnd", "31 Dec 11:59PM", "2 May 1:06PM", std::nullopt}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 TEST(ArchiveRecords, UnreadableOrMissingOutputIsSkippedAndTheRestComeBack) {
     TestTempFolder temp;
@@ -170,6 +172,7 @@ struct ReportCase {
     unsigned long documents;
     std::size_t rows;
 };
+LW_PRINT_BY_NAME(ReportCase)
 
 class ArchiveReports : public ::testing::TestWithParam<ReportCase> {};
 
@@ -207,7 +210,7 @@ INSTANTIATE_TEST_SUITE_P(
         ReportCase{"BrokenRecordLeftOutWhole", {lane_without_bus(), pcie_record(8, 2)}, 1, 2},
         ReportCase{"EmptyLaneData", {record(9, "PCIe Margin", "complete", json::array())}, 0, 0},
         ReportCase{"Nothing", {}, 0, 0}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 TEST(ArchiveDump, AFolderThatCantBeWrittenSaysSo) {
     TestTempFolder temp;
@@ -309,6 +312,7 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
 struct BadExportCase {
     std::string name, query, reason;
 };
+LW_PRINT_BY_NAME(BadExportCase)
 
 class ServedBadExports : public ServedArchive, public ::testing::WithParamInterface<BadExportCase> {};
 
@@ -327,7 +331,7 @@ INSTANTIATE_TEST_SUITE_P(
                                     "Failed. Date range invalid."},
                       BadExportCase{"UnknownKind", "?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=eye",
                                     "Failed. Unknown kind \"eye\"; use pcie or hvl."}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 // --- Summary, single result, CSV guard ---------------------------------------
 
@@ -346,6 +350,7 @@ TEST(ArchiveCompactJson, IsWhatParsingAndDumpingGives) {
 struct GuardCase {
     std::string name, cell, written;
 };
+LW_PRINT_BY_NAME(GuardCase)
 
 class ArchiveCsvGuard : public ::testing::TestWithParam<GuardCase> {};
 
@@ -363,7 +368,7 @@ INSTANTIATE_TEST_SUITE_P(
                       GuardCase{"SignedNumber", "+3", "+3"}, GuardCase{"Exponent", "-1.5e-3", "-1.5e-3"},
                       GuardCase{"Text", "Not Available", "Not Available"}, GuardCase{"Empty", "", ""},
                       GuardCase{"EqualsInside", "a=b", "a=b"}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 namespace {
 

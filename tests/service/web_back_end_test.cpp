@@ -6,6 +6,7 @@
 #include "running_service.h"
 #include "service/web_back_end.h"
 #include "service/wire_server.h"
+#include "support/case_name.h"
 #include "wire_client.h"
 
 using nlohmann::json;
@@ -71,6 +72,7 @@ TEST(WebBackEndRoutes, AllRoutesRegisteredInOrderWithTheirMethods) {
 struct AnswerCase {
     std::string method, path, body, expected;
 };
+LW_PRINT_BY_FIELD(AnswerCase, path)
 
 class WebBackEndAnswers : public ::testing::TestWithParam<AnswerCase> {};
 
@@ -98,7 +100,8 @@ INSTANTIATE_TEST_SUITE_P(
         AnswerCase{"POST", "/api/1.0/SetAdvErrorEnabled", R"({"checked":true})", "success"},
         AnswerCase{"POST", "/api/1.0/PCIRawViewWrite", R"({"SBDF":"0:4:0.0","absoluteOffset":"0x4","value":"0x7"})",
                    "success"},
-        AnswerCase{"GET", "/api/1.0/GetResultsDateRange", "", R"({"DateList":[],"key":"PastResultsDateRange"})"}));
+        AnswerCase{"GET", "/api/1.0/GetResultsDateRange", "", R"({"DateList":[],"key":"PastResultsDateRange"})"}),
+    lw_test::by_field(&AnswerCase::path));
 
 // Accepts what the PCIe margin check accepts and runs nothing.
 class CheckOnlyRunner : public TestRunner {
@@ -136,9 +139,12 @@ TEST(WebBackEndQueue, AddTestToQueueAnswersAndQueuesWithId) {
 }
 
 struct RefusalCase {
+    const char* name;
     json record;
     std::string reason_part;
 };
+
+LW_PRINT_BY_NAME(RefusalCase)
 
 class WebBackEndRefusals : public ::testing::TestWithParam<RefusalCase> {};
 
@@ -156,41 +162,43 @@ TEST_P(WebBackEndRefusals, AnswerWhyAndLeaveTheQueueAlone) {
 
 INSTANTIATE_TEST_SUITE_P(
     Reasons, WebBackEndRefusals,
-    ::testing::Values(RefusalCase{{{"Operation", "Destructive HVL Margin"}}, "unknown \"Operation\""},
-                      RefusalCase{{{"Operation", "EyeScan"}}, "can't run in this version"},
-                      RefusalCase{margin_record("0:3:0", json::array({0})), "is not of the form"},
-                      RefusalCase{margin_record("0:3:20.0", json::array({0})), "is not of the form"},
-                      RefusalCase{margin_record("0:9:0.0", json::array({0})), "no PCI function 0:9:0.0"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({"4,x"})), "\"x\" is not a lane number"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({-1})), "not a lane number"},
+    ::testing::Values(RefusalCase{"UnknownOperation", {{"Operation", "Destructive HVL Margin"}}, "unknown \"Operation\""},
+                      RefusalCase{"EyeScanOperation", {{"Operation", "EyeScan"}}, "can't run in this version"},
+                      RefusalCase{"AddressWithoutFunction", margin_record("0:3:0", json::array({0})), "is not of the form"},
+                      RefusalCase{"DeviceBeyond31", margin_record("0:3:20.0", json::array({0})), "is not of the form"},
+                      RefusalCase{"UnknownFunction", margin_record("0:9:0.0", json::array({0})), "no PCI function 0:9:0.0"},
+                      RefusalCase{"TextLane", margin_record("0:3:0.0", json::array({"4,x"})), "\"x\" is not a lane number"},
+                      RefusalCase{"NegativeLane", margin_record("0:3:0.0", json::array({-1})), "not a lane number"},
                       // Records that would run wrong or for ever: only what the device list offers.
-                      RefusalCase{margin_record("0:4:0.0", json::array({0})),
+                      RefusalCase{"SlowDevice", margin_record("0:4:0.0", json::array({0})),
                                   "0:4:0.0 doesn't support margining: PCIe device speed is lower than 16 GT/s"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "99"}}),
+                      RefusalCase{"UnofferedBer", margin_record("0:3:0.0", json::array({0}), {{"BER", "99"}}),
                                   "\"BER\" \"99\" is not offered for 0:3:0.0"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "4294967296"}}),
+                      RefusalCase{"BerBeyond32Bits", margin_record("0:3:0.0", json::array({0}), {{"BER", "4294967296"}}),
                                   "is not offered"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"BER", "16"}}), "is not offered"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 0}}), "outside 1 to 63"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 64}}), "outside 1 to 63"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 4294967302ULL}}),
+                      RefusalCase{"BerOfAnotherSpeed", margin_record("0:3:0.0", json::array({0}), {{"BER", "16"}}), "is not offered"},
+                      RefusalCase{"ErrCntZero", margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 0}}), "outside 1 to 63"},
+                      RefusalCase{"ErrCnt64", margin_record("0:3:0.0", json::array({0}), {{"ErrCnt", 64}}), "outside 1 to 63"},
+                      RefusalCase{"ReceiverBeyond32Bits", margin_record("0:3:0.0", json::array({0}), {{"Receiver", 4294967302ULL}}),
                                   "Receiver 4294967302 is not offered for 0:3:0.0 (offered: 6)"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 7}}), "Receiver 7 is not"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0}), {{"Receiver", 6.0}}), "whole number"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({0, 0, 0})), "lane 0 is named more than once"},
-                      RefusalCase{margin_record("0:3:0.0", json::array()), "\"Lanes\" names no lane"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({nullptr})), "lane null is not a lane number"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({json::object()})), "lane {} is not a lane"},
-                      RefusalCase{margin_record("0:3:0.0", json::array({4, 5, 6, 7})),
+                      RefusalCase{"UnofferedReceiver", margin_record("0:3:0.0", json::array({0}), {{"Receiver", 7}}), "Receiver 7 is not"},
+                      RefusalCase{"FractionalReceiver", margin_record("0:3:0.0", json::array({0}), {{"Receiver", 6.0}}), "whole number"},
+                      RefusalCase{"RepeatedLane", margin_record("0:3:0.0", json::array({0, 0, 0})), "lane 0 is named more than once"},
+                      RefusalCase{"NoLanes", margin_record("0:3:0.0", json::array()), "\"Lanes\" names no lane"},
+                      RefusalCase{"NullLane", margin_record("0:3:0.0", json::array({nullptr})), "lane null is not a lane number"},
+                      RefusalCase{"ObjectLane", margin_record("0:3:0.0", json::array({json::object()})), "lane {} is not a lane"},
+                      RefusalCase{"LanesBeyondTheTrainedWidth", margin_record("0:3:0.0", json::array({4, 5, 6, 7})),
                                   "lanes 4, 5, 6, 7 are not lanes of the trained link of 0:3:0.0 (offered: 0, 1, 2, "
                                   "3)"},
-                      RefusalCase{margin_record("0:80:2.0", json::array({0, 8}), {{"Receiver", 1}}),
+                      RefusalCase{"OneLaneBeyondTheTrainedWidth", margin_record("0:80:2.0", json::array({0, 8}), {{"Receiver", 1}}),
                                   "lane 8 is not a lane of the trained link of 0:80:2.0 (offered: 0, 1, 2, 3, 4, 5, "
-                                  "6, 7)"}));
+                                  "6, 7)"}),
+    lw_test::by_name);
 
 struct BadBodyCase {
-    std::string path, body;
+    std::string name, path, body;
 };
+LW_PRINT_BY_NAME(BadBodyCase)
 
 class WebBackEndBadBodies : public ::testing::TestWithParam<BadBodyCase> {};
 
@@ -205,12 +213,13 @@ TEST_P(WebBackEndBadBodies, AreRefusedWith400AndChangeNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Malformed, WebBackEndBadBodies,
-                         ::testing::Values(BadBodyCase{"/api/1.0/AddTestToQueue", "{not json"},
-                                           BadBodyCase{"/api/1.0/AddTestToQueue", "[1,2]"},
-                                           BadBodyCase{"/api/1.0/SetL0Enabled", R"({"index":0})"},
-                                           BadBodyCase{"/api/1.0/SetL0Enabled", R"({"index":0,"value":"yes"})"},
-                                           BadBodyCase{"/api/1.0/GetPCIRawView", R"({"sbdf":"0:4:0.0"})"},
-                                           BadBodyCase{"/api/1.0/GetResultsByDate", ""}));
+                         ::testing::Values(BadBodyCase{"QueueBodyNotJson", "/api/1.0/AddTestToQueue", "{not json"},
+                                           BadBodyCase{"QueueBodyArray", "/api/1.0/AddTestToQueue", "[1,2]"},
+                                           BadBodyCase{"L0WithoutValue", "/api/1.0/SetL0Enabled", R"({"index":0})"},
+                                           BadBodyCase{"L0ValueText", "/api/1.0/SetL0Enabled", R"({"index":0,"value":"yes"})"},
+                                           BadBodyCase{"RawViewWithoutOffset", "/api/1.0/GetPCIRawView", R"({"sbdf":"0:4:0.0"})"},
+                                           BadBodyCase{"ResultsByDateEmpty", "/api/1.0/GetResultsByDate", ""}),
+                         lw_test::by_name);
 
 TEST(WebBackEndStatus, UnknownPathIs404AndWrongMethodIs405) {
     const unsigned port = running_service().port;

@@ -9,6 +9,7 @@
 
 #include "running_service.h"
 #include "service/wire_server.h"
+#include "support/case_name.h"
 #include "wire_client.h"
 
 using PortHall::WireServer;
@@ -33,7 +34,8 @@ INSTANTIATE_TEST_SUITE_P(
                       DecodeCase{"%253A", ":"},    // "%3A" comes after "%25"
                       DecodeCase{"aX|Xb", "a\\b"}, DecodeCase{"%2C%3B", "},},"}, DecodeCase{"a%3Db", "a,b"},
                       DecodeCase{"%5Bx%5D", "{x"}, DecodeCase{"%E2%82%AC", "`"}, DecodeCase{"a%20%20b", "a  b"},
-                      DecodeCase{"%7B%22k%22%3A1%7D", "{\"k\":1}"}, DecodeCase{"%zz%", "%zz%"}));
+                      DecodeCase{"%7B%22k%22%3A1%7D", "{\"k\":1}"}, DecodeCase{"%zz%", "%zz%"}),
+    lw_test::by_field(&DecodeCase::in));
 
 std::string gunzip(const std::string& data) {
     z_stream stream{};
@@ -110,7 +112,8 @@ TEST_P(StaticEscapeTest, NeverServesOutsideStatic) {
 INSTANTIATE_TEST_SUITE_P(Paths, StaticEscapeTest,
                          ::testing::Values("/static/../secret.txt", "/static/js/../../secret.txt",
                                            "/static/%2e%2e/secret.txt", "/static/..%2Fsecret.txt",
-                                           "/static/%2Fetc%2Fpasswd"));
+                                           "/static/%2Fetc%2Fpasswd"),
+                         lw_test::by_value);
 
 TEST(WireServerOrigin, ForeignOriginMayNotChangeState) {
     const unsigned port = running_service().port;
@@ -154,7 +157,8 @@ INSTANTIATE_TEST_SUITE_P(
                       HostCase{"lab.example:80", true}, HostCase{"evil.example:9970", false},
                       HostCase{"localhost.evil.example", false}, HostCase{"127.0.0.1.evil.example", false},
                       HostCase{"localhost:99x", false}, HostCase{"[::1", false}, HostCase{"[::1]x", false},
-                      HostCase{"[evil]:80", false}, HostCase{"", false}, HostCase{"0x7f.1", false}));
+                      HostCase{"[evil]:80", false}, HostCase{"", false}, HostCase{"0x7f.1", false}),
+    [](const auto& info) { return (info.param.allowed ? "Allowed_" : "Refused_") + lw_test::case_name(info.param.host); });
 
 TEST(HostCheck, ListsOwnNamesAndTheConfiguredOnes) {
     ::setenv("LANEWRIGHT_ALLOWED_HOSTS", " lab-a.example , ,lab-b ", 1);
@@ -221,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
         GateCase{"ForeignHostOnStaticFiles", "GET", "/static/js/app.js", "", kEvilHost, 403, "not this machine's"},
         GateCase{"AddressLiteralHost", "GET", "/api/GetLANEWRIGHTVersion", "", {{"Host", "127.0.0.1:PORT"}}, 200,
                     "Tool_Version"}),
-    [](const auto& info) { return info.param.name; });
+    lw_test::by_name);
 
 TEST(WireServerEnd, ConnectionCapLeavesDescriptorsSpare) {
     EXPECT_EQ(PortHall::connection_cap(1024), 768u);

@@ -3,6 +3,7 @@
 #include "discovery/pci_capability.h"
 #include "sim_fixture.h"
 #include "simulator/config_space.h"
+#include "support/case_name.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ struct Expected {
     At at;
     bool secondary, margining;
 };
+LW_PRINT_BY_NAME(Expected)
 
 class Capabilities : public ConfigSpace, public ::testing::WithParamInterface<Expected> {};
 
@@ -86,7 +88,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Expected{"root port at 32 GT/s", kSlot1, true, true},
                       Expected{"switch port above the nvme", kSwitchPort0, true, true},
                       Expected{"accelerator at 32 GT/s", kAccelerator, true, true}),
-    [](const auto& info) { return "case" + std::to_string(info.index); });
+    lw_test::by_name);
 
 TEST_F(ConfigSpace, ReadOnlyBitsKeepTheirValueAndWritableBitsTakeTheirs) {
     const unsigned ids = r32(kNvme.bus, 0, 0, 0);
@@ -188,13 +190,6 @@ TEST_F(ConfigSpace, NarrowAndUnalignedAccessSeeTheBytesInPlace) {
     value = 0x12345678;
     read->read32(0, kNvme.bus, 0, 0, 4094, value);  // past the end: left as it was
     EXPECT_EQ(value, 0x12345678u);
-}
-
-TEST_F(ConfigSpace, HeaderTypeCarriesTheMultiFunctionBit) {
-    EXPECT_EQ(r8(0x00, 1, 0, kHeaderType), 0x81u);   // two root ports on device 1
-    EXPECT_EQ(r8(kNic10g.bus, 0, 1, kHeaderType), 0x80u);
-    EXPECT_EQ(r8(kNvme.bus, 0, 0, kHeaderType), 0x00u);
-    EXPECT_EQ(r8(0x40, 1, 0, kHeaderType), 0x01u);
 }
 
 }  // namespace

@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "discovery/pci_capability.h"
-#include "simulator/platform.h"
+#include "support/model_profile.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -31,17 +32,13 @@ constexpr Target kNvme{0x03, 0, 0, 6};      // no independent up/down voltage
 constexpr Target kSlot3{0x40, 1, 0, 1};
 constexpr Target kNic400g{0x41, 0, 0, 6};
 
-json default_profile() { return json::parse(sim::default_profile_text()); }
-json& slot1(json& p) { return p["sockets"][0]["root_complexes"][0]["root_ports"][0]; }
-json& slot3(json& p) { return p["sockets"][0]["root_complexes"][1]["root_ports"][0]; }
-
 unsigned margin_status(unsigned status) { return status >> 14; }
 unsigned errors(unsigned status) { return (status >> 8) & 0x3F; }
 
 class Rig {
 public:
-    explicit Rig(const json& profile = default_profile(), std::optional<uint64_t> seed = std::nullopt)
-        : _platform(sim::make_platform(sim::parse_profile(profile), seed, 1e6)) {}
+    explicit Rig(const lw_test::Profile& profile = {}, std::optional<uint64_t> seed = std::nullopt)
+        : _platform(profile.platform(1e6, seed)) {}
 
     unsigned status(Target t, unsigned lane) const {
         unsigned value = 0;
@@ -87,11 +84,9 @@ private:
 };
 
 TEST(LaneMargining, ReportsComeFromTheProfileWithTheCommandEchoed) {
-    json p = default_profile();
-    slot1(p)["margining"] = json::parse(R"({"num_voltage_steps": 100, "num_timing_steps": 40,
-        "max_timing_offset": 45, "max_voltage_offset": 12, "sampling_rate_voltage": 21, "sampling_rate_timing": 42,
-        "max_lanes": 7, "sample_reporting_method": true, "ind_error_sampler": false})");
-    const Rig rig(p);
+    const Rig rig(lw_test::Profile().margining("slot1", json::parse(R"({"num_voltage_steps": 100,
+        "num_timing_steps": 40, "max_timing_offset": 45, "max_voltage_offset": 12, "sampling_rate_voltage": 21,
+        "sampling_rate_timing": 42, "max_lanes": 7, "sample_reporting_method": true, "ind_error_sampler": false})")));
     const std::pair<unsigned, unsigned> reports[] = {{0x88, 0x0F}, {0x89, 100}, {0x8A, 40}, {0x8B, 45},
                                                      {0x8C, 12},   {0x8D, 21},  {0x8E, 42}, {0x8F, 0}, {0x90, 7}};
     for (const auto& [payload, value] : reports)
@@ -130,9 +125,7 @@ TEST(LaneMargining, CommandsNoReceiverTakesLeaveTheStatusAlone) {
 // With no noise the right edge lies exactly on offset 16 (25 % UI at
 // 50 % / 32 steps): 16 is clean for any dwell, 17 errs from the end of setup.
 TEST(LaneMargining, SetupThenErrorsGrowWithDwellOnlyBeyondTheEdge) {
-    json p = default_profile();
-    slot1(p)["margining"] = json::parse(R"({"eye": {"timing_right": 25, "noise": 0}})");
-    const Rig rig(p);
+    const Rig rig(lw_test::Profile().margining("slot1", {{"eye", {{"timing_right", 25}, {"noise", 0}}}}));
     rig.send(kSlot1, 0, kManagement, 0xFF);
     rig.send(kSlot1, 0, kTiming, 16);
     rig.sleep_ms(2000);
@@ -177,10 +170,7 @@ struct Step {
 };
 
 TEST(LaneMargining, RequestsTheReceiverCannotCarryOutAreNaked) {
-    json p = default_profile();
-    slot3(p)["margining"]["voltage_supported"] = false;
-    slot3(p)["margining"]["ind_left_right_timing"] = false;
-    const Rig rig(p);
+    const Rig rig(lw_test::Profile().margining("slot3", {{"voltage_supported", false}, {"ind_left_right_timing", false}}));
     const Step steps[] = {
         {"timing beyond the steps", kSlot1, kTiming, 33, true},
         {"timing at the last step", kSlot1, kTiming, 32, false},
@@ -215,11 +205,10 @@ TEST(LaneMargining, ClearRestartsTheCountAndNormalSettingsEndMargining) {
 }
 
 TEST(LaneMargining, FaultsFromTheProfile) {
-    json p = default_profile();
-    p["faults"] = json::parse(R"([{"type": "margining_nak", "device": "nvme0"},
-        {"type": "margining_setup_stuck", "port": "slot3"},
-        {"type": "margining_silent_lane", "port": "slot1", "lane": 2}])");
-    const Rig rig(p);
+    const Rig rig(lw_test::Profile()
+                      .fault({{"type", "margining_nak"}, {"device", "nvme0"}})
+                      .fault({{"type", "margining_setup_stuck"}, {"port", "slot3"}})
+                      .fault({{"type", "margining_silent_lane"}, {"port", "slot1"}, {"lane", 2}}));
     EXPECT_EQ(rig.send(kNvme, 1, kReport, 0x8A), 6u | kReport << 3 | 32u << 8);  // reports still answered
     EXPECT_EQ(rig.send(kNvme, 1, kTiming, 0) >> 8, kNak << 6);
 
@@ -242,25 +231,15 @@ TEST(LaneMargining, BadFaultsAreRefusedNamingTheField) {
          "profile: faults[0].lane: lane 4 is beyond the 4 lanes of 'nvme0'"},
         {R"({"type": "margining_setup_stuck", "port": "slot1", "when": 3})", "profile: faults[0]: unknown field 'when'"},
     };
-    for (const auto& [fault, error] : cases) {
-        json p = default_profile();
-        p["faults"] = json::array({json::parse(fault)});
-        try {
-            sim::parse_profile(p);
-            ADD_FAILURE() << fault;
-        } catch (const sim::ProfileError& e) {
-            EXPECT_EQ(std::string(e.what()), error);
-        }
-    }
+    for (const auto& [fault, error] : cases)
+        EXPECT_EQ(lw_test::thrown_text<sim::ProfileError>([&] { lw_test::Profile().fault(json::parse(fault)).platform(); }),
+                  error);
 }
 
 // A x4 device under a x16 port whose lanes run reversed sits on the port's
 // lanes 15 to 12; the device itself counts 0 to 3.
 TEST(LaneMargining, ReversedLinkAnswersOnThePortsTopLanes) {
-    json p = default_profile();
-    slot3(p)["lane_reversal"] = true;
-    slot3(p)["child"]["width"] = 4;
-    const Rig rig(p);
+    const Rig rig(lw_test::Profile().set("slot3", {{"lane_reversal", true}, {"child", {{"width", 4}}}}));
     auto answers = [&](Target t, unsigned lane) { return rig.send(t, lane, kReport, 0x88) != kAtRest; };
     for (unsigned lane = 0; lane < 16; ++lane) EXPECT_EQ(answers(kSlot3, lane), lane >= 12) << lane;
     for (unsigned lane = 0; lane < 16; ++lane) EXPECT_EQ(answers(kNic400g, lane), lane < 4) << lane;
@@ -269,7 +248,7 @@ TEST(LaneMargining, ReversedLinkAnswersOnThePortsTopLanes) {
 TEST(LaneMargining, EyesFollowTheProfileAndTheSeedWhateverTheThreadOrder) {
     using Margins = std::map<unsigned, std::pair<int, int>>;  // lane: left, right
     auto run = [](std::optional<uint64_t> seed, bool swapped) {
-        const Rig rig(default_profile(), seed);
+        const Rig rig({}, seed);
         Margins margins;
         std::mutex mutex;
         auto walk = [&](std::vector<unsigned> lanes) {

@@ -3,13 +3,9 @@
 
 #include <algorithm>
 
-#include "discovery/die_detection.h"
-#include "discovery/pci_detection.h"
-#include "discovery/port_mapping.h"
-#include "hardware/crn_factory.h"
 #include "hardware/register_storage.h"
-#include "sim_fixture.h"
 #include "simulator/config_space.h"
+#include "support/model_profile.h"
 
 namespace {
 
@@ -20,29 +16,18 @@ std::map<unsigned int, unsigned int> lanes(unsigned width, bool reversed) {
     return map;
 }
 
-class PortMapping : public SimPlatformTest {
+class PortMapping : public ::testing::Test {
 protected:
-    void SetUp() override {
-        platform.install();
-        CRNFactory::reset();
-        CRNFactory::initalize(read, write);
-        reset_all_port_data();
-        devices = DetectPCIDevices()(read);
-        dies = DetectVEXDies(write)(devices, read);
-    }
-    void TearDown() override {
-        reset_all_port_data();
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        set_gfx_accessor_maker(nullptr);
-    }
     PortMapData build() { return get_all_port_data(dies, devices, read); }
     std::shared_ptr<RegisterStorage> store(unsigned socket) {
-        return make_register_store("Corvane", std::make_shared<PhyAccessor>(platform.model().die_accessor(socket, 0)));
+        return make_register_store("Corvane",
+                                   std::make_shared<PhyAccessor>(model.platform->model().die_accessor(socket, 0)));
     }
 
-    std::vector<PCIDeviceDetails> devices;
-    std::vector<VEX_DIE_INFO> dies;
+    lw_test::BootedModel model;
+    std::shared_ptr<ReadPCI> read = model.read();
+    const std::vector<PCIDeviceDetails>& devices = model.devices;
+    const std::vector<VEX_DIE_INFO>& dies = model.dies;
 };
 
 TEST_F(PortMapping, EveryRootPortMapsToItsCoreLinkAndLanes) {
@@ -102,7 +87,7 @@ TEST_F(PortMapping, LaneWalkLeavesThePhyPoweredDownAsFound) {
 }
 
 TEST_F(PortMapping, PortWithoutBusNumbersIsLeftOut) {
-    w32(0x00, 1, 1, sim::cfg::kBusNumbers, 0);  // slot2: nothing below it
+    model.write()->write32(0, 0x00, 1, 1, sim::cfg::kBusNumbers, 0);  // slot2: nothing below it
     const PortMapData map = build();
     EXPECT_FALSE(is_device_mapped(0, 0x00, 1, 1, map));
     EXPECT_TRUE(is_device_mapped(0, 0x00, 1, 0, map));

@@ -4,6 +4,8 @@
 
 #include "simulator/platform.h"
 #include "simulator/profile.h"
+#include "support/case_name.h"
+#include "support/thrown.h"
 
 using nlohmann::json;
 
@@ -34,10 +36,11 @@ json hvl_link(unsigned socket, const char* link, unsigned partner_socket, const 
 }
 
 struct BadProfile {
-    const char* what;
+    const char* name;
     std::function<void(json&)> change;
     std::string error;
 };
+LW_PRINT_BY_NAME(BadProfile)
 
 const BadProfile kBadProfiles[] = {
     {"unknown die type", [](json& p) { p["sockets"][1]["die"] = "Foo"; },
@@ -93,15 +96,11 @@ class ProfileErrors : public ::testing::TestWithParam<BadProfile> {};
 TEST_P(ProfileErrors, NameTheField) {
     json profile = base_profile();
     GetParam().change(profile);
-    try {
-        sim::parse_profile(profile);
-        FAIL() << "accepted: " << GetParam().what;
-    } catch (const sim::ProfileError& e) {
-        EXPECT_EQ(std::string(e.what()).rfind(GetParam().error, 0), 0u) << e.what();
-    }
+    const std::string error = lw_test::thrown_text<sim::ProfileError>([&] { sim::parse_profile(profile); });
+    EXPECT_EQ(error.rfind(GetParam().error, 0), 0u) << error;
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, ProfileErrors, ::testing::ValuesIn(kBadProfiles));
+INSTANTIATE_TEST_SUITE_P(Table, ProfileErrors, ::testing::ValuesIn(kBadProfiles), lw_test::by_name);
 
 TEST(Profile, BaseAndDefaultProfilesAreAccepted) {
     EXPECT_NO_THROW(sim::parse_profile(base_profile()));

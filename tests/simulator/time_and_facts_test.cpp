@@ -5,21 +5,10 @@
 #include "sim_fixture.h"
 #include "hardware/chips/chip_identity.h"
 #include "simulator/model_clock.h"
-#include "simulator/noise.h"
 
 namespace {
 
 using namespace std::chrono;
-
-// Time the caller sees moves by exactly what it slept, however long the real
-// wait was (here a millionth of it).
-TEST_F(SimPlatformTest, SleepAdvancesModelTimeByTheNominalAmount) {
-    auto facts = platform.facts();
-    const auto before = facts->now();
-    facts->sleep_for(seconds(10));
-    facts->sleep_for(microseconds(1500));
-    EXPECT_EQ(duration_cast<microseconds>(facts->now() - before), microseconds(10'001'500));
-}
 
 TEST(ModelClock, ThreadsKeepTheirOwnTimeAndNewThreadsStartAtTheFrontier) {
     sim::ModelClock clock(system_clock::time_point(seconds(1'700'000'000)), 1e9);
@@ -78,21 +67,6 @@ TEST(ModelDeadline, EachObserverWaitsTheNominalTime) {
     EXPECT_TRUE(deadline.expired({2, 110}));
     deadline.clear();
     EXPECT_TRUE(deadline.expired({3, 0}));
-}
-
-TEST(Noise, SameSeedSameValuesAnotherSeedOthers) {
-    const sim::Noise a(42), b(42), c(43);
-    double spread = 0;
-    for (uint64_t lane = 0; lane < 64; ++lane) {
-        EXPECT_EQ(a.normal({7, lane}), b.normal({7, lane}));
-        EXPECT_EQ(a.uniform({7, lane}), b.uniform({7, lane}));
-        EXPECT_NE(a.normal({7, lane}), c.normal({7, lane}));
-        const double u = a.uniform({7, lane});
-        EXPECT_TRUE(u >= 0 && u < 1);
-        spread += std::abs(a.normal({7, lane}));
-    }
-    EXPECT_GT(spread / 64, 0.4);  // a real spread, not a constant
-    EXPECT_LT(spread / 64, 1.3);
 }
 
 // Fuse words left out of a profile come from the seed.

@@ -2,9 +2,7 @@
 // make of it, and the product's own sysfs backend run end to end over it.
 // Skipped where FUSE or pciutils are missing.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,48 +28,16 @@
 #include "service/startup_inventory.h"
 #include "simulator/config_space.h"
 #include "simulator/platform.h"
+#include "support/lspci.h"
+#include "support/program.h"
 #include "sysfs_view/sysfs_view.h"
-
-extern char** environ;
 
 using nlohmann::json;
 
 namespace {
 
-// Starts a program (no shell) with standard output to out_fd, standard
-// error discarded; 0 when it can't start.
-pid_t spawn(std::vector<std::string> args, int out_fd) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, out_fd, 1);
-    posix_spawn_file_actions_addopen(&actions, out_fd >= 0 ? 2 : 1, "/dev/null", O_WRONLY, 0);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-struct Output {
-    int status = 127;  // exit status; 127: could not run
-    std::string text;  // standard output
-};
-
-Output run(const std::vector<std::string>& args) {
-    Output out;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return out;
-    const pid_t pid = spawn(args, fds[1]);
-    ::close(fds[1]);
-    char buffer[4096];
-    for (ssize_t n; pid && (n = ::read(fds[0], buffer, sizeof(buffer))) > 0;) out.text.append(buffer, n);
-    ::close(fds[0]);
-    int status = 0;
-    if (pid && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) out.status = WEXITSTATUS(status);
-    return out;
-}
+using lw_test::run_program;
+using Output = lw_test::ProgramOutput;
 
 class ModelSysfsView : public ::testing::Test {
 protected:
@@ -83,7 +49,7 @@ protected:
         } catch (const sim::SysfsViewError& error) {
             skip_reason = std::string("FUSE is not usable here: ") + error.what();
         }
-        if (view && run({"lspci", "--version"}).status == 127) skip_reason = "lspci is not installed (package pciutils)";
+        if (view && run_program({"lspci", "--version"}).status == 127) skip_reason = "lspci is not installed (package pciutils)";
     }
     static void TearDownTestSuite() {
         delete view;
@@ -105,7 +71,7 @@ protected:
 
     static Output tool(const std::string& name, std::vector<std::string> args) {
         args.insert(args.begin(), {name, "-A", "linux-sysfs", "-O", "sysfs.path=" + view->pci_path()});
-        return run(args);
+        return run_program(args);
     }
     static unsigned model_read(const PCIDeviceDetails& f, unsigned offset, unsigned width) {
         unsigned value = 0;
@@ -132,18 +98,10 @@ protected:
 TEST_F(ModelSysfsView, LspciListsExactlyTheModelsFunctions) {
     const Output out = tool("lspci", {"-D", "-n"});
     ASSERT_EQ(out.status, 0);
-    static const std::regex line(R"(^([0-9a-f]{4}):([0-9a-f]{2}):([0-9a-f]{2})\.([0-7]) [0-9a-f]{4}: ([0-9a-f]{4}):([0-9a-f]{4}))");
-    std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned, unsigned>> listed, expected;
-    std::istringstream in(out.text);
-    for (std::string row; std::getline(in, row);) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_search(row, m, line)) << row;
-        auto hex = [&](int i) { return static_cast<unsigned>(std::stoul(m[i].str(), nullptr, 16)); };
-        listed.emplace_back(hex(1), hex(2), hex(3), hex(4), hex(5), hex(6));
-    }
+    std::vector<lw_test::LspciIds> expected;
     for (const PCIDeviceDetails& f : platform->model().present_functions())
         expected.emplace_back(f.segment, f.bus, f.device, f.function, f.vendor_id, f.device_id);
-    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(lw_test::lspci_ids(out.text), expected) << out.text;
 }
 
 // Every function's link, AER, margining and physical layer capabilities as
@@ -166,8 +124,7 @@ TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem
     };
     unsigned links = 0, margining = 0, at_32 = 0;
     for (const PCIDeviceDetails& f : platform->model().present_functions()) {
-        char name[16];
-        std::snprintf(name, sizeof(name), "%04x:%02x:%02x.%x", f.segment, f.bus, f.device, f.function);
+        const std::string name = lw_test::lspci_address(f);
         SCOPED_TRACE(name);
         ASSERT_TRUE(blocks.count(name));
         const std::string& block = blocks.at(name);
@@ -304,7 +261,7 @@ TEST(SysfsViewProcess, SignalsEndItWithTheViewUnmounted) {
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
         const std::string folder = "/tmp/lw-sysfs-process-" + std::to_string(::getpid());
-        const pid_t pid = spawn({LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"}, -1);
+        const pid_t pid = lw_test::spawn_program({LANEWRIGHT_SIM_PATH, "--sysfs-view", folder, "--no-server"}, -1);
         ASSERT_NE(pid, 0);
         // Polls every 20 ms for up to 10 s; false when it ran out.
         auto until = [](auto done) {
