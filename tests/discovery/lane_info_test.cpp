@@ -76,18 +76,6 @@ TEST(LaneInfoChoice, EachDieNameGetsItsClass) {
               "Error in get_lane_generic_info. Did not handle Hesk32");
 }
 
-TEST(LaneInfoChoice, FamiliesWithoutPcsBaseSayNotImplemented) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"KX800", "Not implemented KX800LaneGenericInformation::get_pcs_base_address"},
-        {"Ferrow", "FerrowLaneGenericInformation::get_pcs_base_address Not implemented"},
-        {"Ferrow2", "Ferrow2LaneGenericInformation::get_pcs_base_address Not implemented"},
-    };
-    for (const auto& [name, text] : rows) {
-        const auto info = get_lane_generic_info(named_die(name));
-        EXPECT_EQ(thrown_text([&] { info->get_pcs_base_address(info->get_link_names().at(0)); }), text);
-    }
-}
-
 // Every chip table: each lane has a PHY block, and no two blocks of a chip
 // overlap (a block spans 0x10000 either side of its base).
 TEST(ChipLaneTables, EveryLaneHasItsOwnPhyBlock) {

@@ -52,25 +52,6 @@ private:
     [[noreturn]] static void none() { throw std::runtime_error("not in this store"); }
 };
 
-TEST(GetCurrentLTSSMState, MapsEverySixBitValue) {
-    std::map<unsigned, std::string> expected;
-    const auto rows = {std::make_tuple(0u, 4u, "Detect"), {42u, 42u, "Detect"}, {5u, 8u, "Polling"},
-                       {50u, 50u, "Polling"}, {9u, 15u, "Configuration"}, {48u, 48u, "Configuration"},
-                       {16u, 16u, "L0"}, {17u, 23u, "L0s"}, {44u, 47u, "L0s"}, {24u, 27u, "L1"}, {28u, 31u, "L2"},
-                       {43u, 43u, "L2"}, {32u, 35u, "Recovery"}, {49u, 49u, "Recovery"}, {52u, 55u, "Recovery"},
-                       {36u, 37u, "Loopback"}, {51u, 51u, "Loopback"}, {38u, 38u, "HotReset"},
-                       {39u, 41u, "Disabled"}, {56u, 59u, "L1SS"}, {63u, 63u, "N/A"}};
-    for (const auto& [first, last, name] : rows)
-        for (unsigned v = first; v <= last; ++v) expected[v] = name;
-    EXPECT_EQ(GetCurrentLTSSMState::value_to_state, expected);
-
-    const auto list = GetCurrentLTSSMState().get_list_of_lc_state();
-    ASSERT_EQ(list.size(), 61u);
-    EXPECT_EQ(list.front(), "Detect(0x0)");
-    EXPECT_EQ(list[16], "L0(0x10)");
-    EXPECT_EQ(list.back(), "N/A(0x3f)");
-}
-
 TEST(GetCurrentLTSSMState, CurrentStateAndHistory) {
     FakeStore store;
     store.values[{"PCIE_LC_STATE0", "PCIE1_nbio0", 2}] = 0x2A3D'C010;  // low 6 bits of 0x10: L0

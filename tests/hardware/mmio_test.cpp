@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <stdexcept>
 
 #include "hardware/test_temp_folder.h"
@@ -133,24 +132,6 @@ TEST_F(MMIOTest, ConfigurationAccessWrapsTheLowHalfInsideItsBlock) {
     WritePCIMMIO write(0xFFFFFFF0, fmem(), mem());
     EXPECT_TRUE(write.write32(0, 0, 0, 0, 0x24, 0xC0FFEE));
     EXPECT_EQ(word_at(mem(), 0x14), 0xC0FFEEu);
-}
-
-TEST_F(MMIOTest, UnofferedWidthsThrowTheirTexts) {
-    make_memory(mem(), 4096, {});
-    ReadPCIMMIO read(0, fmem(), mem());
-    WritePCIMMIO write(0, fmem(), mem());
-    MMIO_lin mmio(fmem(), mem());
-    unsigned int value = 0;
-    unsigned char buffer[4] = {};
-    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-        {[&] { read.read16(0, 0, 0, 0, 0, value); }, "Not implemented ReadPCIMMIO::read16"},
-        {[&] { read.read8(0, 0, 0, 0, 0, value); }, "Not implemented ReadPCIMMIO::read8"},
-        {[&] { write.write16(0, 0, 0, 0, 0, 0); }, "Not implemented WritePCIMMIO::write16"},
-        {[&] { write.write8(0, 0, 0, 0, 0, 0); }, "Not implemented WritePCIMMIO::write8"},
-        {[&] { mmio.read(0, 0, buffer, 4, true); }, "MMIO_lin::read() Not implemented."},
-        {[&] { mmio.write(0, 0, buffer, 4, true); }, "MMIO_lin::write() Not implemented."},
-    };
-    for (const auto& [call, text] : cases) EXPECT_EQ(lw_test::thrown_text(call), text);
 }
 
 }  // namespace

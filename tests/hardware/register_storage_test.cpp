@@ -262,45 +262,4 @@ TEST(RegisterStore, EveryDieNameHasItsStoreClass) {
               "Error: get_register_store cannot handle Gizmo");
 }
 
-TEST(RegisterStore, UnservedChipsThrowTheirNotImplementedTexts) {
-    const USB::USB4Port port{};
-    (void)port;
-    struct Case {
-        const char* die;
-        std::function<void(const RegisterStorage&)> lookup;
-        std::string text;
-    };
-    const Case cases[] = {
-        {"Ombrel", [](const RegisterStorage& s) { s.get_sata_register("X", 0); },
-         "Not implemented KX800RegisterStorage::get_sata_register."},
-        {"Ombrel", [](const RegisterStorage& s) { s.get_pcie_core_func_lane_register("X", "C", 0, 0); },
-         "Not implemented OBLRegisterStorage::get_pcie_lane_register."},
-        {"KX800", [](const RegisterStorage& s) { s.get_register_list_with_address("X"); },
-         "Not implemented KX800RegisterStorage::get_register_list_with_address."},
-        {"KX800", [](const RegisterStorage& s) { s.get_usr_register("X", "G0", 0); },
-         "Not implemented KX800RegisterStorage::get_usr_register."},
-        {"KX900C", [](const RegisterStorage& s) { s.get_mpio_register("X"); },
-         "Not implemented KX900RegisterStorage::get_mpio_register."},
-        {"KX900X", [](const RegisterStorage& s) { s.get_cxl_register("X", "C", 0); },
-         "Not implemented KX900ARegisterStorage::get_cxl_register."},
-        {"Ferrow2", [](const RegisterStorage& s) { s.get_iohc_register("X", "C"); },
-         "Not implemented FerrowRegisterStorage::get_iohc_register."},
-        {"Sabrel Crown", [](const RegisterStorage& s) { s.get_mpio_register("X"); },
-         "Not implemented SabrelRegisterStorage::get_mpio_register."},
-        {"Rusk", [](const RegisterStorage& s) { s.get_iohc_register("X", "C"); },
-         "Not implemented TamblinRegisterStorage::get_iohc_register."},
-        {"Hesk32", [](const RegisterStorage& s) { s.get_mpio_register("X"); },
-         "Not implemented Hesk31RegisterStorage::get_mpio_register."},
-        {"Hesk44", [](const RegisterStorage& s) { s.get_iohc_register("X", "C"); },
-         "Not implemented Hesk48RegisterStorage::get_iohc_register."},
-        // Lookups these chips do offer miss, as their tables are empty.
-        {"Hesk31", [](const RegisterStorage& s) { s.get_lane_register("X", "P0", 1); },
-         "Register not in the Hesk31 lane list - X-P0-1"},
-    };
-    for (const Case& c : cases) {
-        const auto store = make_register_store(c.die, nullptr);
-        EXPECT_EQ(thrown_text([&] { c.lookup(*store); }), c.text) << c.die;
-    }
-}
-
 }  // namespace
