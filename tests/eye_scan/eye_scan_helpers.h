@@ -2,7 +2,6 @@
 // back what a scan wrote.
 #pragma once
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -15,6 +14,7 @@
 #include "hardware/chips/e32_phy_firmware.h"
 #include "hardware/crn_factory.h"
 #include "hardware/register_storage.h"
+#include "support/text_file.h"
 
 namespace eye_test {
 
@@ -44,12 +44,7 @@ struct LaneScan {
     std::unique_ptr<CorvaneEyeScan> scan;
 };
 
-inline std::string read_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using lw_test::read_text;
 
 // Rows of a "<id>_data.csv": each line's values (every value ends in ",").
 inline std::vector<std::vector<long>> read_csv(const std::string& path) {

@@ -1,22 +1,14 @@
 // Helper programs run without a shell, bounded, with their output in a log.
 #include "hardware/run_program.h"
 
-#include <fstream>
-#include <sstream>
-
 #include <gtest/gtest.h>
 
+#include "support/text_file.h"
 #include "test_temp_folder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string read(const std::filesystem::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 struct Case {
     const char* name;
@@ -61,7 +53,7 @@ TEST(RunProgram, EndsAsTheProgramDidOrIsStoppedAtItsBound) {
         EXPECT_LT(std::chrono::steady_clock::now() - begun, 10s);
     }
     EXPECT_FALSE(std::filesystem::exists(folder.path() / "ran"));
-    const std::string text = read(log);
+    const std::string text = lw_test::read_text(log);
     // Each run is named in the log, quoted so it can be typed back.
     EXPECT_NE(text.find("$ /usr/bin/echo '" + hostile + "'\n" + hostile + "\n"), std::string::npos) << text;
     EXPECT_NE(text.find("cannot start"), std::string::npos) << text;

@@ -6,10 +6,8 @@
 
 #include <condition_variable>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "discovery/port_mapping.h"
@@ -19,6 +17,7 @@
 #include "hardware/system_facts.h"
 #include "panels/pcie_perf_counter_gui_interface.h"
 #include "simulator/platform.h"
+#include "support/text_file.h"
 
 using nlohmann::json;
 
@@ -163,10 +162,7 @@ TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) 
         EXPECT_GT(std::stoull(row["value"].get<std::string>()), 0u) << row.dump();
     }
 
-    std::ifstream in(folder / "count.txt");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string log = text.str();
+    const std::string log = lw_test::read_text(folder / "count.txt");
     const std::string stamp = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4})";
     EXPECT_TRUE(std::regex_search(log, std::regex("^\n" + stamp + " \\(Start\\)\n"))) << log.substr(0, 200);
     EXPECT_TRUE(std::regex_search(log, std::regex("\n" + stamp + " \\(End\\)\n$"))) << log.substr(log.size() - 200);

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cairo.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,22 +16,17 @@
 
 #include <nlohmann/json.hpp>
 
-extern char** environ;
+#include "support/program.h"
+#include "support/text_file.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using lw_test::read_text;
 
 struct Eye {
     double left, right, top, bottom;  // UI and mV, signed coordinates
 };
-
-std::string read_text(const fs::path& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class PlotEye : public ::testing::Test {
 protected:
@@ -67,23 +59,14 @@ protected:
         std::ofstream(meta_path) << meta.dump(4);
     }
 
-    // Runs the binary without a shell; its exit status, stderr in err.
+    // Runs the binary; its exit status, stderr in err.
     int run(std::vector<std::string> args, std::string& err) const {
         args.insert(args.begin(), PLOT_EYE_PATH);
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
         const std::string err_path = dir.string() + ".err";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = 0;
-        int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), status = 0;
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
+        const int status = lw_test::run_program(args, err_path).status;
         err = read_text(err_path);
         fs::remove(err_path);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
 
     std::vector<double> figures() const {

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include "hardware/test_temp_folder.h"
@@ -15,10 +14,13 @@
 #include "service/result_archive.h"
 #include "service/wire_server.h"
 #include "support/case_name.h"
+#include "support/text_file.h"
 #include "wire_client.h"
 
 using nlohmann::json;
 namespace fs = std::filesystem;
+using lw_test::lines_of;
+using lw_test::read_text;
 
 namespace {
 
@@ -81,20 +83,6 @@ std::vector<int> ids_of(const std::vector<json>& records) {
     std::vector<int> ids;
     for (const auto& r : records) ids.push_back(r["TestID"].get<int>());
     return ids;
-}
-
-std::string read_file(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
 }
 
 // Five runs made out of date order; three share the label "2 May 9:06AM"
@@ -275,7 +263,7 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
     const json range = {{"start", "2 May 9:06AM"}, {"end", "2 May 1:05PM"}, {"dir_path", out.path().string()}};
     EXPECT_EQ(post("/api/1.0/DownloadToCSV", range).body, "[]");
     EXPECT_EQ(next_download_message(), "2 pcie device and 0 hvl devices data dumped.");
-    const std::string file = read_file(out.path() / "pcie_margin_report.csv");
+    const std::string file = read_text(out.path() / "pcie_margin_report.csv");
     const auto lines = lines_of(file);
     ASSERT_EQ(lines.size(), 4u) << file;  // header, two lanes of test 1, one of test 3
     EXPECT_EQ(lines[0].rfind("Segment, ", 0), 0u);
@@ -299,7 +287,7 @@ TEST_F(ServedArchive, DownloadWritesTheFileAndTheBrowserGetsTheSameBytes) {
     EXPECT_EQ(get("/api/1.0/ExportResultsCSV?from=2024_05_02-09_06_30&to=2024_05_02-13_05_00").body, served.body)
         << "stamps select the same tests";
     const auto hvl = get("/api/1.0/ExportResultsCSV?start=2+May+9%3A06AM&end=2+May+1%3A05PM&kind=hvl");
-    EXPECT_EQ(hvl.body, read_file(out.path() / "hvl_margin_report.csv"));
+    EXPECT_EQ(hvl.body, read_text(out.path() / "hvl_margin_report.csv"));
     EXPECT_EQ(hvl.headers.at("content-disposition"), "attachment; filename=\"hvl_margin_report.csv\"");
 
     EXPECT_EQ(post("/api/1.0/DownloadToCSV", json{{"start", "1 May 9:06AM"}, {"end", "2 May 1:05PM"},
