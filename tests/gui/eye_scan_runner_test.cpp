@@ -2,8 +2,6 @@
 // records the queue refuses, and how a run or a lane ends when something fails.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -14,6 +12,7 @@
 #include "gui/model_machine.h"
 #include "gui/test_record_checks.h"
 #include "hardware/register_storage.h"
+#include "hardware/test_temp_folder.h"
 
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -22,13 +21,6 @@ namespace {
 
 const char* const kHeader = "Name,Lane,EyeWidthUI,EyeHeightMV,EyeTopMV,EyeBottomMV,EyeLeftUI,EyeRightUI,BERFloor,Area,Link\n";
 const char* const kRow = "a,0,0.5,60,30,-40,-0.25,0.25,1e-7,1,G1\n";
-
-fs::path fresh_folder(const std::string& name) {
-    const fs::path folder = fs::temp_directory_path() / ("eye_" + name + "_" + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    return folder;
-}
 
 TEST(EyeScanOutput, SmallestDistanceOfEachFigureOrTheReason) {
     struct Case {
@@ -46,7 +38,8 @@ TEST(EyeScanOutput, SmallestDistanceOfEachFigureOrTheReason) {
         {"fewer rows than lanes", kRow, 2, "Unable to parse CSV file", {}},
         {"no analysis file", "", 1, "Unable to parse CSV file", {}},
     };
-    const fs::path folder = fresh_folder("output");
+    const TestTempFolder temp;
+    const fs::path& folder = temp.path();
     const std::string path = (folder / "analysis.csv").string();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -60,7 +53,6 @@ TEST(EyeScanOutput, SmallestDistanceOfEachFigureOrTheReason) {
         const char* keys[] = {"VrefTop (mv)", "VrefBot (mv)", "PhaseLeft (UI)", "PhaseRight (UI)"};
         for (std::size_t i = 0; i < c.figures.size(); ++i) EXPECT_DOUBLE_EQ(output[keys[i]].get<double>(), c.figures[i]);
     }
-    fs::remove_all(folder);
 }
 
 // The records the browser could build, then each way one may be wrong.
@@ -149,7 +141,8 @@ TEST(EyeScanRun, EndsWithTheFirstFailureNamingItsLane) {
     const std::string die = machine.store.get_die_list().front().full_name();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const fs::path root = fresh_folder("run");
+        const TestTempFolder temp;
+        const fs::path& root = temp.path();
         FolderScheduler scheduler(root);
         TestStorage storage;
         std::vector<unsigned int> scanned;
@@ -178,7 +171,6 @@ TEST(EyeScanRun, EndsWithTheFirstFailureNamingItsLane) {
         EXPECT_EQ(output["Status"], *c.reason ? "Failed" : "complete") << output.dump();
         EXPECT_NE(output.value("FailureReason", "").find(c.reason), std::string::npos) << output.dump();
         EXPECT_EQ(scanned, c.scanned);
-        fs::remove_all(root);
     }
 }
 
@@ -189,7 +181,8 @@ TEST(EyeScanLane, ScansOrSaysWhyAndReleasesTheOverride) {
         profile["faults"] = {{{"type", "hvl_override_never_granted"}, {"socket", 0}, {"link", "G1"}, {"lane", 1}},
                              {{"type", "eye_ring_stall"}, {"socket", 0}, {"link", "G1"}, {"lane", 2}}};
     });
-    const fs::path folder = fresh_folder("lane");
+    const TestTempFolder temp;
+    const fs::path& folder = temp.path();
     struct Case {
         unsigned int lane;
         bool abandon;
@@ -207,7 +200,6 @@ TEST(EyeScanLane, ScansOrSaysWhyAndReleasesTheOverride) {
         if (c.lane != 1)
             EXPECT_TRUE(CorvaneE32PCSCommands("G1", c.lane, get_register_store(machine.die0)).check_if_override_is_working());
     }
-    fs::remove_all(folder);
 }
 
 }  // namespace

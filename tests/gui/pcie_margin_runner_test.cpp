@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include "discovery/pci_detection.h"
 #include "discovery/port_mapping.h"
@@ -15,6 +14,7 @@
 #include "gui/test_progress.h"
 #include "margin_pcie/execute_lane_margin_command.h"
 #include "hardware/crn_factory.h"
+#include "hardware/test_temp_folder.h"
 #include "simulator/platform.h"
 #include "support/case_name.h"
 
@@ -22,13 +22,6 @@ using nlohmann::json;
 namespace fs = std::filesystem;
 
 namespace {
-
-fs::path fresh_folder(const std::string& name) {
-    const fs::path folder = fs::temp_directory_path() / (name + "_" + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    return folder;
-}
 
 json read_json(const fs::path& path) {
     std::ifstream in(path);
@@ -47,7 +40,8 @@ class RunEnds : public ::testing::TestWithParam<EndCase> {};
 
 TEST_P(RunEnds, LeavesOnlyTheFilesOfThatEnd) {
     const EndCase& c = GetParam();
-    const fs::path folder = fresh_folder(std::string("runner_end_") + c.name);
+    const TestTempFolder temp;
+    const fs::path& folder = temp.path();
     const json output = run_and_write_pcie_margin(c.margin, folder.string());
 
     EXPECT_EQ(output["Status"], "Failed");
@@ -56,7 +50,6 @@ TEST_P(RunEnds, LeavesOnlyTheFilesOfThatEnd) {
     EXPECT_EQ(output["ResultsFolder"], folder.string());
     EXPECT_EQ(fs::exists(folder / "raw_data.json"), c.raw_data);
     EXPECT_FALSE(fs::exists(folder / "pcie_margin.csv"));
-    fs::remove_all(folder);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -149,7 +142,6 @@ protected:
         TestRunnerRegistry::get().clear();
         reset_all_port_data();
         set_system_facts(nullptr);
-        fs::remove_all(root);
     }
     // Runs scheduler passes until the queue and the running list are empty.
     void run_to_end(MaxTestScheduler& scheduler) {
@@ -181,7 +173,8 @@ protected:
     }
 
     sim::Platform platform = sim::load_platform("", 7, 1e5);
-    fs::path root = fresh_folder("runner_model");
+    TestTempFolder temp;
+    const fs::path root = temp.path();
     GUIResourceStore store{root.string()};
     TestStorage storage;
     std::vector<PCIDeviceDetails> devices;

@@ -4,14 +4,9 @@
 
 #include <sstream>
 
-#include "discovery/pci_detection.h"
-#include "discovery/port_mapping.h"
-#include "hardware/crn_factory.h"
-#include "hardware/gfx_accessor_maker.h"
-#include "hardware/system_facts.h"
+#include "gui/model_machine.h"
 #include "running_service.h"
 #include "service/web_back_end.h"
-#include "simulator/platform.h"
 #include "wire_client.h"
 
 using nlohmann::json;
@@ -20,26 +15,9 @@ namespace {
 
 class LinkRoutes : public ::testing::Test {
 protected:
-    LinkRoutes() {
-        platform.install();
-        reset_all_port_data();
-        CRNFactory::reset();
-        CRNFactory::initalize(read, write);
-        devices = DetectPCIDevices()(read);
-        store.store_pcie_device_list(devices, read, write);
-    }
-    ~LinkRoutes() override {
-        reset_all_port_data();
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        set_gfx_accessor_maker(nullptr);
-    }
-    sim::Platform platform = sim::load_platform("", std::nullopt, 1e6);
-    std::shared_ptr<ReadPCI> read = platform.read_pci();
-    std::shared_ptr<WritePCI> write = platform.write_pci();
-    GUIResourceStore store{"/nonexistent"};
+    gui_test::ModelMachine machine;
+    GUIResourceStore& store = machine.store;
     TestStorage storage;
-    std::vector<PCIDeviceDetails> devices;
 };
 
 int index_named(const json& values, const std::string& prefix) {
