@@ -19,22 +19,11 @@ protected:
     }
 };
 
+// The scan reads config space; the model lists its functions from the
+// topology: the two must agree, function for function.
 TEST_F(Discovery, ScanFindsEveryModelledFunction) {
     const auto found = DetectPCIDevices()(read);
-    std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned>> got;
-    for (const auto& f : found) got.emplace_back(f.bus, f.device, f.function, f.vendor_id, f.device_id);
-    const std::vector<std::tuple<unsigned, unsigned, unsigned, unsigned, unsigned>> expected = {
-        {0x00, 0, 0, 0x1F7E, 0x14A4}, {0x00, 1, 0, 0x1F7E, 0x14AB}, {0x00, 1, 1, 0x1F7E, 0x14AB},
-        {0x00, 24, 0, 0x1F7E, 0x14AD}, {0x00, 25, 0, 0x1F7E, 0x14AD}, {0x01, 0, 0, 0x1000, 0xC010},
-        {0x02, 0, 0, 0x1000, 0xC010}, {0x02, 1, 0, 0x1000, 0xC010}, {0x02, 2, 0, 0x1000, 0xC010},
-        {0x03, 0, 0, 0x144D, 0xA80A}, {0x04, 0, 0, 0x8086, 0x1572}, {0x04, 0, 1, 0x8086, 0x1572},
-        {0x40, 0, 0, 0x1F7E, 0x14A4}, {0x40, 1, 0, 0x1F7E, 0x14AB}, {0x41, 0, 0, 0x15B3, 0x1021},
-        {0x41, 0, 1, 0x15B3, 0x1021}, {0x80, 0, 0, 0x1F7E, 0x14A4}, {0x80, 1, 0, 0x1F7E, 0x14AB},
-        {0x80, 2, 0, 0x1F7E, 0x14AB}, {0x81, 0, 0, 0x1F7D, 0x7408}, {0x82, 0, 0, 0x15B3, 0x1021},
-        {0xC0, 0, 0, 0x1F7E, 0x14A4}, {0xC0, 1, 0, 0x1F7E, 0x14AB}, {0xC0, 2, 0, 0x1F7E, 0x14AB},
-        {0xC1, 0, 0, 0x144D, 0xA80A}, {0xC2, 0, 0, 0x1000, 0x0014},
-    };
-    EXPECT_EQ(got, expected);
+    EXPECT_EQ(found.size(), 26u);
     EXPECT_EQ(found, platform.model().present_functions());
 }
 
