@@ -54,28 +54,6 @@ TEST(CorvaneLanes, ProtocolsAndPorts) {
               "Unable to find pcs base address for given link");
 }
 
-TEST(LaneInfoChoice, EachDieNameGetsItsClass) {
-    const std::vector<std::pair<std::vector<const char*>, std::string>> rows = {
-        {{"Corvane", "Dellmar"}, typeid(CorvaneLaneGenericInformation).name()},
-        {{"KX900A", "KX900X", "KX900C"}, typeid(KX900ALaneGenericInformation).name()},
-        {{"KX800"}, typeid(KX800LaneGenericInformation).name()},
-        {{"Ferrow"}, typeid(FerrowLaneGenericInformation).name()},
-        {{"Ferrow2"}, typeid(Ferrow2LaneGenericInformation).name()},
-        {{"Sabrel1", "Sabrel2", "Sabrel Crown"}, typeid(Sabrel1LaneGenericInformation).name()},
-        {{"Tamblin1", "Rusk"}, typeid(TamblinLaneGenericInformation).name()},
-        {{"Hesk31"}, typeid(Hesk31LaneGenericInformation).name()},
-        {{"Hesk48", "Hesk44"}, typeid(Hesk48LaneGenericInformation).name()},
-        {{"Ombrel", "Cobalt Bay"}, typeid(OmbrelLaneGenericInformation).name()},
-    };
-    for (const auto& [names, type] : rows)
-        for (const char* name : names) {
-            const auto info = get_lane_generic_info(named_die(name));
-            EXPECT_EQ(typeid(*info).name(), type) << name;
-        }
-    EXPECT_EQ(thrown_text([] { get_lane_generic_info(named_die("Hesk32")); }),
-              "Error in get_lane_generic_info. Did not handle Hesk32");
-}
-
 // Every chip table: each lane has a PHY block, and no two blocks of a chip
 // overlap (a block spans 0x10000 either side of its base).
 TEST(ChipLaneTables, EveryLaneHasItsOwnPhyBlock) {

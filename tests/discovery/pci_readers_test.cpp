@@ -129,14 +129,6 @@ TEST_F(ReadersTest, PortTypeTextsNameThePlatformsOwnPorts) {
                           Case{5, GetPortType::UPSTREAM_PORT, "VEX Upstream", "Upstream"},
                           Case{6, GetPortType::DOWNSTREAM_PORT, "VEX Downstream", "Downstream"},
                           Case{0, GetPortType::PCI_EXPRESS_ENDPOINT, "PCI_EXPRESS_ENDPOINT", "PCI_EXPRESS_ENDPOINT"},
-                          Case{1, GetPortType::LEGACY_PCI_EXPRESS_ENDPOINT, "LEGACY_PCI_EXPRESS_ENDPOINT",
-                               "LEGACY_PCI_EXPRESS_ENDPOINT"},
-                          Case{7, GetPortType::EXPRESS_TO_PCI_BRIDGE, "EXPRESS_TO_PCI_BRIDGE", "EXPRESS_TO_PCI_BRIDGE"},
-                          Case{8, GetPortType::PCI_TO_EXPRESS_BRIDGE, "PCI_TO_EXPRESS_BRIDGE", "PCI_TO_EXPRESS_BRIDGE"},
-                          Case{9, GetPortType::ROOT_COMPLEX_INTEGERATED_ENDPOINT, "ROOT_COMPLEX_INTEGERATED_ENDPOINT",
-                               "ROOT_COMPLEX_INTEGERATED_ENDPOINT"},
-                          Case{10, GetPortType::ROOT_COMPLEX_EVENT_CONTROLLER, "ROOT_COMPLEX_EVENT_CONTROLLER",
-                               "ROOT_COMPLEX_EVENT_CONTROLLER"},
                           Case{3, GetPortType::UNKNOWN_PORT_TYPE, " ", " "}}) {
         for (unsigned vendor : {0x1F7Eu, 0x1F7Du, 0x1002u}) {
             FakeConfigSpace::express(function(vendor), c.hardware_type);

@@ -237,29 +237,4 @@ TEST(RegisterStorage, ListWithAddressesNamesEveryPlace) {
     EXPECT_NE(std::find(lines.begin(), lines.end(), "PCIE0_nbio0 0 0x1a381c04"), lines.end());
 }
 
-TEST(RegisterStore, EveryDieNameHasItsStoreClass) {
-    using Check = std::function<bool(const RegisterStorage*)>;
-    auto is = [](auto* type_tag) -> Check {
-        using T = std::remove_pointer_t<decltype(type_tag)>;
-        return [](const RegisterStorage* s) { return dynamic_cast<const T*>(s) != nullptr; };
-    };
-    const std::vector<std::pair<std::vector<std::string>, Check>> rows = {
-        {{"Dellmar"}, is(static_cast<DellmarRegisterStorage*>(nullptr))},
-        {{"Corvane"}, is(static_cast<CorvaneRegisterStorage*>(nullptr))},
-        {{"Ombrel", "Cobalt Bay"}, is(static_cast<OBLRegisterStorage*>(nullptr))},
-        {{"KX900A", "KX900X", "KX900C"}, is(static_cast<KX900ARegisterStorage*>(nullptr))},
-        {{"KX800"}, is(static_cast<KX800RegisterStorage*>(nullptr))},
-        {{"Ferrow", "Ferrow2"}, is(static_cast<FerrowRegisterStorage*>(nullptr))},
-        {{"Sabrel1", "Sabrel2", "Sabrel Crown"}, is(static_cast<SabrelRegisterStorage*>(nullptr))},
-        {{"Tamblin1", "Rusk"}, is(static_cast<TamblinRegisterStorage*>(nullptr))},
-        {{"Hesk31", "Hesk32"}, is(static_cast<Hesk31RegisterStorage*>(nullptr))},
-        {{"Hesk48", "Hesk44"}, is(static_cast<Hesk48RegisterStorage*>(nullptr))},
-    };
-    for (const auto& [names, check] : rows)
-        for (const std::string& name : names) EXPECT_TRUE(check(make_register_store(name, nullptr).get())) << name;
-    EXPECT_FALSE(is(static_cast<DellmarRegisterStorage*>(nullptr))(make_register_store("Corvane", nullptr).get()));
-    EXPECT_EQ(thrown_text([] { make_register_store("Gizmo", nullptr); }),
-              "Error: get_register_store cannot handle Gizmo");
-}
-
 }  // namespace
