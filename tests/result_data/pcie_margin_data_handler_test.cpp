@@ -7,39 +7,12 @@
 #include "result_data/obfuscate_data.h"
 #include "result_data/static_data.h"
 #include "support/case_name.h"
+#include "support/margin_lane.h"
 #include "support/thrown.h"
 
 using nlohmann::json;
 
 namespace {
-
-// A mapped lane with every group present.
-json mapped_lane(unsigned serial) {
-    json lane = {
-        {"Segment", 0}, {"Bus", 65}, {"Device", 0}, {"Function", 0}, {"BIOSVERSION", "SIM2S.1.09"},
-        {"SpeedStart", "16 GT/s"}, {"SpeedEnd", "16 GT/s"}, {"WidthStart", "x16"}, {"WidthEnd", "x16"},
-        {"VENDORID", "15b3"}, {"PCIEID", "1021"}, {"loop", 1}, {"LaneSerialID", serial}, {"LanePCIeNo", serial},
-        {"BER", 1e-12}, {"ErrCnt", 4}, {"DwellTime", 120}, {"ReceiverNo", 1},
-        {"NumTimingSteps", 32}, {"MaxTimingOffset", 50}, {"VoltSupported", true}, {"NumVoltSteps", 64},
-        {"MaxVoltOffset", 20}, {"MaxLanes", 31},
-        {"PhaseTotalMargin", 0.5}, {"VoltTotalMargin", 0.1}, {"PhaseLeftMargin", 0.25}, {"PhaseRightMargin", 0.25},
-        {"VoltTopMargin", 0.05}, {"VoltBotomMargin", 0.05}, {"PhaseLeftOffset", 16}, {"PhaseRightOffset", 16},
-        {"VoltTopOffset", 32}, {"VoltBottomOffset", 32},
-        {"VEXDevicePresent", true}, {"DeviceName", "Corvane"}, {"PCIeController", "PCIE0_nbio0"},
-        {"PCIeFunctionIndex", 0}, {"PortNo", 0}, {"SERDES", "P0"}, {"PhyName", "E32"}, {"PhyFwVersion", "3.10.2"},
-        {"LanePhysicalID", 15 - serial}, {"Socket", 0}, {"Die", 0}, {"ASICID", "Not Available"},
-        {"RxEqValid", true}, {"vga", 7}, {"ctleidx", 3}, {"iq", 1}, {"H0", 40}, {"H1", -2}, {"H2", 1}, {"H3", 0},
-        {"TimeStamp", "2024-05-01 10:00:00"}, {"MarginType", "std-fm"},
-    };
-    unsigned value = 1;
-    for (const char* key : {"TxPreset", "LCBestPreset", "LCLocalPreset", "USPTxPreset", "LCLocalPreCursor",
-                            "LCLocalCursor", "LCLocalPostCursor", "LCBestPreCursor", "LCBestCursor",
-                            "LCBestPostCursor", "LCBestFom"}) {
-        lane[key] = value++;
-        lane[std::string(key) + "Got"] = true;
-    }
-    return lane;
-}
 
 std::string static_keys() {
     std::string cells;
@@ -94,7 +67,7 @@ class PcieCsvHeader : public ::testing::TestWithParam<HeaderCase> {};
 TEST_P(PcieCsvHeader, CellsAsTheReportNamesThem) {
     const HeaderCase& c = GetParam();
     StaticDataHandler::get().set_static_fields("SystemName", "lw-sim-2s");
-    json first = mapped_lane(0);
+    json first = lw_test::margin_lane(0);
     first["PhyName"] = c.phy;
     auto handler = DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, c.mode, false);
     std::ostringstream out;
@@ -155,8 +128,8 @@ TEST_P(PcieCsvRow, AbsentGroupsAreNotAvailable) {
     // Each case runs in a process of its own under CTest: give the static
     // block a value so the tail after it can be found.
     StaticDataHandler::get().set_static_fields("SystemName", "lw-sim-2s");
-    const json first = mapped_lane(0);
-    json lane = mapped_lane(3);
+    const json first = lw_test::margin_lane(0);
+    json lane = lw_test::margin_lane(3);
     c.change(lane);
     auto handler = DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, c.mode, false);
     std::ostringstream out;
@@ -204,8 +177,8 @@ INSTANTIATE_TEST_SUITE_P(
     lw_test::by_name);
 
 TEST(PcieCsv, DeviceKeysComeFromTheFirstLane) {
-    json first = mapped_lane(0);
-    json lane = mapped_lane(2);
+    json first = lw_test::margin_lane(0);
+    json lane = lw_test::margin_lane(2);
     for (const char* key : {"Segment", "Bus", "BIOSVERSION", "VENDORID", "PCIEID"}) lane.erase(key);
     std::ostringstream out;
     DataHandlerCreator::get_data_handler(PCIE_DATA_HANDLER, DUMP_MODE_PLAIN, false)->dump_data(lane, first, out);

@@ -14,6 +14,7 @@
 #include "service/result_archive.h"
 #include "service/wire_server.h"
 #include "support/case_name.h"
+#include "support/margin_lane.h"
 #include "support/text_file.h"
 #include "wire_client.h"
 
@@ -24,37 +25,14 @@ using lw_test::read_text;
 
 namespace {
 
-// One lane object of a PCIe margin report with every key its CSV row reads;
-// the first lane alone carries the device's keys.
-json lane(int serial, bool with_device_keys) {
-    json lane = {{"LaneSerialID", serial}, {"LanePCIeNo", serial}, {"LanePhysicalID", serial + 16},
-                 {"TimeStamp", "2024_05_02-09_06_30"}, {"MarginType", "std-fm"}, {"VoltSupported", true},
-                 {"RxEqValid", false}, {"PhaseRightMargin", 0.28 + serial / 100.0}};
-    for (const char* key : {"loop", "BER", "ErrCnt", "DwellTime", "ReceiverNo", "NumTimingSteps", "MaxTimingOffset",
-                            "NumVoltSteps", "MaxVoltOffset", "MaxLanes", "PhaseRightOffset", "PhaseLeftOffset",
-                            "PhaseLeftMargin", "PhaseTotalMargin", "VoltTopOffset", "VoltBottomOffset",
-                            "VoltTopMargin", "VoltBotomMargin", "VoltTotalMargin"}) {
-        lane[key] = 7;
-    }
-    for (const char* key : {"TxPreset", "LCBestPreset", "LCLocalPreset", "USPTxPreset", "LCLocalPreCursor",
-                            "LCLocalCursor", "LCLocalPostCursor", "LCBestPreCursor", "LCBestCursor",
-                            "LCBestPostCursor", "LCBestFom"}) {
-        lane[key] = 3;
-        lane[std::string(key) + "Got"] = true;
-    }
-    if (!with_device_keys) return lane;
-    lane.update(json{{"Segment", 0}, {"Bus", 3}, {"Device", 0}, {"Function", 0}, {"VENDORID", "1f7e"},
-                     {"PCIEID", "14a4"}, {"BIOSVERSION", "1.2.3"}, {"SpeedStart", 4}, {"WidthStart", 16},
-                     {"SpeedEnd", 4}, {"WidthEnd", 16}, {"VEXDevicePresent", true}, {"DeviceName", "Corvane0"},
-                     {"Socket", 0}, {"Die", 0}, {"ASICID", "0x1234"}, {"PCIeController", "PCIE0"},
-                     {"PCIeFunctionIndex", 1}, {"PortNo", 2}, {"SERDES", "P0"}, {"PhyFwVersion", 7},
-                     {"PhyName", "E32"}});
-    return lane;
-}
-
+// Lanes whose speed has no eye thresholds, so no grade is formed.
 json margin_data(int lanes) {
     json data = json::array();
-    for (int i = 0; i < lanes; ++i) data.push_back(lane(i, i == 0));
+    for (int i = 0; i < lanes; ++i) {
+        json lane = lw_test::margin_lane(i);
+        lane["SpeedStart"] = lane["SpeedEnd"] = 4;
+        data.push_back(lane);
+    }
     return data;
 }
 
