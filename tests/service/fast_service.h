@@ -2,45 +2,24 @@
 // a margin or an eye scan in seconds, with its results in a folder of its own.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
-#include "wire_client.h"
+#include "service_process.h"
 
 namespace wire_test {
 
 using nlohmann::json;
 
-struct FastService {
-    pid_t pid = -1;
-    unsigned port = wire_test::free_port();
-    std::filesystem::path results =
-        std::filesystem::temp_directory_path() / ("lanewright_fast_" + std::to_string(::getpid()));
-
-    FastService() {
-        pid = ::fork();
-        if (pid == 0) {
-            const int null = ::open("/dev/null", O_WRONLY);
-            ::dup2(null, STDOUT_FILENO);
-            ::dup2(null, STDERR_FILENO);
-            const std::string port_text = std::to_string(port);
-            ::execl(LANEWRIGHT_SIM_PATH, LANEWRIGHT_SIM_PATH, "--port", port_text.c_str(), "--results",
-                    results.c_str(), "--time-scale", "100000", nullptr);
-            ::_exit(127);
-        }
-    }
-    ~FastService() {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        std::filesystem::remove_all(results);
+struct FastService : ServiceProcess {
+    FastService()
+        : ServiceProcess(free_port(),
+                         std::filesystem::temp_directory_path() / ("lanewright_fast_" + std::to_string(::getpid())),
+                         {"--time-scale", "100000"}, 0, true) {
+        owns_results = true;
     }
     json get(const std::string& path) {
         for (int attempt = 0; attempt < 100; ++attempt) {

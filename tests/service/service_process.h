@@ -2,6 +2,7 @@
 // to it over loopback like a user would.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -35,8 +36,10 @@ struct ServiceProcess {
         owns_results = true;
     }
     // A service on a result folder that outlives it (a restart reads it again).
+    // A quiet one's standard output goes to /dev/null, for runs too long to
+    // leave it unread in a pipe.
     ServiceProcess(unsigned listen_port, std::filesystem::path results_root, std::vector<std::string> extra = {},
-                   rlim_t descriptor_limit = 0)
+                   rlim_t descriptor_limit = 0, bool quiet = false)
         : port(listen_port), results(std::move(results_root)) {
         int pipe_fds[2];
         if (::pipe(pipe_fds) != 0) throw std::runtime_error("pipe");
@@ -52,7 +55,7 @@ struct ServiceProcess {
                 const rlimit limit{descriptor_limit, descriptor_limit};
                 ::setrlimit(RLIMIT_NOFILE, &limit);
             }
-            ::dup2(pipe_fds[1], STDOUT_FILENO);
+            ::dup2(quiet ? ::open("/dev/null", O_WRONLY) : pipe_fds[1], STDOUT_FILENO);
             ::close(pipe_fds[0]);
             ::execv(LANEWRIGHT_SIM_PATH, argv.data());
             ::_exit(127);
