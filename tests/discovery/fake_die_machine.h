@@ -79,11 +79,13 @@ private:
     }
 };
 
-// A register network of its own, for graphics dies and direct accessor use.
+// A register network of its own, for graphics dies and direct accessor use;
+// it keeps what is written and logs the accesses.
 class FakeCRN : public CRNAccessor {
 public:
     mutable std::map<unsigned, unsigned> registers;
     mutable std::vector<unsigned> reads;
+    mutable std::vector<std::pair<unsigned, unsigned>> writes;  // address, value
 
     unsigned read32(unsigned address) const override {
         reads.push_back(address);
@@ -91,6 +93,7 @@ public:
         return it == registers.end() ? 0 : it->second;
     }
     void write32(unsigned address, unsigned value) const override {
+        writes.emplace_back(address, value);
         registers[address] = value;
     }
     unsigned read16(unsigned address) const override { return read32(address) & 0xFFFF; }

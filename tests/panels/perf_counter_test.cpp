@@ -12,6 +12,7 @@
 
 #include "discovery/port_mapping.h"
 #include "discovery/die_test_helpers.h"
+#include "discovery/fake_die_machine.h"
 #include "gui/gui_resource_store.h"
 #include "hardware/crn_factory.h"
 #include "hardware/system_facts.h"
@@ -222,22 +223,6 @@ TEST(CounterStatistics, RatesPerSecondAcrossWrapsAndIdleSpans) {
     }
 }
 
-// Registers as the core sees them: writes are kept and read back.
-class RecordingCore : public CRNAccessor {
-public:
-    unsigned int read32(unsigned int address) const override { return values.count(address) ? values.at(address) : 0; }
-    void write32(unsigned int address, unsigned int value) const override {
-        writes.emplace_back(address, value);
-        values[address] = value;
-    }
-    unsigned int read16(unsigned int) const override { return 0; }
-    void write16(unsigned int, unsigned int) const override {}
-    unsigned int read8(unsigned int) const override { return 0; }
-    void write8(unsigned int, unsigned int) const override {}
-    mutable std::map<unsigned int, unsigned int> values;
-    mutable std::vector<std::pair<unsigned int, unsigned int>> writes;
-};
-
 PortMap port_on(const std::string& core, unsigned int index) {
     PortMap p;
     p.core = core;
@@ -259,7 +244,7 @@ TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters)
         {"Rusk", "PCIE0", 0, "Rusk Socket:0 Die:1"},
     };
     CPC_PCIEList list;
-    auto core = std::make_shared<RecordingCore>();
+    auto core = std::make_shared<die_test::FakeCRN>();
     for (const Family& f : families)
         list.AddToPCList({die_test::cpu_die(f.die, 0, 1), {port_on(f.core, 2)}}, [&](const VEX_DIE_INFO&) { return core; });
     list.AddToPCList({die_test::cpu_die("Foo", 0), {}}, [&](const VEX_DIE_INFO&) { return core; });
@@ -276,7 +261,7 @@ TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters)
         unsigned int slot, entry;
         std::vector<std::pair<unsigned int, unsigned int>> writes;  // offset, value
     };
-    core->values[base + 72] = 0x40;  // bits the reset must keep
+    core->registers[base + 72] = 0x40;  // bits the reset must keep
     const Reset resets[] = {
         {0, 0, {{72, 0x241}, {72, 0x240}}},  // bit 0 toggled, port 2 in bits 11:8
         {1, 0, {{72, 0x242}, {72, 0x240}}},
@@ -293,8 +278,8 @@ TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters)
         for (const auto& [address, value] : core->writes) offsets.emplace_back(address - base, value);
         EXPECT_EQ(offsets, r.writes) << "slot " << r.slot;
     }
-    core->values[base + 56] = 7;
-    core->values[base + 0xC00] = 1;
+    core->registers[base + 56] = 7;
+    core->registers[base + 0xC00] = 1;
     uint32_t low = 0, high = 0;
     EXPECT_EQ(corvane.GetCounter(0, &low, &high), 1);
     EXPECT_EQ(corvane.LastValue(0), 0x100000007u);
