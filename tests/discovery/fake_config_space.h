@@ -1,7 +1,8 @@
 // Configuration space in memory for detection tests: 4 KiB per function,
 // little-endian at any offset; absent functions and bytes past the end read
 // all ones. Reads report success, as ReadPCIStd does, unless an offset is
-// set to fail.
+// set to fail. A function given a register network in `crn` answers data
+// accesses of its index/data pair from it.
 #pragma once
 
 #include <array>
@@ -11,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "hardware/chips/chip_identity.h"
 #include "hardware/pci_access.h"
 #include "hardware/pci_device_details.h"
 
@@ -89,7 +91,11 @@ public:
                  unsigned value) const override {
         writes.push_back({{segment, bus, device, function}, offset, value});
         const auto found = _functions.find({segment, bus, device, function});
-        if (found != _functions.end()) put(found->second, offset, value);
+        const auto network = crn.find({segment, bus, device, function});
+        if (network != crn.end() && offset == chips::kCrnDataOffset)
+            network->second[get(found->second, chips::kCrnIndexOffset)] = value;
+        else if (found != _functions.end())
+            put(found->second, offset, value);
         return true;
     }
     bool write16(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) const override { return true; }
@@ -105,12 +111,18 @@ public:
         unsigned value;
     };
     mutable std::vector<Write> writes;
+    mutable std::map<Address, std::map<unsigned, unsigned>> crn;  // register address -> value
 
 private:
     bool read(unsigned segment, unsigned bus, unsigned device, unsigned function, unsigned offset, unsigned& value,
               unsigned size) const {
         if (_failing.count(offset)) return false;
         const auto found = _functions.find({segment, bus, device, function});
+        const auto network = crn.find({segment, bus, device, function});
+        if (network != crn.end() && offset == chips::kCrnDataOffset) {
+            value = network->second[get(found->second, chips::kCrnIndexOffset)];
+            return true;
+        }
         value = found == _functions.end() ? (size == 4 ? 0xFFFFFFFFu : (1u << (8 * size)) - 1)
                                           : get(found->second, offset, size);
         return true;
