@@ -13,7 +13,8 @@
 namespace gui_test {
 
 struct ModelMachine : lw_test::BootedModel {
-    explicit ModelMachine(const lw_test::Profile& profile = {}) : BootedModel(profile) {
+    explicit ModelMachine(const lw_test::Profile& profile = {}, double time_scale = 1e6)
+        : BootedModel(profile, time_scale) {
         forget_gui_caches();
         store.store_pcie_device_list(devices, read, write);
     }

@@ -6,18 +6,15 @@
 
 #include <condition_variable>
 #include <filesystem>
-#include <map>
 #include <regex>
 #include <thread>
 
 #include "discovery/port_mapping.h"
 #include "discovery/die_test_helpers.h"
 #include "discovery/fake_die_machine.h"
-#include "gui/gui_resource_store.h"
+#include "gui/model_machine.h"
 #include "hardware/crn_factory.h"
-#include "hardware/system_facts.h"
 #include "panels/pcie_perf_counter_gui_interface.h"
-#include "simulator/platform.h"
 #include "support/text_file.h"
 
 using nlohmann::json;
@@ -27,14 +24,9 @@ namespace {
 class PerfCounterPanel : public ::testing::Test {
 protected:
     void SetUp() override {
-        platform = std::make_unique<sim::Platform>(sim::load_platform("", std::nullopt, 1e4));
-        platform->install();
-        CRNFactory::initalize(platform->read_pci(), platform->write_pci());
-        store = std::make_unique<GUIResourceStore>(folder.string());
-        auto devices = platform->model().present_functions();
-        store->store_pcie_device_list(devices, platform->read_pci(), platform->write_pci());
-        const auto dies = store->get_die_list();
-        const PortMapData ports = get_all_port_data(dies, devices, platform->read_pci());
+        std::filesystem::create_directories(folder);
+        const auto dies = machine.store.get_die_list();
+        const PortMapData ports = get_all_port_data(dies, machine.devices, machine.read);
         std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
         for (const VEX_DIE_INFO& die : dies) by_die.emplace_back(die, ports.at(die));
         auto list = std::make_unique<CPC_PCIEList>();
@@ -46,12 +38,7 @@ protected:
             changed.notify_all();
         });
     }
-    void TearDown() override {
-        reset_all_port_data();
-        CRNFactory::reset();
-        set_system_facts(nullptr);
-        std::filesystem::remove_all(folder);
-    }
+    void TearDown() override { std::filesystem::remove_all(folder); }
     // The first row (slot 0) of the core space whose NAK row watches `port`.
     int space_on(const std::string& port) {
         for (const json& row : panel.GetPCIEPerfCounterInfo())
@@ -64,8 +51,7 @@ protected:
     }
 
     std::filesystem::path folder = std::filesystem::temp_directory_path() / ("lw-perf-" + std::to_string(::getpid()));
-    std::unique_ptr<sim::Platform> platform;
-    std::unique_ptr<GUIResourceStore> store;
+    gui_test::ModelMachine machine{{}, 1e4};
     PCIEPerfCounterGUIInterface panel;
     CPerformanceCounters* family = nullptr;
     std::mutex mutex;
