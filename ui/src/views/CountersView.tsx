@@ -5,7 +5,7 @@
 import { Fragment } from 'preact';
 import { useEffect, useRef, useState } from 'preact/hooks';
 import * as api from '../panels_api';
-import type { CounterRow, CounterSettings } from '../panels_api';
+import type { CounterOptions, CounterRow, CounterSettings } from '../panels_api';
 import { LiveSocket, socket_url } from '../socket';
 
 interface Sample {
@@ -44,11 +44,18 @@ export function CountersView({ visible }: { visible: boolean }) {
   const [rows, setRows] = useState<CounterRow[] | null>(null);
   const [settings, setSettings] = useState<Record<number, CounterSettings>>({});
   const [running, setRunning] = useState(false);
+  const [options, setOptions] = useState<CounterOptions | null>(null);
   const [note, setNote] = useState('');
   const samples = useRef<Sample[]>([]);
   const [history, setHistory] = useState<Record<number, number[]>>({});
 
-  const load = () => api.get_counters().then(setRows).catch((e: Error) => setNote(e.message));
+  // The options and the monitor's state come from the service: a monitor
+  // started from another screen, or before a reload, shows as running.
+  const load = () =>
+    Promise.all([api.get_counters().then(setRows), api.get_counter_options().then((o) => {
+      setOptions(o);
+      setRunning(o.running);
+    })]).catch((e: Error) => setNote(e.message));
   useEffect(() => {
     if (!visible) return;
     load();
@@ -105,7 +112,12 @@ export function CountersView({ visible }: { visible: boolean }) {
       <div class="actions">
         <button data-testid="monitor-start" disabled={running} onClick={() => act(api.start_monitor().then(() => setRunning(true)))}>Start monitor</button>
         <button data-testid="monitor-stop" disabled={!running} onClick={() => act(api.stop_monitor())}>Stop</button>
-        <label><input type="checkbox" onChange={(e) => act(api.set_counter_logging((e.target as HTMLInputElement).checked))} /> Log to count.txt</label>
+        <label><input type="checkbox" data-testid="log-count-txt" checked={options?.logToCountTxt ?? false}
+          onChange={(e) => act(api.set_counter_logging((e.target as HTMLInputElement).checked))} /> Log to count.txt</label>
+        <label title="The log skips counters that did not change"><input type="checkbox" checked={options?.changesOnly ?? false}
+          onChange={(e) => act(api.set_counter_changes_only((e.target as HTMLInputElement).checked))} /> Changes only</label>
+        <label><input type="checkbox" checked={options ? !options.decimalDisplay : false}
+          onChange={(e) => act(api.set_counter_decimal(!(e.target as HTMLInputElement).checked))} /> Hexadecimal</label>
         <button data-testid="samples-csv" onClick={download}>Samples as CSV</button>
         <span data-testid="monitor-state">{running ? 'Monitoring' : 'Stopped'}</span>
       </div>
