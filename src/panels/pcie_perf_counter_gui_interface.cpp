@@ -327,7 +327,7 @@ void PCIEPerfCounterGUIInterface::_stop() {
 void PCIEPerfCounterGUIInterface::OnStartMonitorClicked() {
     {
         std::lock_guard<std::mutex> lock(_mutex);
-        if (_running) return;
+        if (_running || _shut_down) return;
         _running = true;
         _keep_running = true;
         _start();
@@ -356,6 +356,12 @@ void PCIEPerfCounterGUIInterface::OnStartMonitorClicked() {
 }
 
 void PCIEPerfCounterGUIInterface::OnStopMonitorClicked() { _keep_running = false; }
+
+void PCIEPerfCounterGUIInterface::Shutdown() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _shut_down = true;
+    _keep_running = false;
+}
 
 void PCIEPerfCounterGUIInterface::OnDecimalDisplayClicked(bool status) {
     std::lock_guard<std::mutex> lock(_mutex);

@@ -61,6 +61,9 @@ public:
     // while one runs returns at once.
     void OnStartMonitorClicked();
     void OnStopMonitorClicked();
+    // Ends a monitor and refuses later starts: a start whose thread had not
+    // yet begun when the service stopped must not run on for ever.
+    void Shutdown();
     void OnDecimalDisplayClicked(bool status);
     void OnLogToCountTxtClicked(bool status);
     void OnChangesOnlyClicked(bool status);
@@ -94,6 +97,7 @@ private:
     int _selected = -1;
     std::atomic<bool> _running{false};
     std::atomic<bool> _keep_running{false};
+    bool _shut_down = false;  // under _mutex
     bool _decimal_display = true;
     bool _log_to_count_txt = false;
     bool _changes_only = false;

@@ -129,7 +129,7 @@ WebBackEnd::~WebBackEnd() {
     _index->cancel();
     _archive_workers.reset();
     // A run still going would keep its thread joinable; ask each to end first.
-    _perf_counter->OnStopMonitorClicked();
+    _perf_counter->Shutdown();
     // Shutdown, not a stop: a start request waiting for the old run must not begin a new one.
     _link_control->Shutdown();
     _port_status->Shutdown();

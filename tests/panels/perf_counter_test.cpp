@@ -163,6 +163,9 @@ TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) 
     EXPECT_FALSE(panel.is_running());
     EXPECT_EQ(pushes_with("counterStarted"), 1u);
     EXPECT_EQ(pushes_with("counterStopped"), 1u);
+    panel.Shutdown();
+    panel.OnStartMonitorClicked();  // a start that comes after shutdown returns at once
+    EXPECT_EQ(pushes_with("counterStarted"), 1u);
 
     const json table = panel.GetPCIEPerfCounterInfo();
     for (const Choice& c : chosen) {

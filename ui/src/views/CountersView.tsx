@@ -45,6 +45,8 @@ export function CountersView({ visible }: { visible: boolean }) {
   const [settings, setSettings] = useState<Record<number, CounterSettings>>({});
   const [running, setRunning] = useState(false);
   const [options, setOptions] = useState<CounterOptions | null>(null);
+  // Hundreds of rows: the ones being watched are hard to find without this.
+  const [onlyEnabled, setOnlyEnabled] = useState(false);
   const [note, setNote] = useState('');
   const samples = useRef<Sample[]>([]);
   const [history, setHistory] = useState<Record<number, number[]>>({});
@@ -118,6 +120,9 @@ export function CountersView({ visible }: { visible: boolean }) {
           onChange={(e) => act(api.set_counter_changes_only((e.target as HTMLInputElement).checked))} /> Changes only</label>
         <label><input type="checkbox" checked={options ? !options.decimalDisplay : false}
           onChange={(e) => act(api.set_counter_decimal(!(e.target as HTMLInputElement).checked))} /> Hexadecimal</label>
+        <label><input type="checkbox" data-testid="only-enabled" checked={onlyEnabled}
+          onChange={(e) => setOnlyEnabled((e.target as HTMLInputElement).checked)} /> Enabled rows only
+          ({(rows ?? []).filter((r) => r.enabled).length})</label>
         <button data-testid="samples-csv" onClick={download}>Samples as CSV</button>
         <span data-testid="monitor-state">{running ? 'Monitoring' : 'Stopped'}</span>
       </div>
@@ -125,14 +130,14 @@ export function CountersView({ visible }: { visible: boolean }) {
       <table data-testid="counter-table">
         <thead><tr><th>On</th><th>Counter</th><th>Port</th><th>Event</th><th>Total</th><th>Rate (/s)</th><th>Max rate (/s)</th><th>Rate chart</th></tr></thead>
         <tbody>
-          {(rows ?? []).map((row, i) => {
+          {(rows ?? []).filter((row) => !onlyEnabled || row.enabled).map((row, i, shown) => {
             const s = settings[row.key];
             // Load a row's choices when its select is first reached.
             const load_choices = () => {
               if (!s) choose(row).catch((e: Error) => setNote(e.message));
             };
             const core = core_of(row);
-            const head = i === 0 || rows![i - 1].space !== row.space || core_of(rows![i - 1]) !== core;
+            const head = i === 0 || shown[i - 1].space !== row.space || core_of(shown[i - 1]) !== core;
             return (
               <Fragment key={row.key}>
                 {head && (
