@@ -51,16 +51,18 @@ export function CountersView({ visible }: { visible: boolean }) {
   const samples = useRef<Sample[]>([]);
   const [history, setHistory] = useState<Record<number, number[]>>({});
 
-  // The options and the monitor's state come from the service: a monitor
-  // started from another screen, or before a reload, shows as running.
-  const load = () =>
+  // The options come from the service, and so does the monitor's state when
+  // the screen opens (a monitor started before a reload shows as running);
+  // later only the pushes move it, as an answer read before a stop ended
+  // would put it back to running.
+  const load = (opening = false) =>
     Promise.all([api.get_counters().then(setRows), api.get_counter_options().then((o) => {
       setOptions(o);
-      setRunning(o.running);
+      if (opening) setRunning(o.running);
     })]).catch((e: Error) => setNote(e.message));
   useEffect(() => {
     if (!visible) return;
-    load();
+    load(true);
     const live = new LiveSocket(
       socket_url(location),
       (text) => {
@@ -97,7 +99,7 @@ export function CountersView({ visible }: { visible: boolean }) {
     setSettings((old) => ({ ...old, [row.key]: s }));
     return s;
   };
-  const act = (what: Promise<unknown>) => what.then(load).catch((e: Error) => setNote(e.message));
+  const act = (what: Promise<unknown>) => what.then(() => load()).catch((e: Error) => setNote(e.message));
 
   const download = () => {
     const blob = new Blob([samples_csv(samples.current)], { type: 'text/csv' });
