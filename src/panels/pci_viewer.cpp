@@ -269,7 +269,8 @@ std::string PCIViewer::table_write(const json& request) const {
     const auto value = value_it == request.end() ? std::nullopt : parse_value(*value_it);
     const unsigned int width = field->end_bit - field->start_bit + 1;
     if (!value || *value > mask_of(width))
-        return "\"value\" must be a number that fits in " + std::to_string(width) + " bits";
+        return "Not written: " + field_name + " of " + reg_name + " takes a number from 0x0 to " + hex(mask_of(width)) +
+               " (" + std::to_string(width) + (width == 1 ? " bit)" : " bits)");
     const unsigned int absolute = found->offset + reg->offset;
     const unsigned int bits = reg->def->size_bits;
     const unsigned int field_mask = mask_of(width) << field->start_bit;

@@ -1,10 +1,14 @@
 #include "panels/pcie_perf_counter_gui_interface.h"
 
+#include <charconv>
 #include <cinttypes>
+#include <optional>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include "hardware/os_specific.h"
 #include "hardware/system_facts.h"
@@ -13,6 +17,10 @@ using nlohmann::json;
 
 namespace {
 constexpr unsigned int kTickMs = 1000, kSliceMs = 100, kTicksPerPush = 2;
+constexpr std::uintmax_t kCommandLogLimit = 1 << 20;
+constexpr const char *kOptionsFile = "PCIePerfCounterOptions.txt", *kPortsFile = "PCIePerfCounterPortSel.txt",
+                     *kSelectionsFile = "PCIePerfCounterSelections.txt", *kSnapshotFile = "perfcnt.txt",
+                     *kSnapshotIntFile = "perfcnt.int", *kCommandFile = "perfCommand.txt", *kCountFile = "count.txt";
 
 std::string ctime_text(std::chrono::system_clock::time_point when) {
     const std::time_t t = std::chrono::system_clock::to_time_t(when);
@@ -22,18 +30,140 @@ std::string ctime_text(std::chrono::system_clock::time_point when) {
     if (!s.empty() && s.back() == '\n') s.pop_back();
     return s;
 }
+
+// Written beside and renamed over, so a reader or a crash never sees half a file.
+void replace_file(const std::string& folder, const char* name, const std::string& text) {
+    if (folder.empty()) return;
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    fs::create_directories(folder, ignored);
+    const fs::path target = fs::path(folder) / name, temporary = fs::path(folder) / (std::string(name) + ".new");
+    {
+        std::ofstream out(temporary, std::ios::trunc);
+        out << text;
+        if (!out.flush()) return;
+    }
+    fs::rename(temporary, target, ignored);
+}
+
+// Tab-separated fields of each line of a file; none when it is missing.
+std::vector<std::vector<std::string>> read_lines(const std::string& folder, const char* name) {
+    std::vector<std::vector<std::string>> lines;
+    if (folder.empty()) return lines;
+    std::ifstream in(std::filesystem::path(folder) / name);
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> fields;
+        std::stringstream parts(line);
+        for (std::string field; std::getline(parts, field, '\t');) fields.push_back(field);
+        lines.push_back(std::move(fields));
+    }
+    return lines;
+}
+
+std::string port_of(const CPerformanceCounters& family, unsigned int counter) {
+    std::string text;
+    if (!family.GetPortSelectionEntry(counter, family.GetSelectedPort(counter), &text)) text.clear();
+    return text;
+}
+
+std::optional<size_t> row_number(const std::string& text) {
+    size_t row = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), row);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return row;
+}
 }  // namespace
 
-void PCIEPerfCounterGUIInterface::Initialize(std::unique_ptr<CPC_PCIEList> list, std::string count_txt_path, Push push) {
+void PCIEPerfCounterGUIInterface::Initialize(std::unique_ptr<CPC_PCIEList> list, std::string folder, Push push) {
     std::lock_guard<std::mutex> lock(_mutex);
     _list = std::move(list);
-    _count_txt = std::move(count_txt_path);
+    _folder = std::move(folder);
     _push = std::move(push);
     _rows.clear();
     for (unsigned int i = 0; _list && i < _list->GetListSize(); ++i) {
         CPerformanceCounters* family = _list->GetListEntry(i);
         for (unsigned int c = 0; c < family->GetNumberOfCounters(); ++c) _rows.push_back({family, c});
     }
+    _restore_settings();
+}
+
+void PCIEPerfCounterGUIInterface::_save_settings() const {
+    std::string options = "DecimalDisplay=" + std::to_string(_decimal_display) +
+                          "\nLogToCountTxt=" + std::to_string(_log_to_count_txt) +
+                          "\nChangesOnly=" + std::to_string(_changes_only) + "\n";
+    std::string ports, selections;
+    for (size_t i = 0; i < _rows.size(); ++i) {
+        const Row& r = _rows[i];
+        const std::string head = std::to_string(i) + "\t" + r.family->GetSpaceName(r.counter) + "\t";
+        const unsigned int port = r.family->GetSelectedPort(r.counter), entry = r.family->GetSelectedEntry(r.counter);
+        const bool enabled = r.family->IsCounterEnabled(r.counter);
+        if (port != 0) ports += head + port_of(*r.family, r.counter) + "\n";
+        if (enabled || entry != 0)
+            selections += head + (enabled ? "1" : "0") + "\t" + r.family->GetSelectionEntry(r.counter, entry) + "\n";
+    }
+    replace_file(_folder, kOptionsFile, options);
+    replace_file(_folder, kPortsFile, ports);
+    replace_file(_folder, kSelectionsFile, selections);
+}
+
+void PCIEPerfCounterGUIInterface::_restore_settings() {
+    for (const auto& line : read_lines(_folder, kOptionsFile)) {
+        if (line.size() != 1) continue;
+        const std::string& text = line[0];
+        const bool on = text.ends_with("=1");
+        if (text.starts_with("DecimalDisplay=")) _decimal_display = on;
+        else if (text.starts_with("LogToCountTxt=")) _log_to_count_txt = on;
+        else if (text.starts_with("ChangesOnly=")) _changes_only = on;
+    }
+    // The row's own name must still be the one saved, or the file is of another machine.
+    const auto row_of = [&](const std::vector<std::string>& line, size_t fields) -> const Row* {
+        const auto row = line.size() == fields ? row_number(line[0]) : std::nullopt;
+        if (!row || *row >= _rows.size()) return nullptr;
+        const Row& r = _rows[*row];
+        return r.family->GetSpaceName(r.counter) == line[1] ? &r : nullptr;
+    };
+    for (const auto& line : read_lines(_folder, kPortsFile)) {
+        const Row* r = row_of(line, 3);
+        if (!r) continue;
+        std::string port;
+        for (unsigned int p = 0; r->family->GetPortSelectionEntry(r->counter, p, &port); ++p)
+            if (port == line[2]) r->family->SetPort(r->counter, p);
+    }
+    for (const auto& line : read_lines(_folder, kSelectionsFile)) {
+        const Row* r = row_of(line, 4);
+        if (!r) continue;
+        for (unsigned int e = 0; e < r->family->GetNumberOfSelectionEntries(r->counter); ++e)
+            if (r->family->GetSelectionEntry(r->counter, e) == line[3]) r->family->SetEntry(r->counter, e);
+        // An event no longer offered leaves the row off rather than counting something else.
+        if (line[2] == "1" && r->family->GetSelectionEntry(r->counter, r->family->GetSelectedEntry(r->counter)) == line[3])
+            r->family->EnableCounter(r->counter, true);
+    }
+}
+
+void PCIEPerfCounterGUIInterface::_save_snapshot() const {
+    std::string text = "Space\tName\tPort(S:B:D.F)\tValue\tRate (/s)\tMax Rate (/s)\tEnabled\n", numbers;
+    for (size_t i = 0; i < _rows.size(); ++i) {
+        const Row& r = _rows[i];
+        if (!r.family->IsCounterEnabled(r.counter)) continue;
+        text += r.family->GetName() + "\t" + r.family->GetSpaceName(r.counter) + "\t" + port_of(*r.family, r.counter) +
+                "\t" + r.value + "\t" + r.rate + "\t" + r.max_rate + "\tYes\n";
+        const CounterStatistics& s = r.family->Statistics(r.counter);
+        numbers += std::to_string(i) + "\t" + std::to_string(r.family->LastValue(r.counter)) + "\t" +
+                   std::to_string(s.rate) + "\t" + std::to_string(s.max_rate) + "\t" + std::to_string(s.samples) + "\n";
+    }
+    replace_file(_folder, kSnapshotFile, text);
+    replace_file(_folder, kSnapshotIntFile, numbers);
+}
+
+void PCIEPerfCounterGUIInterface::_command(const std::string& text) {
+    if (_folder.empty()) return;
+    namespace fs = std::filesystem;
+    const fs::path path = fs::path(_folder) / kCommandFile;
+    std::error_code ignored;
+    fs::create_directories(_folder, ignored);
+    const auto size = fs::file_size(path, ignored);
+    const bool restart = !ignored && size > kCommandLogLimit;
+    std::ofstream(path, restart ? std::ios::trunc : std::ios::app) << ctime_text(system_facts().now()) << "\t" << text << "\n";
 }
 
 std::string PCIEPerfCounterGUIInterface::_number(uint64_t value) const {
@@ -50,13 +180,6 @@ std::string PCIEPerfCounterGUIInterface::_percent(double value) const {
     return text;
 }
 
-namespace {
-std::string port_of(const CPerformanceCounters& family, unsigned int counter) {
-    std::string text;
-    if (!family.GetPortSelectionEntry(counter, family.GetSelectedPort(counter), &text)) text.clear();
-    return text;
-}
-}  // namespace
 
 json PCIEPerfCounterGUIInterface::_document() const {
     json rows = json::array();
@@ -103,14 +226,21 @@ void PCIEPerfCounterGUIInterface::OnPortSelectionCurrentIndexChanged(int index) 
     std::lock_guard<std::mutex> lock(_mutex);
     if (_selected < 0 || index < 0) return;
     const Row& r = _rows[_selected];
-    if (r.family->SetPort(r.counter, static_cast<unsigned int>(index)) && _running) r.family->InitCounter(r.counter);
+    if (!r.family->SetPort(r.counter, static_cast<unsigned int>(index))) return;
+    if (_running) r.family->InitCounter(r.counter);
+    _command("Port of row " + std::to_string(_selected) + " (" + r.family->GetSpaceName(r.counter) + "): " + port_of(*r.family, r.counter));
+    _save_settings();
 }
 
 void PCIEPerfCounterGUIInterface::OnCounterSelectionCurrentIndexChanged(int index) {
     std::lock_guard<std::mutex> lock(_mutex);
     if (_selected < 0 || index < 0) return;
     const Row& r = _rows[_selected];
-    if (r.family->SetEntry(r.counter, static_cast<unsigned int>(index)) && _running) r.family->InitCounter(r.counter);
+    if (!r.family->SetEntry(r.counter, static_cast<unsigned int>(index))) return;
+    if (_running) r.family->InitCounter(r.counter);
+    _command("Event of row " + std::to_string(_selected) + " (" + r.family->GetSpaceName(r.counter) +
+             "): " + r.family->GetSelectionEntry(r.counter, r.family->GetSelectedEntry(r.counter)));
+    _save_settings();
 }
 
 void PCIEPerfCounterGUIInterface::OnEnableCounterClicked(bool status) {
@@ -123,6 +253,9 @@ void PCIEPerfCounterGUIInterface::OnEnableCounterClicked(bool status) {
             // A row enabled while the monitor runs starts counting at once.
             if (status && _running) r.family->InitCounter(r.counter);
             if (!status) r.value = r.rate = r.max_rate = "N/A";
+            _command(std::string(status ? "Enable" : "Disable") + " row " + std::to_string(_selected) + " (" +
+                     r.family->GetSpaceName(r.counter) + ")");
+            _save_settings();
         }
         document = _document();
     }
@@ -131,13 +264,16 @@ void PCIEPerfCounterGUIInterface::OnEnableCounterClicked(bool status) {
 
 void PCIEPerfCounterGUIInterface::OnInitCountersClicked() {
     std::lock_guard<std::mutex> lock(_mutex);
+    _command("Init counters");
     for (Row& r : _rows)
         if (r.family->IsCounterEnabled(r.counter)) r.family->InitCounter(r.counter);
 }
 
 json PCIEPerfCounterGUIInterface::OnReadCountersClicked() {
     std::lock_guard<std::mutex> lock(_mutex);
+    _command("Read counters");
     _update(false);
+    _save_snapshot();
     return _document();
 }
 
@@ -168,13 +304,14 @@ void PCIEPerfCounterGUIInterface::_update(bool log) {
 }
 
 void PCIEPerfCounterGUIInterface::_log(const std::string& text) {
-    if (!_log_to_count_txt || _count_txt.empty()) return;
+    if (!_log_to_count_txt || _folder.empty()) return;
     std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(_count_txt).parent_path(), ignored);
-    std::ofstream(_count_txt, std::ios::app) << text;
+    std::filesystem::create_directories(_folder, ignored);
+    std::ofstream(std::filesystem::path(_folder) / kCountFile, std::ios::app) << text;
 }
 
 void PCIEPerfCounterGUIInterface::_start() {
+    _command("Start monitor");
     for (Row& r : _rows)
         if (r.family->IsCounterEnabled(r.counter)) r.family->InitCounter(r.counter);
     _log("\n" + ctime_text(system_facts().now()) + " (Start)\n");
@@ -182,12 +319,15 @@ void PCIEPerfCounterGUIInterface::_start() {
     _update(false);
 }
 
-void PCIEPerfCounterGUIInterface::_stop() { _log("\n" + ctime_text(system_facts().now()) + " (End)\n"); }
+void PCIEPerfCounterGUIInterface::_stop() {
+    _command("Stop monitor");
+    _log("\n" + ctime_text(system_facts().now()) + " (End)\n");
+}
 
 void PCIEPerfCounterGUIInterface::OnStartMonitorClicked() {
     {
         std::lock_guard<std::mutex> lock(_mutex);
-        if (_running) return;
+        if (_running || _shut_down) return;
         _running = true;
         _keep_running = true;
         _start();
@@ -202,6 +342,7 @@ void PCIEPerfCounterGUIInterface::OnStartMonitorClicked() {
         {
             std::lock_guard<std::mutex> lock(_mutex);
             _update(true);
+            _save_snapshot();
             document = _document();
         }
         if (_push && tick % kTicksPerPush == 0) _push(json{{"key", "perfInfo"}, {"perfInfo", document}});
@@ -216,15 +357,35 @@ void PCIEPerfCounterGUIInterface::OnStartMonitorClicked() {
 
 void PCIEPerfCounterGUIInterface::OnStopMonitorClicked() { _keep_running = false; }
 
+void PCIEPerfCounterGUIInterface::Shutdown() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _shut_down = true;
+    _keep_running = false;
+}
+
 void PCIEPerfCounterGUIInterface::OnDecimalDisplayClicked(bool status) {
     std::lock_guard<std::mutex> lock(_mutex);
     _decimal_display = status;
+    _command(std::string("DecimalDisplay ") + (status ? "on" : "off"));
+    _save_settings();
 }
 void PCIEPerfCounterGUIInterface::OnLogToCountTxtClicked(bool status) {
     std::lock_guard<std::mutex> lock(_mutex);
     _log_to_count_txt = status;
+    _command(std::string("LogToCountTxt ") + (status ? "on" : "off"));
+    _save_settings();
 }
 void PCIEPerfCounterGUIInterface::OnChangesOnlyClicked(bool status) {
     std::lock_guard<std::mutex> lock(_mutex);
     _changes_only = status;
+    _command(std::string("ChangesOnly ") + (status ? "on" : "off"));
+    _save_settings();
+}
+
+json PCIEPerfCounterGUIInterface::GetOptions() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return {{"decimalDisplay", _decimal_display},
+            {"logToCountTxt", _log_to_count_txt},
+            {"changesOnly", _changes_only},
+            {"running", _running.load()}};
 }

@@ -111,6 +111,7 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
     _link_control->set_push(push);
     _port_status->set_push(push);
     auto counters = std::make_unique<CPC_PCIEList>();
+    counters->SetExternalReleaseVersion(LANEWRIGHT_EXTERNAL_RELEASE != 0);
     const auto dies = store.get_read_accessor() ? store.get_die_list() : std::vector<VEX_DIE_INFO>{};
     if (!dies.empty()) {
         const PortMapData ports = get_all_port_data(dies, store.get_pcie_device_list(), store.get_read_accessor());
@@ -121,14 +122,14 @@ WebBackEnd::WebBackEnd(GUIResourceStore& store, TestStorage& storage)
         }
         counters->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
     }
-    _perf_counter->Initialize(std::move(counters), store.get_directory_for_lanewright() + "/count.txt", push);
+    _perf_counter->Initialize(std::move(counters), store.get_directory_for_lanewright(), push);
 }
 
 WebBackEnd::~WebBackEnd() {
     _index->cancel();
     _archive_workers.reset();
     // A run still going would keep its thread joinable; ask each to end first.
-    _perf_counter->OnStopMonitorClicked();
+    _perf_counter->Shutdown();
     // Shutdown, not a stop: a start request waiting for the old run must not begin a new one.
     _link_control->Shutdown();
     _port_status->Shutdown();
@@ -279,6 +280,8 @@ int WebBackEnd::RegisterServices(PortHall::WireApp& app) {
     app.route(
         "/api/1.0/GetResultFile", HttpMethod::Get,
         [this](const WireRequest& request) { return GetResultFile(request); }, RouteEffect::ReadOnly, archive);
+    // The counter screen's options and monitor state, for a screen opened later or after a restart.
+    get("/api/1.0/GetPerfCounterOptions", J, &WebBackEnd::GetPerfCounterOptions);
     // The index is built in the background at start, so the first summary
     // a browser asks for doesn't pay for reading the whole archive.
     _archive_workers->submit([this](bool in_time) {
@@ -658,6 +661,8 @@ std::string WebBackEnd::StartPerfCounterMonitor() {
     _monitor_thread = std::make_shared<std::thread>([panel = _perf_counter] { panel->OnStartMonitorClicked(); });
     return "success";
 }
+
+std::string WebBackEnd::GetPerfCounterOptions() { return _perf_counter->GetOptions().dump(); }
 
 std::string WebBackEnd::StopPerfCounterMonitor() {
     _perf_counter->OnStopMonitorClicked();

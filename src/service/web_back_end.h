@@ -89,6 +89,7 @@ public:
     std::string SetReadCounters();
     std::string StartPerfCounterMonitor();
     std::string StopPerfCounterMonitor();
+    std::string GetPerfCounterOptions();
     std::string SetCountersDecimalDisplay(std::string body);
     std::string SetCountersLogging(std::string body);
     std::string SetCountersChangesOnly(std::string body);

@@ -25,6 +25,12 @@ async function check_viewer(page, artifacts) {
   await page.click('[data-field="CORR_ERR_MASK.BAD_TLP_MASK"] button');
   await wait_until('the write to be confirmed', async () => (await page.textContent('[data-testid=viewer-note]'))?.includes('BAD_TLP_MASK = 0x1'));
   await wait_until('the table to show the new value', async () => (await page.inputValue(input)) === '0x1');
+  // A value too wide for the field is refused beside it, naming the field; the device keeps its value.
+  await page.fill(input, '0x5');
+  await page.click('[data-field="CORR_ERR_MASK.BAD_TLP_MASK"] button');
+  await wait_until('the refusal beside the field', async () =>
+    (await page.textContent('[data-field="CORR_ERR_MASK.BAD_TLP_MASK"] [data-testid=field-refused]').catch(() => ''))
+      .includes('BAD_TLP_MASK of CORR_ERR_MASK takes a number from 0x0 to 0x1 (1 bit); the device keeps 0x1'));
   // A read-only field offers no editor.
   assert.equal(await page.$('[data-field="UNCORR_ERR_STATUS.POISONED_TLP"] input'), null);
   await page.click('[data-testid=structures] button:has-text("Raw dump")');
@@ -94,6 +100,12 @@ async function check_counters(page, artifacts) {
   const rate = Number((await page.textContent(`${row} [data-testid=rate]`)).trim());
   assert.ok(Math.abs(rate - 12e9) <= 12e9 * 0.01, `TX bytes rate ${rate}, profile 12e9`);
   await page.waitForSelector(`${row} svg.rate-chart`, { timeout: LONG_WAIT_MS });
+  // A reload finds the monitor running, and the watched row alone on request.
+  await page.reload();
+  await wait_until('the reloaded screen to show the monitor', async () => (await page.textContent('[data-testid=monitor-state]')) === 'Monitoring');
+  await page.check('[data-testid=only-enabled]');
+  await wait_until('only the enabled row', async () => (await page.$$('tr[data-counter]')).length === 1 && (await page.$(row)) !== null);
+  await wait_until('the chart again', async () => (await page.$(`${row} svg.rate-chart`)) !== null, LONG_WAIT_MS);
   const download = page.waitForEvent('download');
   await page.click('[data-testid=samples-csv]');
   const csv = fs.readFileSync(await (await download).path(), 'utf8');

@@ -220,7 +220,7 @@ INSTANTIATE_TEST_SUITE_P(
         WriteCase{"RwPowerManagementEnable", "PMI_CAP", "PMI_STATUS_CNTL", "PME_EN", "0x1", "success", true},
         WriteCase{"RoVendorId", "PCIE_HEADER", "VENDORID", "VENDOR_ID", "0x1234", "Field VENDOR_ID of VENDORID is RO", false},
         WriteCase{"Rw1cStatus", "PCIE_CAP", "DEVICE_STATUS", "CORR_ERR", "0x1", "Field CORR_ERR of DEVICE_STATUS is RW1C", false},
-        WriteCase{"TooWide", "PCIE_CAP", "DEVICE_CNTL", "MAX_PAYLOAD_SIZE", "0x8", "\"value\" must be a number", false},
+        WriteCase{"TooWide", "PCIE_CAP", "DEVICE_CNTL", "MAX_PAYLOAD_SIZE", "0x8", "Not written: MAX_PAYLOAD_SIZE of DEVICE_CNTL takes a number from 0x0 to 0x7 (3 bits)", false},
         WriteCase{"UnknownRegister", "PMI_CAP", "NOPE", "X", "0x1", "\"PMI_CAP\" has no register", false},
         WriteCase{"StructureAbsent", "MSI_CAP", "MSI_MSG_CNTL", "MSI_EN", "0x1", "Function 0:41:0.0 has no structure", false}),
     lw_test::by_name);

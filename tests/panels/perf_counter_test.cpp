@@ -25,20 +25,25 @@ class PerfCounterPanel : public ::testing::Test {
 protected:
     void SetUp() override {
         std::filesystem::create_directories(folder);
-        const auto dies = machine.store.get_die_list();
-        const PortMapData ports = get_all_port_data(dies, machine.devices, machine.read);
-        std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
-        for (const VEX_DIE_INFO& die : dies) by_die.emplace_back(die, ports.at(die));
-        auto list = std::make_unique<CPC_PCIEList>();
-        list->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
+        auto list = counters();
         family = list->GetListEntry(0u);
-        panel.Initialize(std::move(list), (folder / "count.txt").string(), [this](const json& message) {
+        panel.Initialize(std::move(list), folder.string(), [this](const json& message) {
             std::lock_guard<std::mutex> lock(mutex);
             pushes.push_back(message);
             changed.notify_all();
         });
     }
     void TearDown() override { std::filesystem::remove_all(folder); }
+    std::unique_ptr<CPC_PCIEList> counters() {
+        const auto dies = machine.store.get_die_list();
+        const PortMapData ports = get_all_port_data(dies, machine.devices, machine.read);
+        std::vector<std::pair<VEX_DIE_INFO, std::vector<PortMap>>> by_die;
+        for (const VEX_DIE_INFO& die : dies) by_die.emplace_back(die, ports.at(die));
+        auto list = std::make_unique<CPC_PCIEList>();
+        list->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
+        return list;
+    }
+    std::string file(const char* name) { return lw_test::read_text(folder / name); }
     // The first row (slot 0) of the core space whose NAK row watches `port`.
     int space_on(const std::string& port) {
         for (const json& row : panel.GetPCIEPerfCounterInfo())
@@ -139,6 +144,9 @@ TEST_F(PerfCounterPanel, MonitorRatesMatchTheTrafficProfileAndTheLogHasItsForm) 
     EXPECT_FALSE(panel.is_running());
     EXPECT_EQ(pushes_with("counterStarted"), 1u);
     EXPECT_EQ(pushes_with("counterStopped"), 1u);
+    panel.Shutdown();
+    panel.OnStartMonitorClicked();  // a start that comes after shutdown returns at once
+    EXPECT_EQ(pushes_with("counterStarted"), 1u);
 
     const json table = panel.GetPCIEPerfCounterInfo();
     for (const Choice& c : chosen) {
@@ -270,6 +278,79 @@ TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters)
     EXPECT_EQ(corvane.GetCounter(0, &low, &high), 1);
     EXPECT_EQ(corvane.LastValue(0), 0x100000007u);
     EXPECT_EQ(corvane.GetCounter(corvane.GetNumberOfCounters(), &low, &high), 0);
+}
+
+
+// What an operator set up comes back after a restart; a line that no longer
+// fits the machine is dropped rather than pointing a row elsewhere. A read
+// leaves the table and the commands behind it in their files.
+TEST(CounterPanelFiles, SetUpSurvivesARestartAndReadsLeaveTheirFiles) {
+    const auto folder = std::filesystem::temp_directory_path() / ("lw-perf-files-" + std::to_string(::getpid()));
+    auto core = std::make_shared<RecordingCore>();
+    const auto counters = [&] {  // one core with two ports
+        auto list = std::make_unique<CPC_PCIEList>();
+        list->AddToPCList({die_test::cpu_die("Corvane", 0, 1), {port_on("PCIE0_nbio0", 1), port_on("PCIE0_nbio0", 2)}},
+                          [&](const VEX_DIE_INFO&) { return core; });
+        return list;
+    };
+    PCIEPerfCounterGUIInterface panel;
+    panel.Initialize(counters(), folder.string(), nullptr);
+    panel.OnSelectPerfCounter(6);
+    panel.OnPortSelectionCurrentIndexChanged(1);
+    panel.OnCounterSelectionCurrentIndexChanged(2);
+    panel.OnEnableCounterClicked(true);
+    panel.OnSelectPerfCounter(30);
+    panel.OnCounterSelectionCurrentIndexChanged(1);  // chosen, left off
+    panel.OnSelectPerfCounter(0);
+    panel.OnEnableCounterClicked(true);
+    panel.OnEnableCounterClicked(false);  // on, then off again: stays off
+    panel.OnLogToCountTxtClicked(true);
+    panel.OnDecimalDisplayClicked(false);
+    const json before = panel.GetPCIEPerfCounterInfo();
+    // Lines to skip: a port and an event no longer offered, another machine's
+    // row names, a row past the table, noise.
+    std::ofstream(folder / "PCIePerfCounterPortSel.txt", std::ios::app)
+        << "8\tPCIE0_nbio0 TX TXCLK\t9:9:9.9\n" << "7\tOther TX TXCLK\t0:40:1.2\n";
+    std::ofstream(folder / "PCIePerfCounterSelections.txt", std::ios::app)
+        << "14\tPCIE0_nbio0 RX SCLK\t1\t9. Gone\n" << "1\tWrong name\t1\t0. x\n" << "99999\tx\t1\t0. x\nnot\ta line\n";
+
+    PCIEPerfCounterGUIInterface restarted;
+    restarted.Initialize(counters(), folder.string(), nullptr);
+    EXPECT_EQ(restarted.GetPCIEPerfCounterInfo(), before);
+    EXPECT_EQ(restarted.GetOptions(),
+              (json{{"decimalDisplay", false}, {"logToCountTxt", true}, {"changesOnly", false}, {"running", false}}));
+    struct Kept {
+        int row;
+        unsigned int port, event;
+        bool enabled;
+    };
+    for (const Kept& k : {Kept{6, 1, 2, true}, Kept{30, 0, 1, false}, Kept{8, 0, 0, false}, Kept{7, 0, 0, false},
+                          Kept{14, 0, 0, false}, Kept{1, 0, 0, false}, Kept{0, 0, 0, false}}) {
+        const json s = restarted.OnSelectPerfCounter(k.row);
+        EXPECT_EQ(s["selectedPort"], k.port) << k.row;
+        EXPECT_EQ(s["selectedCounter"], k.event) << k.row;
+        EXPECT_EQ(s["enabled"], k.enabled) << k.row;
+    }
+
+    core->values[chips::corvane::kPcieCores[0].core_base + 0x20] = 5;  // any register: the read must show a number
+    restarted.OnReadCountersClicked();
+    const json row = restarted.GetPCIEPerfCounterInfo()[6];
+    EXPECT_EQ(row["port"], "0:40:1.2");
+    EXPECT_TRUE(row["value"].get<std::string>().starts_with("0x")) << "hexadecimal display restored";
+    std::stringstream table, numbers, commands;
+    table << std::ifstream(folder / "perfcnt.txt").rdbuf();
+    numbers << std::ifstream(folder / "perfcnt.int").rdbuf();
+    commands << std::ifstream(folder / "perfCommand.txt").rdbuf();
+    EXPECT_EQ(table.str(), "Space\tName\tPort(S:B:D.F)\tValue\tRate (/s)\tMax Rate (/s)\tEnabled\n" +
+                               row["space"].get<std::string>() + "\tPCIE0_nbio0 TX TXCLK\t0:40:1.2\t" +
+                               row["value"].get<std::string>() + "\t" + row["rate"].get<std::string>() + "\t" +
+                               row["maxRate"].get<std::string>() + "\tYes\n");
+    EXPECT_TRUE(std::regex_match(numbers.str(), std::regex("6\t\\d+\t0\t0\t1\n"))) << numbers.str();
+    for (const char* command : {"\tEnable row 6 (PCIE0_nbio0 TX TXCLK)\n", "\tDisable row 0 (PCIE0_nbio0 NAK)\n",
+                                "\tEvent of row 30 (PCIE0_nbio0 LINK SCLK): 1. ", "\tPort of row 6 (PCIE0_nbio0 TX TXCLK): 0:40:1.2\n",
+                                "\tLogToCountTxt on\n", "\tRead counters\n"})
+        EXPECT_NE(commands.str().find(command), std::string::npos) << command << " in\n" << commands.str();
+    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

@@ -143,10 +143,25 @@ INSTANTIATE_TEST_SUITE_P(
                               "Not started: the service ended before this test ran"}),
     lw_test::by_name);
 
-// A stress loop that would run for ever must not hold the service at /stop.
-TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {
-    ServiceProcess service(wire_test::free_port());
+// A stress loop that would run for ever must not hold the service at /stop,
+// nor a counter monitor, which logs its end; the counter set-up is there
+// again after a restart.
+TEST(ServiceProcessTest, StopDuringAStressRunAndACounterMonitorEndsWithZero) {
+    namespace fs = std::filesystem;
+    const fs::path results = fs::temp_directory_path() / ("lanewright_monitor_" + std::to_string(::getpid()));
+    fs::remove_all(results);
+    ServiceProcess service(wire_test::free_port(), results);
     service.read_until("(chrome recommended):  http://");
+    wire_test::request(service.port, "POST", "/api/1.0/GetPerfCounterSettings", R"({"index":0})");
+    wire_test::request(service.port, "POST", "/api/1.0/SetEnableCounter", R"({"status":true})");
+    wire_test::request(service.port, "POST", "/api/1.0/SetCountersLogging", R"({"status":true})");
+    EXPECT_EQ(wire_test::request(service.port, "GET", "/api/1.0/StartPerfCountersMonitor").body, "success");
+    const auto count_txt = [&] {
+        std::ifstream in(results / "count.txt");
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    for (int i = 0; i < 500 && count_txt().find("(Start)") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const auto info = nlohmann::json::parse(wire_test::request(service.port, "GET", "/api/1.0/GetPortSelectionInfo").body);
     nlohmann::json settings = info["contLoopSettings"];
     settings["settingsSelection"]["selectedIndex"] = 2;  // retrain, no loop limit
@@ -157,9 +172,23 @@ TEST(ServiceProcessTest, StopDuringAPortStressRunEndsWithZero) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     const auto running = nlohmann::json::parse(wire_test::request(service.port, "GET", "/api/1.0/GetPortSelectionInfo").body);
     EXPECT_TRUE(running["TestRunning"]) << running["counts"].dump();
+    EXPECT_TRUE(nlohmann::json::parse(wire_test::request(service.port, "GET", "/api/1.0/GetPerfCounterOptions").body)["running"]);
     EXPECT_EQ(wire_test::request(service.port, "GET", "/stop").status, 200);
     EXPECT_EQ(service.wait_for_exit(), 0);
-    std::filesystem::remove_all("pcie_reports");
+    const std::string log = count_txt();
+    EXPECT_NE(log.find(" (Start)\n"), std::string::npos) << log;
+    EXPECT_TRUE(log.ends_with(" (End)\n")) << log;
+
+    ServiceProcess restarted(wire_test::free_port(), results);
+    restarted.read_until("(chrome recommended):  http://");
+    const auto table = nlohmann::json::parse(wire_test::request(restarted.port, "GET", "/api/1.0/GetPerfCounterInfo").body);
+    EXPECT_TRUE(table.at(0)["enabled"]) << table.at(0).dump();
+    EXPECT_EQ(wire_test::request(restarted.port, "GET", "/api/1.0/GetPerfCounterOptions").body,
+              R"({"changesOnly":false,"decimalDisplay":true,"logToCountTxt":true,"running":false})");
+    wire_test::request(restarted.port, "GET", "/stop");
+    EXPECT_EQ(restarted.wait_for_exit(), 0);
+    fs::remove_all(results);
+    fs::remove_all("pcie_reports");
 }
 
 TEST(ServiceProcessTest, ListenerFailureEndsWithOne) {

@@ -51,7 +51,7 @@ const std::vector<std::pair<std::string, HttpMethod>> kApiRoutes = {
     {"/api/1.0/GetPCITableInfo", HttpMethod::Post},          {"/api/1.0/PCITableWrite", HttpMethod::Post},
     {"/api/1.0/ExportResultsCSV", HttpMethod::Get},          {"/api/1.0/GetResultsSummary", HttpMethod::Get},
     {"/api/1.0/GetResult", HttpMethod::Get},                 {"/api/1.0/GetEyeScanData", HttpMethod::Get},
-    {"/api/1.0/GetResultFile", HttpMethod::Get},
+    {"/api/1.0/GetResultFile", HttpMethod::Get},             {"/api/1.0/GetPerfCounterOptions", HttpMethod::Get},
 };
 
 }  // namespace

@@ -135,3 +135,13 @@ export const set_counter_enabled = (status: boolean) => json<unknown>(`${API}Set
 export const start_monitor = () => text(`${API}StartPerfCountersMonitor`);
 export const stop_monitor = () => text(`${API}StopPerfCountersMonitor`);
 export const set_counter_logging = (status: boolean) => json<unknown>(`${API}SetCountersLogging`, { status });
+export const set_counter_decimal = (status: boolean) => json<unknown>(`${API}SetCountersDecimalDisplay`, { status });
+export const set_counter_changes_only = (status: boolean) => json<unknown>(`${API}SetCountersChangesOnly`, { status });
+/** The panel's options as the service keeps them (they survive a restart) and whether its monitor runs. */
+export interface CounterOptions {
+  decimalDisplay: boolean;
+  logToCountTxt: boolean;
+  changesOnly: boolean;
+  running: boolean;
+}
+export const get_counter_options = () => json<CounterOptions>(`${API}GetPerfCounterOptions`);

@@ -5,7 +5,7 @@
 import { Fragment } from 'preact';
 import { useEffect, useRef, useState } from 'preact/hooks';
 import * as api from '../panels_api';
-import type { CounterRow, CounterSettings } from '../panels_api';
+import type { CounterOptions, CounterRow, CounterSettings } from '../panels_api';
 import { LiveSocket, socket_url } from '../socket';
 
 interface Sample {
@@ -44,14 +44,25 @@ export function CountersView({ visible }: { visible: boolean }) {
   const [rows, setRows] = useState<CounterRow[] | null>(null);
   const [settings, setSettings] = useState<Record<number, CounterSettings>>({});
   const [running, setRunning] = useState(false);
+  const [options, setOptions] = useState<CounterOptions | null>(null);
+  // Hundreds of rows: the ones being watched are hard to find without this.
+  const [onlyEnabled, setOnlyEnabled] = useState(false);
   const [note, setNote] = useState('');
   const samples = useRef<Sample[]>([]);
   const [history, setHistory] = useState<Record<number, number[]>>({});
 
-  const load = () => api.get_counters().then(setRows).catch((e: Error) => setNote(e.message));
+  // The options come from the service, and so does the monitor's state when
+  // the screen opens (a monitor started before a reload shows as running);
+  // later only the pushes move it, as an answer read before a stop ended
+  // would put it back to running.
+  const load = (opening = false) =>
+    Promise.all([api.get_counters().then(setRows), api.get_counter_options().then((o) => {
+      setOptions(o);
+      if (opening) setRunning(o.running);
+    })]).catch((e: Error) => setNote(e.message));
   useEffect(() => {
     if (!visible) return;
-    load();
+    load(true);
     const live = new LiveSocket(
       socket_url(location),
       (text) => {
@@ -88,7 +99,7 @@ export function CountersView({ visible }: { visible: boolean }) {
     setSettings((old) => ({ ...old, [row.key]: s }));
     return s;
   };
-  const act = (what: Promise<unknown>) => what.then(load).catch((e: Error) => setNote(e.message));
+  const act = (what: Promise<unknown>) => what.then(() => load()).catch((e: Error) => setNote(e.message));
 
   const download = () => {
     const blob = new Blob([samples_csv(samples.current)], { type: 'text/csv' });
@@ -105,7 +116,15 @@ export function CountersView({ visible }: { visible: boolean }) {
       <div class="actions">
         <button data-testid="monitor-start" disabled={running} onClick={() => act(api.start_monitor().then(() => setRunning(true)))}>Start monitor</button>
         <button data-testid="monitor-stop" disabled={!running} onClick={() => act(api.stop_monitor())}>Stop</button>
-        <label><input type="checkbox" onChange={(e) => act(api.set_counter_logging((e.target as HTMLInputElement).checked))} /> Log to count.txt</label>
+        <label><input type="checkbox" data-testid="log-count-txt" checked={options?.logToCountTxt ?? false}
+          onChange={(e) => act(api.set_counter_logging((e.target as HTMLInputElement).checked))} /> Log to count.txt</label>
+        <label title="The log skips counters that did not change"><input type="checkbox" checked={options?.changesOnly ?? false}
+          onChange={(e) => act(api.set_counter_changes_only((e.target as HTMLInputElement).checked))} /> Changes only</label>
+        <label><input type="checkbox" checked={options ? !options.decimalDisplay : false}
+          onChange={(e) => act(api.set_counter_decimal(!(e.target as HTMLInputElement).checked))} /> Hexadecimal</label>
+        <label><input type="checkbox" data-testid="only-enabled" checked={onlyEnabled}
+          onChange={(e) => setOnlyEnabled((e.target as HTMLInputElement).checked)} /> Enabled rows only
+          ({(rows ?? []).filter((r) => r.enabled).length})</label>
         <button data-testid="samples-csv" onClick={download}>Samples as CSV</button>
         <span data-testid="monitor-state">{running ? 'Monitoring' : 'Stopped'}</span>
       </div>
@@ -113,14 +132,14 @@ export function CountersView({ visible }: { visible: boolean }) {
       <table data-testid="counter-table">
         <thead><tr><th>On</th><th>Counter</th><th>Port</th><th>Event</th><th>Total</th><th>Rate (/s)</th><th>Max rate (/s)</th><th>Rate chart</th></tr></thead>
         <tbody>
-          {(rows ?? []).map((row, i) => {
+          {(rows ?? []).filter((row) => !onlyEnabled || row.enabled).map((row, i, shown) => {
             const s = settings[row.key];
             // Load a row's choices when its select is first reached.
             const load_choices = () => {
               if (!s) choose(row).catch((e: Error) => setNote(e.message));
             };
             const core = core_of(row);
-            const head = i === 0 || rows![i - 1].space !== row.space || core_of(rows![i - 1]) !== core;
+            const head = i === 0 || shown[i - 1].space !== row.space || core_of(shown[i - 1]) !== core;
             return (
               <Fragment key={row.key}>
                 {head && (

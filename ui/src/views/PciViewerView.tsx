@@ -47,19 +47,23 @@ function FieldEditor({ sbdf, table, register, field, onDone }: {
   sbdf: string; table: PciTable; register: string; field: api.PciField; onDone: (note: string) => void;
 }) {
   const [value, setValue] = useState(field.value);
+  // A refusal is shown beside the field (the note above may be scrolled
+  // away), with what the device still holds; the typed text stays to be fixed.
+  const [refused, setRefused] = useState('');
   useEffect(() => setValue(field.value), [field.value]);
+  const done = (answer: string) => {
+    const ok = answer === 'success';
+    setRefused(ok ? '' : `${answer}; the device keeps ${field.value}`);
+    onDone(ok ? `${register}.${field.name} = ${value}` : answer);
+  };
   return (
     <span class="field-edit">
-      <input value={value} size={10} aria-label={`${register}.${field.name}`} onInput={(e) => setValue((e.target as HTMLInputElement).value)} />
-      <button
-        onClick={() =>
-          api.write_field(sbdf, table, register, field.name, value)
-            .then((answer) => onDone(answer === 'success' ? `${register}.${field.name} = ${value}` : answer))
-            .catch((e: Error) => onDone(e.message))
-        }
-      >
+      <input value={value} size={10} aria-label={`${register}.${field.name}`} aria-invalid={refused !== ''}
+        onInput={(e) => setValue((e.target as HTMLInputElement).value)} />
+      <button onClick={() => api.write_field(sbdf, table, register, field.name, value).then(done).catch((e: Error) => done(e.message))}>
         Write
       </button>
+      {refused && <span class="error" data-testid="field-refused">{refused}</span>}
     </span>
   );
 }
