@@ -286,7 +286,7 @@ TEST(CounterFamilies, DieNamesPickTheirFamilyAndCoresResetThroughTheirRegisters)
 // leaves the table and the commands behind it in their files.
 TEST(CounterPanelFiles, SetUpSurvivesARestartAndReadsLeaveTheirFiles) {
     const auto folder = std::filesystem::temp_directory_path() / ("lw-perf-files-" + std::to_string(::getpid()));
-    auto core = std::make_shared<RecordingCore>();
+    auto core = std::make_shared<die_test::FakeCRN>();
     const auto counters = [&] {  // one core with two ports
         auto list = std::make_unique<CPC_PCIEList>();
         list->AddToPCList({die_test::cpu_die("Corvane", 0, 1), {port_on("PCIE0_nbio0", 1), port_on("PCIE0_nbio0", 2)}},
@@ -332,7 +332,7 @@ TEST(CounterPanelFiles, SetUpSurvivesARestartAndReadsLeaveTheirFiles) {
         EXPECT_EQ(s["enabled"], k.enabled) << k.row;
     }
 
-    core->values[chips::corvane::kPcieCores[0].core_base + 0x20] = 5;  // any register: the read must show a number
+    core->registers[chips::corvane::kPcieCores[0].core_base + 0x20] = 5;  // any register: the read must show a number
     restarted.OnReadCountersClicked();
     const json row = restarted.GetPCIEPerfCounterInfo()[6];
     EXPECT_EQ(row["port"], "0:40:1.2");
