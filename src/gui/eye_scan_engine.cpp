@@ -15,16 +15,9 @@ EyeLaneScanner e32_lane_scanner() {
         commands.set_abandon_check(job.abandoned);
         if (!commands.check_if_override_is_working()) return std::string("PCS override not working.");
 
-        ScanParams params;
+        ScanParams params = scan_params_of(job.window, job.nbits);
         params.folder = job.folder;
         params.id = job.id;
-        params.nbits = job.nbits;
-        params.phase_start = job.window.phase_start;
-        params.phase_end = job.window.phase_end;
-        params.phase_step = job.window.phase_step;
-        params.voltage_start = job.window.voltage_start;
-        params.voltage_end = job.window.voltage_end;
-        params.voltage_step = job.window.voltage_step;
         params.rate_gbps = job.rate_gbps;
         std::string error;
         if (!scan_e32_lane(job.die, job.link, job.lane, params, job.abandoned, error))
