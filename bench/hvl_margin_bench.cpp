@@ -13,15 +13,12 @@
 #include <cstdio>
 #include <thread>
 
-#include "discovery/die_detection.h"
-#include "discovery/pci_detection.h"
 #include "discovery/port_mapping.h"
-#include "hardware/crn_factory.h"
 #include "hardware/gfx_accessor_maker.h"
 #include "hardware/system_facts.h"
 #include "margin_hvl/hvl_margin_handler.h"
+#include "model_machine.h"
 #include "simulator/hvl_phy_model.h"
-#include "simulator/platform.h"
 
 using nlohmann::json;
 
@@ -40,14 +37,10 @@ struct Job {
 }  // namespace
 
 int main() {
-    sim::Platform platform = sim::load_platform("", std::nullopt, kTimeScale);
-    platform.install();
-    CRNFactory::initalize(platform.read_pci(), platform.write_pci());
-    auto devices = DetectPCIDevices()(platform.read_pci());
-    const auto dies = DetectVEXDies(platform.write_pci())(devices, platform.read_pci());
-    VEX_DIE_INFO die0;
-    for (const auto& die : dies)
-        if (die.socket() == 0) die0 = die;
+    ModelMachine machine(kTimeScale);
+    const sim::Platform& platform = machine.platform;
+    const auto& dies = machine.dies;
+    const VEX_DIE_INFO& die0 = machine.die0;
     const auto links = sim::parse_hvl_links(platform.profile().hvl_links, platform.profile().sockets);
 
     std::vector<Job> jobs = {{"G1"}, {"P1"}};

@@ -329,6 +329,22 @@ CorvaneE32LANEDATA GetCorvaneE32LaneData::operator()(unsigned int version, const
         data.clock_train[cache].valid =
             b[e32::kClockTrainFirst + e32::clock_train_stride(data.layout) * cache + e32::kClockTrainValidByte];
     }
+    auto& eye = data.eye;
+    for (unsigned int tap = 0; tap < e32::kEyeTaps; ++tap) {
+        eye.es_dfetaps[tap] = convert_unsigned_int_to_int(b[e32::kEsDfeTapsByte + tap], 1);
+        eye.dacs[tap] = u16(e32::kDacsByte + 2 * tap);
+        eye.offset_dacs[tap] = convert_unsigned_int_to_int(u16(e32::kOffsetDacsByte + 2 * tap), 2);
+    }
+    eye.pi = u16(e32::kPiByte);
+    eye.att = b[e32::kAttByte];
+    eye.zero = b[e32::kZeroByte];
+    eye.ind = b[e32::kIndByte];
+    eye.dc = b[e32::kDcByte];
+    for (unsigned int i = 0; i < e32::kRsvdBytes; ++i) eye.rsvd[i] = b[e32::kRsvdFirst + i];
+    eye.eyeh = u16(e32::kEyeHeightByte);
+    eye.h1est = convert_unsigned_int_to_int(u16(e32::kH1EstByte), 2);
+    eye.fom = u16(e32::kFomByte);
+    eye.offset_afe = convert_unsigned_int_to_int(u16(e32::kOffsetAfeByte), 2);
     data.ring_offset = u16(e32::kRingOffsetByte);
     data.tap_mode = data.layout == 1 ? 255 : b[e32::kTapModeByte];
     return data;

@@ -128,6 +128,17 @@ struct CorvaneE32LANEDATA {
     unsigned int active_cache = 0;
     std::array<RxAdapt, 3> rxadapt{};
     std::array<ClockTrain, 3> clock_train{};
+    // What the eye sampler last applied (see e32_phy_firmware.h).
+    struct EyeParams {
+        std::array<int, 8> es_dfetaps{};
+        unsigned int pi = 0, att = 0, zero = 0, ind = 0, dc = 0;
+        std::array<unsigned int, 5> rsvd{};
+        unsigned int eyeh = 0, fom = 0;
+        int h1est = 0, offset_afe = 0;
+        std::array<unsigned int, 8> dacs{};
+        std::array<int, 8> offset_dacs{};
+    };
+    EyeParams eye;
     unsigned int ring_offset = 0;
     unsigned int tap_mode = 255;
 

@@ -1,5 +1,9 @@
 #include "eye_scan/eye_json.h"
 
+#include <algorithm>
+
+#include "hardware/chips/e32_phy_firmware.h"
+
 using nlohmann::json;
 
 void generate_json(const VEX_DIE_INFO& die, bool is_die, const std::string& link, uint32_t lane,
@@ -51,9 +55,23 @@ void generate_json(const VEX_DIE_INFO& die, bool is_die, const std::string& link
            {"iq", active.iq},
            {"rxadapt", std::move(rxadapt)},
            {"lane_data", lane_data.bytes}};
-    for (const char* key : {"eyeparams", "es_dfetaps", "pi", "att", "zero", "ind", "dc", "rsvd1", "rsvd2", "rsvd3",
-                            "rsvd4", "rsvd5", "offsetAFE", "dacs", "offsetDacs", "eyeh", "h1est", "fom"})
-        out[key] = nullptr;
+    const auto& eye = lane_data.eye;
+    out["es_dfetaps"] = eye.es_dfetaps;
+    out["pi"] = eye.pi;
+    out["att"] = eye.att;
+    out["zero"] = eye.zero;
+    out["ind"] = eye.ind;
+    out["dc"] = eye.dc;
+    for (std::size_t i = 0; i < eye.rsvd.size(); ++i) out["rsvd" + std::to_string(i + 1)] = eye.rsvd[i];
+    out["offsetAFE"] = eye.offset_afe;
+    out["dacs"] = eye.dacs;
+    out["offsetDacs"] = eye.offset_dacs;
+    out["eyeh"] = eye.eyeh;
+    out["h1est"] = eye.h1est;
+    out["fom"] = eye.fom;
+    // The whole block as read, reserved bytes included.
+    const auto first = lane_data.bytes.begin() + std::min<std::size_t>(chips::e32::kEyeParamsFirst, lane_data.bytes.size());
+    out["eyeparams"] = std::vector<uint8_t>(first, lane_data.bytes.end());
     if (is_die) {
         out["socket"] = die.socket();
         out["die"] = die.die();

@@ -12,9 +12,11 @@
 #include "eye_scan/scan_params.h"
 #include "hardware/vex_die_info.h"
 
-// Fields of the record that this program does not decode ("eyeparams" and
-// the adaptation details beyond ctleidx, vga, iq and the taps) are written
-// as null; "lane_data" carries the record's 768 bytes as read.
+// "ctleidx", "vga", "iq" come from the active cache's adaptation entry,
+// "trainentry" is the active cache, "valid_flags" the clock-train entries'
+// valid bytes; the eye sampler's fields ("es_dfetaps" ... "fom") are decoded
+// from the record's eye parameters, and "eyeparams" holds that block's bytes
+// as read (to the record's end); "lane_data" carries all 768 bytes.
 void generate_json(const VEX_DIE_INFO& die, bool is_die, const std::string& link, uint32_t lane,
                    const CorvaneE32LANEDATA& lane_data, const EyeTables& tables, unsigned int P, unsigned int V,
                    const ScanParams& params, nlohmann::json& out);

@@ -176,7 +176,7 @@ json eye_scan_test_output(const std::optional<std::vector<EyeSummaryRow>>& rows,
             {"ResultsFolder", folder}};
 }
 
-double eye_scan_estimate_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps) {
+ScanParams scan_params_of(const EyeScanWindow& window, int nbits) {
     ScanParams params;
     params.nbits = nbits;
     params.phase_start = window.phase_start;
@@ -185,7 +185,11 @@ double eye_scan_estimate_lane_seconds(const EyeScanWindow& window, int nbits, do
     params.voltage_start = window.voltage_start;
     params.voltage_end = window.voltage_end;
     params.voltage_step = window.voltage_step;
-    return eye_scan_lane_seconds(params, taps, rate_gbps) + kLaneOverheadSeconds;
+    return params;
+}
+
+double eye_scan_estimate_lane_seconds(const EyeScanWindow& window, int nbits, double rate_gbps, unsigned int taps) {
+    return eye_scan_lane_seconds(scan_params_of(window, nbits), taps, rate_gbps) + kLaneOverheadSeconds;
 }
 
 double eye_scan_rate_gbps(const json& test, const std::vector<VEX_DIE_INFO>& dies) {

@@ -21,6 +21,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "eye_scan/scan_params.h"
 #include "gui/gui_resource_store.h"
 #include "gui/scheduler.h"
 #include "gui/test_runner.h"
@@ -41,6 +42,9 @@ struct EyeScanWindow {
     int phase_points() const { return (phase_end - phase_start) / phase_step + 1; }
     int voltage_points() const { return (voltage_end - voltage_start) / voltage_step + 1; }
 };
+
+// The collector's parameters for this window at nbits (other fields default).
+ScanParams scan_params_of(const EyeScanWindow& window, int nbits);
 
 // The window from "TestParams" ("PhaseStart", "PhaseEnd", "PhaseStep",
 // "VoltageStart", "VoltageEnd", "VoltageStep"; each optional, defaults

@@ -213,6 +213,26 @@ void fill_record(RegisterSpace& space, uint32_t address, unsigned layout, bool c
     }
     for (unsigned cache = 0; cache < e32::kCaches; ++cache)
         bytes[e32::kClockTrainFirst + e32::clock_train_stride(layout) * cache + e32::kClockTrainValidByte] = 1;
+    // The eye sampler's last settings: seeded codes in plausible ranges.
+    auto put16 = [&](unsigned at, int value) {
+        bytes[at] = static_cast<uint8_t>(value & 0xFF);
+        bytes[at + 1] = static_cast<uint8_t>((value >> 8) & 0xFF);
+    };
+    auto seeded = [&](unsigned field, unsigned range) { return static_cast<int>(noise.bits({key, 100, field}) % range); };
+    for (unsigned tap = 0; tap < e32::kEyeTaps; ++tap) {
+        bytes[e32::kEsDfeTapsByte + tap] = static_cast<uint8_t>(static_cast<int8_t>(seeded(tap, 41) - 20));
+        put16(e32::kDacsByte + 2 * tap, 400 + seeded(10 + tap, 200));
+        put16(e32::kOffsetDacsByte + 2 * tap, seeded(20 + tap, 31) - 15);
+    }
+    put16(e32::kPiByte, seeded(30, 128));
+    bytes[e32::kAttByte] = static_cast<uint8_t>(seeded(31, 8));
+    bytes[e32::kZeroByte] = static_cast<uint8_t>(seeded(32, 16));
+    bytes[e32::kIndByte] = static_cast<uint8_t>(seeded(33, 4));
+    bytes[e32::kDcByte] = static_cast<uint8_t>(seeded(34, 32));
+    put16(e32::kEyeHeightByte, 60 + seeded(35, 80));
+    put16(e32::kH1EstByte, seeded(36, 61) - 30);
+    put16(e32::kFomByte, 100 + seeded(37, 900));
+    put16(e32::kOffsetAfeByte, seeded(38, 21) - 10);
     bytes[e32::kRingOffsetByte] = e32::kRingOffsets[lane & 3] & 0xFF;
     bytes[e32::kRingOffsetByte + 1] = (e32::kRingOffsets[lane & 3] >> 8) & 0xFF;
     if (layout != 1) bytes[e32::kTapModeByte] = static_cast<uint8_t>(tap_mode);

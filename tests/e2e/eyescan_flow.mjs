@@ -34,14 +34,14 @@ async function queue_from_form(page, base) {
   assert.equal(await page.textContent('[data-testid=ey-error-lanes]'), 'Choose at least one lane, or all lanes.');
   assert.equal(await page.textContent('[data-testid=ey-queue-answer]'), '');
   await page.click('[data-testid=ey-lanes-quad]');
-  assert.equal(await page.$eval('#ey-ber option[value="5.24"]', (o) => o.textContent), '5.24 (2¹⁵ bits)');
+  assert.equal(await page.$eval('#ey-ber option[value="5.24"]', (o) => o.textContent), '1e-5.24 (2¹⁵ bits)');
   await page.selectOption('#ey-ber', BER);
   await page.waitForSelector('[data-testid=ey-estimate]:not(.updating):has-text("on hardware")', { timeout: WAIT_MS });
   const estimate = await page.textContent('[data-testid=ey-estimate]');
   assert.match(estimate, /^about \d+ (s|min|h)\b.* on hardware \(4 lanes one after another\)/, estimate);
   await page.click('[data-testid=ey-submit]');
   const answer = await (await page.waitForSelector('[data-testid=ey-queue-answer] :is(.success, .error)', { timeout: WAIT_MS })).textContent();
-  const id = /^Queued as test (\d+): eye scan of s0\.G1, lanes 0-3, BER 5\.24 \(2¹⁵ bits\)\./.exec(answer);
+  const id = /^Queued as test (\d+): eye scan of s0\.G1, lanes 0-3, BER 1e-5\.24 \(2¹⁵ bits\)\./.exec(answer);
   assert.ok(id, answer);
   return Number(id[1]);
 }

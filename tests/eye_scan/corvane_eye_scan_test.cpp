@@ -222,6 +222,13 @@ TEST(EyeScanOverModel, OlderFirmwareWritesTheJsonDocument) {
     EXPECT_GE(doc["cpdf"][0][0].get<int>(), 3);
     EXPECT_EQ(doc["cpdf"][45][45], 0) << "cells beyond the grid stay 0";
     EXPECT_EQ(doc["lane_data"].size(), 768u);
+    for (const auto& [key, value] : doc.items()) EXPECT_FALSE(value.is_null()) << key;
+    // Decoded fields agree with the record's bytes (little-endian, signed where signed).
+    const auto byte = [&](int at) { return doc["lane_data"][at].get<int>(); };
+    EXPECT_EQ(doc["pi"], byte(496) | byte(497) << 8);
+    EXPECT_EQ(doc["es_dfetaps"][1], static_cast<int8_t>(byte(489)));
+    EXPECT_EQ(doc["offsetDacs"][7], static_cast<int16_t>(byte(554) | byte(555) << 8));
+    EXPECT_EQ(doc["eyeparams"].size(), 768u - 488u);
 }
 
 // Each failure ends the lane with its text, bounded, and sends nothing it

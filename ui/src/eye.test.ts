@@ -26,9 +26,10 @@ describe('eye scan targets and BER', () => {
   });
 
   it.each([
-    ['7.65', '7.65 (2²³ bits)'],
-    ['3.735', '3.735 (2¹⁰ bits)'],
+    ['7.65', '1e-7.65 (2²³ bits)'],
+    ['3.735', '1e-3.735 (2¹⁰ bits)'],
     ['12', '1e-12'],
+    ['9.99e', '9.99e'],
   ])('%s reads %s', (ber, label) => expect(eye_ber_label(ber)).toBe(label));
 });
 

@@ -18,10 +18,10 @@ const NBITS: Record<string, number> = {
 const SUPERSCRIPT = '⁰¹²³⁴⁵⁶⁷⁸⁹';
 const power_of_two = (n: number) => `2${[...String(n)].map((d) => SUPERSCRIPT[Number(d)]).join('')}`;
 
-/** "5.24" -> "5.24 (2¹⁵ bits)"; a string outside the table as it came. */
+/** "5.24" -> "1e-5.24 (2¹⁵ bits)"; a string outside the table as ber_label reads it. */
 export function eye_ber_label(ber: string): string {
   const nbits = NBITS[ber];
-  return nbits === undefined ? ber_label(ber) : `${ber} (${power_of_two(nbits)} bits)`;
+  return nbits === undefined ? ber_label(ber) : `${ber_label(ber)} (${power_of_two(nbits)} bits)`;
 }
 
 const is_object = (v: unknown): v is JsonObject => typeof v === 'object' && v !== null && !Array.isArray(v);

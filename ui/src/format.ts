@@ -2,7 +2,8 @@
 
 /** "12" -> "1e-12"; the service takes the negative exponent as text. */
 export function ber_label(exponent: string): string {
-  return /^\d+$/.test(exponent) ? `1e-${exponent}` : exponent;
+  // Eye scan choices are fractional exponents ("7.65"): the same reading.
+  return /^\d+(\.\d+)?$/.test(exponent) ? `1e-${exponent}` : exponent;
 }
 
 /** "32Gts" -> "32 GT/s"; other forms as they came. */

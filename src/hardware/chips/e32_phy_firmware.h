@@ -110,8 +110,26 @@ constexpr unsigned int kCaches = 3;
 // 16-bit values whose half-difference is the tap.
 constexpr unsigned int kRxAdaptFirst = 28, kRxAdaptStride = 20, kRxAdaptTaps = 4;
 constexpr unsigned int kClockTrainFirst = 376, kClockTrainValidByte = 29;
+// Eye parameters: from the end of layout 1's clock-train entries to the end
+// of the record, the same in every layout. Besides the ring offset and the
+// tap mode the collector needs, the firmware keeps there what its eye
+// sampler last applied: one DFE byte per sampler tap (signed), the phase
+// interpolator code (16 bits), the front end's att, zero, ind and dc codes
+// (bytes), five reserved bytes, its eye height estimate in 0.5 mV and the
+// H1 estimate (signed), both 16 bits, a figure of merit (16 bits), the
+// front end's offset (signed 16 bits), and eight sampler DAC codes and
+// their offsets (16 bits each, the offsets signed). The bytes not named
+// here are reserved.
+constexpr unsigned int kEyeParamsFirst = 488;
+constexpr unsigned int kEsDfeTapsByte = 488;  // kEyeTaps signed bytes
+constexpr unsigned int kPiByte = 496;
 constexpr unsigned int kRingOffsetByte = 498;  // two bytes
+constexpr unsigned int kAttByte = 500, kZeroByte = 501, kIndByte = 502, kDcByte = 503;
+constexpr unsigned int kRsvdFirst = 504, kRsvdBytes = 5;
+constexpr unsigned int kEyeHeightByte = 510, kH1EstByte = 512, kFomByte = 514, kOffsetAfeByte = 516;
 constexpr unsigned int kTapModeByte = 522;     // layouts 2 and 3
+constexpr unsigned int kDacsByte = 524, kOffsetDacsByte = 540;  // kEyeTaps 16-bit values each
+static_assert(kOffsetDacsByte + 2 * kEyeTaps <= kRecordBytes);
 // Clock-train entries are 37 bytes apart in layout 1 and 36 in the others.
 constexpr unsigned int clock_train_stride(unsigned int layout) { return layout == 1 ? 37 : 36; }
 constexpr unsigned int record_offset(unsigned int layout, unsigned int lane) {

@@ -184,8 +184,16 @@ function draw(canvas: HTMLCanvasElement, d: EyeScanResult, lane: EyeLane, hover:
   ctx.textBaseline = 'middle';
   for (let e = Math.ceil(lo); e <= 0; e++) {
     const y = m.top + plotH * (e / lo);
+    // A decade too close to the floor's own label gives way to it.
+    if (e !== lo && m.top + plotH - y < 1.2 * rem) continue;
     ctx.fillRect(barX + barW, y, 3, 1);
     ctx.fillText(`1e${e}`, barX + barW + 5, y);
+  }
+  if (lo !== Math.ceil(lo)) {
+    // The bottom of the scale is the BER floor, rarely a whole decade.
+    ctx.fillRect(barX + barW, m.top + plotH, 3, 1);
+    ctx.fillText(sci(10 ** lo), barX + barW + 5, m.top + plotH - 0.35 * rem);
+    ctx.fillText('floor', barX + barW + 5, m.top + plotH + 0.45 * rem);
   }
   ctx.save();
   ctx.translate(width - 0.5 * rem, m.top + plotH / 2);
@@ -299,7 +307,9 @@ function Bathtub({ x, y, label, lo, floor, testid }: { x: number[]; y: (number |
 }
 
 const mv = (v: number | null) => (v === null ? '–' : `${v.toFixed(1)} mV`);
-const ui = (v: number | null) => (v === null ? '–' : `${v.toFixed(3)} UI`);
+// Phase figures are whole 1/64 UI: five decimals show them exactly, as the image does.
+const ui_figure = (v: number) => String(+v.toFixed(5));
+const ui = (v: number | null) => (v === null ? '–' : `${ui_figure(v)} UI`);
 
 function LaneEye({ d, lane, failure }: { d: EyeScanResult; lane: EyeLane; failure: string | null }) {
   const tubs = useMemo(() => bathtubs(d, lane.Counts), [d, lane]);
@@ -365,7 +375,7 @@ const COLUMN_NAMES: Record<string, string> = {
 function cell_text(header: string, value: string | number | null): string {
   if (typeof value !== 'number') return value ?? '–';
   if (header === 'BERFloor') return sci(value);
-  if (header.endsWith('UI')) return value.toFixed(4);
+  if (header.endsWith('UI')) return ui_figure(value);
   return Number.isInteger(value) ? String(value) : value.toFixed(2);
 }
 

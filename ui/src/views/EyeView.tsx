@@ -5,7 +5,7 @@ import { get_eye_targets } from '../api';
 import { build_eye_record, default_eye_form, eye_ber_label, eye_record_text, target_key, target_label, type EyeForm } from '../eye';
 import type { FormErrors } from '../record';
 import type { EyeScanTarget } from '../types';
-import { AnswerLine, EstimateLine, FieldError, useQueueAnswer } from './form_parts';
+import { AnswerLine, SubmitRow, EstimateLine, FieldError, useQueueAnswer } from './form_parts';
 
 const QUAD = [0, 1, 2, 3];
 
@@ -126,12 +126,7 @@ export function EyeView() {
 
         <EstimateLine record={result.record} chosen={form.target !== ''} testid="ey-estimate" lanesNote=" one after another" />
 
-        <span />
-        <div class="actions">
-          <button type="submit" class="primary" disabled={queue.sending} data-testid="ey-submit">
-            Queue eye scan
-          </button>
-        </div>
+        <SubmitRow label="Queue eye scan" sending={queue.sending} testid="ey-submit" />
       </form>
       <AnswerLine answer={queue.answer} testid="ey-queue-answer" />
     </div>

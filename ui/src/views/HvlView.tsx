@@ -7,7 +7,7 @@ import { build_hvl_record, default_hvl_form, hvl_record_text, link_key, link_lab
 import { rate_label } from '../format';
 import type { HVLLink } from '../types';
 import { EmptyRow } from './common';
-import { AnswerLine, EstimateLine, FieldError, MarginChoiceFields, useQueueAnswer } from './form_parts';
+import { AnswerLine, SubmitRow, EstimateLine, FieldError, MarginChoiceFields, useQueueAnswer } from './form_parts';
 
 const DIE = LINK_COLUMNS.indexOf('Die');
 const MARGINING = LINK_COLUMNS.indexOf('Margining');
@@ -139,12 +139,7 @@ export function HvlView() {
 
         <EstimateLine record={result.record} chosen={form.link !== ''} testid="hv-estimate" lanesNote=" one after another" />
 
-        <span />
-        <div class="actions">
-          <button type="submit" class="primary" disabled={queue.sending} data-testid="hv-submit">
-            Queue hVL test
-          </button>
-        </div>
+        <SubmitRow label="Queue hVL test" sending={queue.sending} testid="hv-submit" />
       </form>
       <AnswerLine answer={queue.answer} testid="hv-queue-answer" />
     </div>

@@ -2,7 +2,7 @@ import { useEffect, useMemo, useState } from 'preact/hooks';
 import { ber_label, lanes_label } from '../format';
 import { build_margin_record, default_form, errcnt_range, margin_capable, type FormErrors, type MarginForm } from '../record';
 import type { PCIeDevice } from '../types';
-import { AnswerLine, EstimateLine, FieldError, MarginChoiceFields, useQueueAnswer } from './form_parts';
+import { AnswerLine, SubmitRow, EstimateLine, FieldError, MarginChoiceFields, useQueueAnswer } from './form_parts';
 
 interface Props {
   devices: PCIeDevice[] | null;
@@ -97,12 +97,7 @@ export function NewTestView({ devices, error, chosen }: Props) {
 
         <EstimateLine record={result.record} chosen={form.sbdf !== ''} testid="estimate" />
 
-        <span />
-        <div class="actions">
-          <button type="submit" class="primary" disabled={queue.sending}>
-            Queue test
-          </button>
-        </div>
+        <SubmitRow label="Queue test" sending={queue.sending} />
       </form>
       <AnswerLine answer={queue.answer} testid="queue-answer" />
     </div>

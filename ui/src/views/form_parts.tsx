@@ -189,6 +189,20 @@ export function useQueueAnswer() {
   return { answer, sending: answer !== null && 'sending' in answer, send, clear: () => setAnswer(null) };
 }
 
+/** The form's last grid row: an empty label cell and the submit button. */
+export function SubmitRow({ label, sending, testid }: { label: string; sending: boolean; testid?: string }) {
+  return (
+    <>
+      <span />
+      <div class="actions">
+        <button type="submit" class="primary" disabled={sending} data-testid={testid}>
+          {label}
+        </button>
+      </div>
+    </>
+  );
+}
+
 export function AnswerLine({ answer, testid }: { answer: Answer | null; testid: string }) {
   return (
     <div class="answer-line" data-testid={testid}>
