@@ -50,16 +50,19 @@ function FieldEditor({ sbdf, table, register, field, onDone }: {
   // A refusal is shown beside the field (the note above may be scrolled
   // away), with what the device still holds; the typed text stays to be fixed.
   const [refused, setRefused] = useState('');
-  useEffect(() => setValue(field.value), [field.value]);
+  // A table reload shows the device's value, but never over what the user is typing.
+  const [edited, setEdited] = useState(false);
+  useEffect(() => { if (!edited) setValue(field.value); }, [field.value]);
   const done = (answer: string) => {
     const ok = answer === 'success';
+    if (ok) setEdited(false);
     setRefused(ok ? '' : `${answer}; the device keeps ${field.value}`);
     onDone(ok ? `${register}.${field.name} = ${value}` : answer);
   };
   return (
     <span class="field-edit">
       <input value={value} size={10} aria-label={`${register}.${field.name}`} aria-invalid={refused !== ''}
-        onInput={(e) => setValue((e.target as HTMLInputElement).value)} />
+        onInput={(e) => { setValue((e.target as HTMLInputElement).value); setEdited(true); }} />
       <button onClick={() => api.write_field(sbdf, table, register, field.name, value).then(done).catch((e: Error) => done(e.message))}>
         Write
       </button>
