@@ -135,6 +135,7 @@ void PCIETimer::startFunc(unsigned interval_ms) {
 }
 
 void PCIETimer::loopFunction() {
+    WaitScope waiting;  // each tick checks what the one before it started
     while (_active) {
         for (unsigned waited = 0; _active && waited < _interval; waited += kSleepSlice)
             OSSpecific().milli_secs_sleep(std::min(kSleepSlice, _interval - waited));
@@ -492,6 +493,7 @@ bool CPCIEPortStatusInterface::on_ContinuousRun_toggled(bool on) {
 // up to the max wait, so whoever reads it next finds it up. A link that
 // doesn't come back is named in the log.
 void CPCIEPortStatusInterface::_restore_link() {
+    WaitScope waiting;
     std::string error;
     if (_mode_disable && _link->IsLinkDisabled() && _link->SetLinkDisable(false, error))
         appendCurrentStatus("Link enabled again at the end of the loop");
