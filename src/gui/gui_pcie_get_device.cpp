@@ -1,5 +1,6 @@
 #include "gui/gui_pcie_get_device.h"
 
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -21,6 +22,13 @@ constexpr const char* kListLock = "GUIPCIEGetDevice";
 // empty array rather than null, so the browser always gets an array.
 bool init_done = false;
 json json_dev_list = json::array();
+// Per element of the cached list: its function and, for a mapped port, the
+// port's lanes, so the live fields can be read again without a new walk.
+struct ListedFunction {
+    PCIDeviceDetails device;
+    std::optional<PortMap> port;
+};
+std::vector<ListedFunction> listed_functions;
 
 // Negative exponents of the target bit error rate a margin test may ask for.
 json margin_ber_choices() { return json::array({"8", "9", "10", "11", "12", "13", "14"}); }
@@ -115,18 +123,51 @@ GUIPCIEGetDevice::GUIPCIEGetDevice(GUIResourceStore& store) : _store(store) {}
 
 json GUIPCIEGetDevice::get_device_list(std::vector<PCIDeviceDetails> devices) const {
     NamedLockGuard guard(kListLock);
-    if (init_done) return json_dev_list;
     std::shared_ptr<ReadPCI> read = _store.get_read_accessor();
     if (!read) read = std::make_shared<ReadPCIStd>();
-    json_dev_list = _build(devices, read);
-    init_done = true;
+    if (!init_done) {
+        listed_functions.clear();
+        json_dev_list = _build(devices, read);
+        init_done = true;
+        return json_dev_list;
+    }
+    _refresh_link_state(read);
     return json_dev_list;
+}
+
+// The walk that builds the list is slow and its other parts stay true, but a
+// link panel or a retrain changes speed and width at any time: those, and
+// the lanes offered (which the queue checks records against), are read again
+// at each answer, a few configuration reads per function.
+void GUIPCIEGetDevice::_refresh_link_state(const std::shared_ptr<ReadPCI>& read) const {
+    for (size_t i = 0; i < listed_functions.size() && i < json_dev_list.size(); ++i) {
+        const PCIDeviceDetails& device = listed_functions[i].device;
+        json& element = json_dev_list[i];
+        const PCIE::Device_ID id(device.segment, device.bus, device.device, device.function);
+        PCIE::DetectThisPCIECapability capability(id, *read);
+        std::string speed, width_text, error;
+        PCIE::GetCurrentLinkSpeed(id, *read, capability).get(speed, error);
+        PCIE::GetCurrentLinkWidth(id, *read, capability).get(width_text, error);
+        element["PCIeInfo"]["Speed"] = speed;
+        element["PCIeInfo"]["Width"] = width_text;
+        element["PCIeInfo"]["Downtrained"] = downtrained(id, *read);
+        if (const auto& port = listed_functions[i].port) {
+            const unsigned int width = current_width(port->device, *read);
+            element["PCIeMarginData"]["Lanes"] = trained_serdes_lanes(*port, width);
+            element["NonDestMarginData"] = _get_nd_margin_data(*port, width);
+        } else {
+            json lanes = json::array();
+            for (unsigned int lane = 0, width = current_width(id, *read); lane < width; ++lane) lanes.push_back(lane);
+            element["PCIeMarginData"]["Lanes"] = std::move(lanes);
+        }
+    }
 }
 
 void GUIPCIEGetDevice::forget_cached_list() {
     NamedLockGuard guard(kListLock);
     init_done = false;
     json_dev_list = json::array();
+    listed_functions.clear();
 }
 
 json GUIPCIEGetDevice::_build(const std::vector<PCIDeviceDetails>& devices,
@@ -150,10 +191,12 @@ json GUIPCIEGetDevice::_build(const std::vector<PCIDeviceDetails>& devices,
         element["PCIeMarginSupported"] = margin_supported(device, *read, gen4_and_above(device), unsupported);
         if (!unsupported.empty()) element["PCIeMarginUnsupportedReason"] = unsupported;
         element["PCIeMarginData"] = _get_pcie_margin_data(device, read);
+        std::optional<PortMap> mapped_port;
         if (bridge(device) && vex_device(device) &&
             is_device_mapped(device.segment, device.bus, device.device, device.function, port_map)) {
             const auto [die, port] =
                 get_mapped_device(device.segment, device.bus, device.device, device.function, port_map);
+            mapped_port = port;
             const unsigned int width = current_width(port.device, *read);
             if (!port.lc_state.empty()) element["PCIeInfo"]["LTSSM"] = port.lc_state;
             element["EyeScanSupported"] = !port.logical_to_serdes_lane.empty();
@@ -168,6 +211,7 @@ json GUIPCIEGetDevice::_build(const std::vector<PCIDeviceDetails>& devices,
             element["NonDestMarginSupported"] = false;
         }
         list.push_back(std::move(element));
+        listed_functions.push_back({device, mapped_port});
     }
     return list;
 }

@@ -5,8 +5,9 @@
 // parts of an element into a test record, so the keys are those of the record.
 //
 // The list is built at the first request and served from a cache until the
-// process ends: the pre-checks walk every function's configuration space, and
-// the first answer stands even if a link retrains later.
+// process ends: the pre-checks walk every function's configuration space.
+// What a link panel or a retrain changes ("Speed", "Width", "Downtrained" and
+// the trained lanes) is read again at every answer.
 //
 // Beyond the record's keys, "PCIeInfo" tells "MaxSpeed" and "MaxWidth" (the
 // link capabilities, in the text form of "Speed" and "Width"), "Downtrained"
@@ -37,7 +38,7 @@ public:
 
     // JSON array, one element per function of `devices` whose current link
     // speed can be read, in list order. The first call in the process decides
-    // the content; later calls return a copy of it whatever they pass. Built
+    // the content; later calls return a copy of it whatever they pass, its link fields read again. Built
     // and served under the named lock "GUIPCIEGetDevice". With nothing to
     // list the answer is an empty array, never null.
     nlohmann::json get_device_list(std::vector<PCIDeviceDetails> devices) const;
@@ -47,6 +48,7 @@ public:
     static void forget_cached_list();
 
 private:
+    void _refresh_link_state(const std::shared_ptr<ReadPCI>& read) const;
     nlohmann::json _build(const std::vector<PCIDeviceDetails>& devices, const std::shared_ptr<ReadPCI>& read) const;
     nlohmann::json _get_pcie_info(const PCIDeviceDetails& device, const std::shared_ptr<ReadPCI>& read) const;
     nlohmann::json _get_pcie_margin_data(const PCIDeviceDetails& device,

@@ -31,7 +31,17 @@ public:
     // Number of NUMA nodes, as text.
     virtual std::string numa_mode() = 0;
     virtual ProcessorIdentity processor_identity() = 0;
+    // The calling thread polls for what it starts (see WaitScope); nothing
+    // to do on hardware.
+    virtual void begin_wait() {}
+    virtual void end_wait() {}
 };
+
+// Opened by code that starts something on the machine (a retrain, a link
+// enable) and then polls for it on the same thread: while it is open, a
+// model of the machine times what that thread starts by that thread's own
+// clock, so other threads' clocks can't end the wait early or late.
+class WaitScope;
 
 // Installs the process-wide provider. Safe to call from any thread; a null
 // pointer puts a RealSystemFacts back.
@@ -39,6 +49,17 @@ void set_system_facts(std::shared_ptr<SystemFacts> provider);
 
 // The installed provider; a RealSystemFacts until another is installed.
 SystemFacts& system_facts();
+
+class WaitScope {
+public:
+    WaitScope() : _facts(system_facts()) { _facts.begin_wait(); }
+    ~WaitScope() { _facts.end_wait(); }
+    WaitScope(const WaitScope&) = delete;
+    WaitScope& operator=(const WaitScope&) = delete;
+
+private:
+    SystemFacts& _facts;
+};
 
 // Family, model and stepping from EAX of identification leaf 1.
 ProcessorIdentity decode_processor_signature(uint32_t eax);

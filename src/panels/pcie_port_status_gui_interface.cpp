@@ -135,6 +135,7 @@ void PCIETimer::startFunc(unsigned interval_ms) {
 }
 
 void PCIETimer::loopFunction() {
+    WaitScope waiting;  // each tick checks what the one before it started
     while (_active) {
         for (unsigned waited = 0; _active && waited < _interval; waited += kSleepSlice)
             OSSpecific().milli_secs_sleep(std::min(kSleepSlice, _interval - waited));
@@ -421,12 +422,7 @@ bool CPCIEPortStatusInterface::on_ContinuousRun_toggled(bool on) {
         if (_timer) _timer->stopFunc();
         running = false;
         if (failure_seen) _log("Warning: Loop Stopped due to occurrence of failure..");
-        // A run that ends between its two halves leaves the link as it found it.
-        std::string error;
-        if (_claimed && _mode_disable && _link->IsLinkDisabled() && _link->SetLinkDisable(false, error))
-            appendCurrentStatus("Link enabled again at the end of the loop");
-        if (_claimed && _mode_reset && _link->SetSecondaryBusReset(false, error) && !_link->IsLinkUp())
-            appendCurrentStatus("Secondary bus reset released at the end of the loop");
+        if (_claimed && _link) _restore_link();
         std::ostringstream summary;
         summary << "Summary: LoopCount=" << loop_count << ", SuccessLoopCount=" << _success
                 << ", FailureLoopCount=" << _failure << " [linkStatusMismatchFail=" << _mismatch
@@ -485,10 +481,44 @@ bool CPCIEPortStatusInterface::on_ContinuousRun_toggled(bool on) {
         return false;
     }
     _claimed = true;
+    _machine->read->read16(d.segment, d.bus, d.device, d.function, _link->pcie_cap() + 0x30, _start_control2);
     _start_aer = _aer_status();
     if (!_timer) _timer = std::make_unique<PCIETimer>([this] { TimerInterfaceUpdate(); }, kPortStatusIntervals[interval_index].ms);
     _timer->startFunc(kPortStatusIntervals[interval_index].ms);
     return true;
+}
+
+// A run that ends leaves the link as it found it: the half of a loop it
+// stopped in is undone, the target speed put back, and the link waited for
+// up to the max wait, so whoever reads it next finds it up. A link that
+// doesn't come back is named in the log.
+void CPCIEPortStatusInterface::_restore_link() {
+    WaitScope waiting;
+    std::string error;
+    if (_mode_disable && _link->IsLinkDisabled() && _link->SetLinkDisable(false, error))
+        appendCurrentStatus("Link enabled again at the end of the loop");
+    if (_mode_reset && _link->SetSecondaryBusReset(false, error) && !_link->IsLinkUp())
+        appendCurrentStatus("Secondary bus reset released at the end of the loop");
+    if (_mode_retrain) {
+        const PCIDeviceDetails& d = _link->port().device;
+        unsigned control2 = 0;
+        _machine->read->read16(d.segment, d.bus, d.device, d.function, _link->pcie_cap() + 0x30, control2);
+        if ((control2 & 0xF) != (_start_control2 & 0xF)) {
+            _machine->write->write16(d.segment, d.bus, d.device, d.function, _link->pcie_cap() + 0x30,
+                                     (control2 & ~0xFu) | (_start_control2 & 0xF));
+            if (!(GetLinkStatus() == _start_status)) _link->PCIeLinkRetrain(error);
+        }
+    }
+    const unsigned limit = kPortStatusIntervals[max_wait_index].ms;
+    PortLinkStatus status = GetLinkStatus();
+    for (unsigned waited = 0; !(status == _start_status) && waited < limit; waited += 10) {
+        OSSpecific().milli_secs_sleep(10);
+        status = GetLinkStatus();
+    }
+    if (!(status == _start_status))
+        _log("Warning : The link is not back as the test found it after " +
+             std::string(kPortStatusIntervals[max_wait_index].label) + ": Current Link Status:" + status.text() +
+             " [ TestStart Link Status:" + _start_status.text() + " ]");
 }
 
 void CPCIEPortStatusInterface::TimerInterfaceUpdate() {

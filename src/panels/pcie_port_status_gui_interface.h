@@ -126,6 +126,7 @@ private:
     unsigned _aer_status();
     void _check_toggle(bool reset_mode);
     void _check_retrain();
+    void _restore_link();
     void _log(const std::string& text);
     void _fail(const std::string& text, std::atomic<unsigned>& cause);
 
@@ -151,6 +152,7 @@ private:
     bool _have_last = false;
     unsigned _waited = 0;
     unsigned _start_aer = 0;
+    unsigned _start_control2 = 0;  // Link Control 2 as the run found it
     bool _claimed = false;
     std::atomic<unsigned> _success{0}, _failure{0}, _mismatch{0}, _unstable{0}, _preset_mismatch{0}, _aer_fail{0},
         _max_wait{0};

@@ -56,6 +56,10 @@ struct SummaryPage {
 // folder's name, `folder` its test folder's.
 nlohmann::json make_result_summary(const nlohmann::json& record, const std::string& run, const std::string& folder);
 
+// What the index file's user_version must hold to be read; any other value
+// (an older table or older summaries) makes the index again.
+int index_version();
+
 // "<run>/test_<n>" with a run named by a time stamp, else nothing: an id is
 // only ever these two names, so it can't lead out of the archive.
 std::optional<std::pair<std::string, std::string>> parse_result_id(const std::string& id);

@@ -70,8 +70,12 @@ uint64_t text_key(const std::string& text) {
     return hash;
 }
 
+// Any JSON integer (text gives unsigned ones, C++ code signed ones) or a
+// text such as "2"; anything past 16 bits is no lane.
 unsigned lane_number(const json& value, const std::string& path) {
-    if (value.is_number_unsigned()) return value.get<unsigned>();
+    if (value.is_number_integer() && (value.is_number_unsigned() || value.get<int64_t>() >= 0) &&
+        value.get<uint64_t>() <= 0xFFFF)
+        return static_cast<unsigned>(value.get<uint64_t>());
     if (value.is_string()) {
         const std::string text = value.get<std::string>();
         try {

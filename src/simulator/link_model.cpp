@@ -19,10 +19,15 @@ void visit_ports(const PortProfile& port, const std::function<void(const PortPro
         for (const PortProfile& below : port.child->downstream_ports) visit_ports(below, visit);
 }
 
-uint64_t positive(const json& entry, const char* key, const std::string& path) {
+constexpr uint64_t kMaxFaultMs = 1'000'000'000;  // 11.5 days
+
+// Any JSON integer type: text gives unsigned ones, C++ code signed ones.
+// The bound keeps a period in nanoseconds from overflowing.
+uint64_t positive(const json& entry, const char* key, const std::string& path, uint64_t max) {
     const json& value = entry[key];
-    if (!value.is_number_unsigned() || value.get<uint64_t>() == 0)
-        fail(path + "." + key, "expected a positive whole number, got " + value.dump());
+    if (!value.is_number_integer() || (!value.is_number_unsigned() && value.get<int64_t>() <= 0) ||
+        value.get<uint64_t>() == 0 || value.get<uint64_t>() > max)
+        fail(path + "." + key, "expected a whole number from 1 to " + std::to_string(max) + ", got " + value.dump());
     return value.get<uint64_t>();
 }
 
@@ -91,11 +96,11 @@ std::map<const PortProfile*, LinkFaults> read_link_faults(const Profile& profile
             f.fail_speed = speed_code_of(entry["speed"], path + ".speed");
             if (f.fail_speed == 1) fail(path + ".speed", "a link always trains at 2.5 GT/s");
         } else if (type == "link_flap") {
-            f.flap_period_ns = static_cast<int64_t>(positive(entry, "period_ms", path)) * 1'000'000;
+            f.flap_period_ns = static_cast<int64_t>(positive(entry, "period_ms", path, kMaxFaultMs)) * 1'000'000;
         } else if (type == "link_no_return") {
-            f.return_ns = static_cast<int64_t>(positive(entry, "return_ms", path)) * 1'000'000;
+            f.return_ns = static_cast<int64_t>(positive(entry, "return_ms", path, kMaxFaultMs)) * 1'000'000;
         } else {
-            f.aer_every = static_cast<unsigned>(positive(entry, "every", path));
+            f.aer_every = static_cast<unsigned>(positive(entry, "every", path, 0xFFFFFFFF));
             const json& error = entry["error"];
             // Correctable status: receiver error (bit 0) or a burst of bad TLPs (bit 6) with replays (bit 12).
             if (error == "receiver") f.aer_correctable = 1u << 0;

@@ -46,6 +46,8 @@ public:
     explicit ModelSystemFacts(std::shared_ptr<PlatformModel> model) : _model(std::move(model)) {}
 
     void sleep_for(std::chrono::microseconds nominal) override { _model->clock().sleep_for(nominal); }
+    void begin_wait() override { _model->clock().begin_wait(); }
+    void end_wait() override { _model->clock().end_wait(); }
     std::chrono::system_clock::time_point now() override {
         ModelClock& clock = _model->clock();
         return clock.to_system(clock.now().ns);

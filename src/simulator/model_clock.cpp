@@ -9,6 +9,7 @@ namespace sim {
 namespace {
 std::atomic<uint64_t> next_clock_id{1};
 std::atomic<uint64_t> next_thread_key{1};
+std::atomic<uint64_t> next_scope{1};
 thread_local const uint64_t this_thread_key = next_thread_key++;
 }  // namespace
 
@@ -17,6 +18,9 @@ struct ModelClock::ThreadState {
     bool wall = false;      // follows the wall clock
     bool looked = false;
     int64_t local = 0;      // own time, or the frontier when last looked
+    unsigned depth = 0;     // open waiter scopes
+    uint64_t scope = 0;
+    std::shared_ptr<std::atomic<uint64_t>> open_scope = std::make_shared<std::atomic<uint64_t>>(0);
 };
 
 ModelClock::ModelClock(std::chrono::system_clock::time_point start, double time_scale)
@@ -62,7 +66,22 @@ ModelTime ModelClock::now() {
         state.local = _frontier.load();
         state.looked = true;
     }
+    if (state.depth) return {this_thread_key, state.local, state.scope, state.open_scope};
     return {this_thread_key, state.local};
+}
+
+void ModelClock::begin_wait() {
+    ThreadState& state = _state();
+    if (state.wall || state.depth++) return;
+    state.scope = next_scope++;
+    state.open_scope->store(state.scope);
+}
+
+void ModelClock::end_wait() {
+    ThreadState& state = _state();
+    if (state.wall || !state.depth || --state.depth) return;
+    state.scope = 0;
+    state.open_scope->store(0);
 }
 
 void ModelClock::sleep_for(std::chrono::nanoseconds nominal) {

@@ -26,12 +26,16 @@
 // Something that one thread starts and another waits for (a retrain, say)
 // is timed with ModelDeadline, which lets each observer see the wait run out
 // after the nominal time on its own clock, so a thread whose clock lags far
-// behind is never stuck.
+// behind is never stuck. A thread that starts something inside a waiter
+// scope (begin_wait/end_wait) polls for it itself: while that scope is open
+// only its clock ends the wait, so a thread whose clock runs far ahead (a
+// push loop) can't end it early.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -41,6 +45,10 @@ namespace sim {
 struct ModelTime {
     uint64_t thread = 0;
     int64_t ns = 0;
+    // The caller's open waiter scope: its number, and where the thread keeps
+    // the number of the scope it has open now (0: none).
+    uint64_t scope = 0;
+    std::shared_ptr<const std::atomic<uint64_t>> open_scope;
 };
 
 class ModelClock {
@@ -52,6 +60,9 @@ public:
     void sleep_for(std::chrono::nanoseconds nominal);
     // From now on the calling thread's time follows the wall clock (see above).
     void follow_wall_clock();
+    // Waiter scopes of the calling thread; they nest.
+    void begin_wait();
+    void end_wait();
 
     std::chrono::system_clock::time_point start() const { return _start; }
     std::chrono::system_clock::time_point to_system(int64_t ns) const {
@@ -81,6 +92,9 @@ public:
     void start(const ModelTime& now, int64_t duration_ns) {
         _active = true;
         _owner = now.thread;
+        _scope = now.scope;
+        _open_scope = now.scope ? now.open_scope : nullptr;
+        _owner_done = false;
         _end = now.ns + duration_ns;
         _duration = duration_ns;
         _first_seen.clear();
@@ -90,7 +104,12 @@ public:
     // True when nothing runs, or when the wait is over for this observer:
     // its clock passed the end, or it has itself seen the full duration pass.
     bool expired(const ModelTime& now) {
-        if (!_active || now.ns >= _end) return true;
+        if (!_active) return true;
+        if (_open_scope && _open_scope->load() == _scope) {
+            if (now.thread == _owner && now.ns >= _end) _owner_done = true;
+            return _owner_done;
+        }
+        if (_owner_done || now.ns >= _end) return true;
         if (now.thread == _owner) return false;
         for (const auto& [thread, seen] : _first_seen)
             if (thread == now.thread) return now.ns >= seen + _duration;
@@ -101,6 +120,9 @@ public:
 private:
     bool _active = false;
     uint64_t _owner = 0;
+    uint64_t _scope = 0;
+    std::shared_ptr<const std::atomic<uint64_t>> _open_scope;  // the owner's, when it started in a scope
+    bool _owner_done = false;
     int64_t _end = 0, _duration = 0;
     std::vector<std::pair<uint64_t, int64_t>> _first_seen;
 };

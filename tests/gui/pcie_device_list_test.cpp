@@ -185,12 +185,25 @@ TEST_F(PCIEDeviceList, LinkCapabilitiesStateAndRefusalReason) {
 }
 
 // The first answer stands for the life of the process, whatever the machine
-// or the caller's list does later, until the cache is forgotten.
-TEST_F(PCIEDeviceList, FirstAnswerIsServedUntilForgotten) {
+// or the caller's list does later, until the cache is forgotten; only what a
+// link does (speed, width, the lanes offered) is read again.
+TEST_F(PCIEDeviceList, FirstAnswerIsServedUntilForgottenButLinksAreLive) {
     const json first = list();
     machine.write->write32(0, 0x00, 1, 0, sim::cfg::kBusNumbers, 0x00090100);  // slot1 now spans buses 1 to 9
     EXPECT_EQ(list(), first);
     EXPECT_EQ(GUIPCIEGetDevice(store).get_device_list({}), first);
+
+    unsigned at = 0, id = 0;  // the PCI Express capability of 0:40:1.0, whose link is then disabled
+    machine.read->read8(0, 0x40, 1, 0, 0x34, at);
+    for (; at && (machine.read->read8(0, 0x40, 1, 0, at, id), id != 0x10);) machine.read->read8(0, 0x40, 1, 0, at + 1, at);
+    ASSERT_NE(at, 0u);
+    unsigned control = 0;
+    machine.read->read16(0, 0x40, 1, 0, at + 0x10, control);
+    machine.write->write16(0, 0x40, 1, 0, at + 0x10, control | 0x10);
+    const json down = element(list(), "0:40:1.0");
+    EXPECT_EQ(down["PCIeInfo"]["Width"], "");
+    EXPECT_EQ(down["PCIeMarginData"]["Lanes"], json::array());
+    machine.write->write16(0, 0x40, 1, 0, at + 0x10, control);
 
     GUIPCIEGetDevice::forget_cached_list();
     EXPECT_EQ(element(list(), "0:0:1.0")["PCIeInfo"]["BridgeInfo"]["SubordinateBus"], 9);

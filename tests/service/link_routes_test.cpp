@@ -97,14 +97,18 @@ TEST_F(LinkRoutes, LinkControlChangesASpeedAndShowsIt) {
 
 // The browser greys its controls, hears the run's counts and log, and is
 // told the run ended, in this order. The test service's machine has one root
-// port (0:80:2.0) with nothing below it, so three retrains run on it.
+// port (0:80:2.0) with nothing below it, so three retrains run on it. Its
+// model time never moves (nothing is installed), so a link taken down there
+// would stay down for every later test: retrains keep it up.
 TEST(LinkRoutePushes, PortRunPushesGreyLogAndReleaseInOrder) {
     auto& service = wire_test::running_service();
     wire_test::WsClient browser(service.port);
     ASSERT_EQ(browser.status, 101);
     ASSERT_TRUE(wire_test::wait_for_connections(1));
     const auto answer = wire_test::request(service.port, "POST", "/api/1.0/StartPortStatusContinuousRun",
-                                           R"({"settingsSelection":{"selectedIndex":0},"loopCount":{"value":3}})");
+                                           R"({"settingsSelection":{"selectedIndex":2},"loopCount":{"value":3},)"
+                                           R"("retrainSpeed":{"selectedIndex":0,"values":["32 Gt/s"]},)"
+                                           R"("continuousRun":{"selectedIndex":8}})");
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(answer.body, "");
     std::vector<json> seen;

@@ -9,7 +9,10 @@
 #include <optional>
 #include <thread>
 
+#include <sqlite3.h>
+
 #include "hardware/test_temp_folder.h"
+#include "service/archive_index.h"
 #include "running_service.h"
 #include "service/result_archive.h"
 #include "service/wire_server.h"
@@ -300,6 +303,22 @@ INSTANTIATE_TEST_SUITE_P(
     lw_test::by_name);
 
 // --- Summary, single result, CSV guard ---------------------------------------
+
+// An index written by older code (its summaries lack fields added since)
+// is made again from the files, never served.
+TEST(ArchiveIndexFile, SummariesOfOlderCodeAreMadeAgain) {
+    TestTempFolder temp;
+    make_run(temp.path(), "2024_05_02-13_05_00", {{30, pcie_record(30, 1).dump()}});
+    ArchiveIndex(temp.path().string()).summaries({});
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((temp.path() / ".archive-index.sqlite3").c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "UPDATE tests SET summary='{\"Old\":1}'; PRAGMA user_version=1", nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    const SummaryPage page = ArchiveIndex(temp.path().string()).summaries({});
+    ASSERT_EQ(page.summaries.size(), 1u);
+    EXPECT_EQ(json::parse(page.summaries[0])["TestID"], 30) << page.summaries[0];
+}
 
 TEST(ArchiveCompactJson, IsWhatParsingAndDumpingGives) {
     const json record = {{"Operation", "PCIe Margin"},

@@ -229,6 +229,10 @@ TEST(LaneMargining, BadFaultsAreRefusedNamingTheField) {
          "profile: faults[0].lane: only margining_silent_lane takes a lane"},
         {R"({"type": "margining_silent_lane", "device": "nvme0", "lane": 4})",
          "profile: faults[0].lane: lane 4 is beyond the 4 lanes of 'nvme0'"},
+        {R"({"type": "margining_silent_lane", "device": "nvme0", "lane": 4294967298})",
+         "profile: faults[0].lane: expected a lane number, got 4294967298"},
+        {R"({"type": "link_aer_errors", "device": "nvme0", "every": -2, "error": "receiver"})",
+         "profile: faults[0].every: expected a whole number from 1 to 4294967295, got -2"},
         {R"({"type": "margining_setup_stuck", "port": "slot1", "when": 3})", "profile: faults[0]: unknown field 'when'"},
     };
     for (const auto& [fault, error] : cases)

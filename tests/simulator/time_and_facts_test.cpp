@@ -67,6 +67,18 @@ TEST(ModelDeadline, EachObserverWaitsTheNominalTime) {
     EXPECT_TRUE(deadline.expired({2, 110}));
     deadline.clear();
     EXPECT_TRUE(deadline.expired({3, 0}));
+
+    // Started in a waiter scope: while it is open only the owner's clock ends
+    // the wait, however far ahead another thread runs; then the rule above.
+    auto open = std::make_shared<std::atomic<uint64_t>>(7);
+    deadline.start({1, 1000, 7, open}, 100);
+    EXPECT_FALSE(deadline.expired({2, 5000}));
+    EXPECT_FALSE(deadline.expired({1, 1099, 7, open}));
+    EXPECT_TRUE(deadline.expired({1, 1100, 7, open}));
+    EXPECT_TRUE(deadline.expired({2, 10})) << "the owner saw it end";
+    deadline.start({1, 2000, 7, open}, 100);
+    open->store(0);
+    EXPECT_TRUE(deadline.expired({2, 5000})) << "scope closed";
 }
 
 // Fuse words left out of a profile come from the seed.

@@ -57,10 +57,8 @@ public:
         return *this;
     }
 
-    // Read back from its text, as a profile file is: numbers written in C++
-    // are signed, the model's loader takes a count only as JSON text gives it.
     sim::Platform platform(double time_scale = 1e6, std::optional<uint64_t> seed = std::nullopt) const {
-        return sim::make_platform(sim::parse_profile_text(doc.dump()), seed, time_scale);
+        return sim::make_platform(sim::parse_profile(doc), seed, time_scale);
     }
 
     nlohmann::json doc;
