@@ -123,34 +123,12 @@ TEST_F(SchedulerTest, CompletedThreadsAreJoinedOnTheNextPass) {
     EXPECT_TRUE(storage._test_threads_to_be_joined.empty());
 }
 
-// Socket 0's G1 and socket 1's G3 are the two ends of one link: a test on
-// the second end waits; one on another link, or naming a die the machine
-// hasn't got, is held (the latter logged) rather than ending the service.
-TEST_F(SchedulerTest, HvlTestOnTheOtherEndOfARunningLinkWaits) {
-    const std::vector<VEX_DIE_INFO> dies = {die_test::cpu_die("Corvane", 0), die_test::cpu_die("Corvane", 1)};
-    std::vector<PCIDeviceDetails> none;
-    store.store_pcie_device_list(none);
-    store.store_die_list(dies);
-    HVLConflictCheck::initalize(dies);
-    TestRunnerRegistry::get().add("HVL Destructive Margin", runner);
-    auto hvl_test = [](const std::string& die, const char* link) {
-        return json{{"Operation", "HVL Destructive Margin"}, {"HVLCtrlInfo", {{"DeviceName", die}, {"SERDES", link}}}};
-    };
-    queue(hvl_test(dies[0].full_name(), "G1"));
-    ASSERT_EQ(scheduler.poll_and_start_tests(), 1);
-    queue(hvl_test(dies[1].full_name(), "G3"));
-    queue(hvl_test("Corvane Socket:5 Die:0", "G1"));
-    queue(hvl_test(dies[1].full_name(), "G2"));
-    EXPECT_EQ(scheduler.poll_and_start_tests(), 1);
-    const auto lists = snapshot_test_lists(storage);
-    ASSERT_EQ(lists.queued.size(), 2u);
-    EXPECT_EQ(lists.queued[0]["HVLCtrlInfo"]["SERDES"], "G3");
-    EXPECT_EQ(lists.queued[1]["HVLCtrlInfo"]["DeviceName"], "Corvane Socket:5 Die:0");
-}
-
-// An eye scan holds its die's link against any test on it: the other end of
-// an hVL link, or another port of the same (bifurcated) PCIe link.
-TEST_F(SchedulerTest, EyeScanWaitsForAnyTestOnItsLink) {
+// Socket 0's G1 and socket 1's G3 are the two ends of one link. A test on
+// the second end waits for one on the first, and an eye scan holds its die's
+// link against any test on it: the other end of an hVL link, or another port
+// of the same (bifurcated) PCIe link. A test naming a die the machine hasn't
+// got is held (and logged) rather than ending the service.
+TEST_F(SchedulerTest, TestsOnEitherEndOfABusyLinkWait) {
     const std::vector<VEX_DIE_INFO> dies = {die_test::cpu_die("Corvane", 0), die_test::cpu_die("Corvane", 1)};
     std::vector<PCIDeviceDetails> none;
     store.store_pcie_device_list(none);
@@ -172,15 +150,19 @@ TEST_F(SchedulerTest, EyeScanWaitsForAnyTestOnItsLink) {
     queue(hvl("HVL Destructive Margin", dies[0].full_name(), "G1"));
     queue(on_link(pcie_test("0:6:0.0"), "PCIe Margin", dies[0].full_name(), "P0"));
     ASSERT_EQ(scheduler.poll_and_start_tests(), 2);
-    queue(hvl("EyeScan", dies[1].full_name(), "G3"));  // 2: the other end of G1
-    queue(eye_pcie("0:5:0.0", "P0"));                   // 3: another port of P0
-    queue(hvl("EyeScan", dies[0].full_name(), "G2"));   // 4: free
-    queue(eye_pcie("0:7:0.0", "P1"));                   // 5: free
+    queue(hvl("HVL Destructive Margin", dies[1].full_name(), "G3"));  // 2: the other end of G1
+    queue(hvl("EyeScan", dies[1].full_name(), "G3"));                 // 3: the same
+    queue(eye_pcie("0:5:0.0", "P0"));                                 // 4: another port of P0
+    queue(hvl("HVL Destructive Margin", "Corvane Socket:5 Die:0", "G1"));  // 5: no such die
+    queue(hvl("EyeScan", dies[0].full_name(), "G2"));                 // 6: free
+    queue(eye_pcie("0:7:0.0", "P1"));                                 // 7: free
     EXPECT_EQ(scheduler.poll_and_start_tests(), 2);
     const auto lists = snapshot_test_lists(storage);
-    ASSERT_EQ(lists.queued.size(), 2u);
+    ASSERT_EQ(lists.queued.size(), 4u);
     EXPECT_EQ(lists.queued[0]["WaitingFor"], 0);
-    EXPECT_EQ(lists.queued[1]["WaitingFor"], 1);
+    EXPECT_EQ(lists.queued[1]["WaitingFor"], 0);
+    EXPECT_EQ(lists.queued[2]["WaitingFor"], 1);
+    EXPECT_EQ(lists.queued[3]["TestID"], 5);
 }
 
 struct ConflictCase {
