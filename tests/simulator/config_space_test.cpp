@@ -145,17 +145,6 @@ TEST_F(ConfigSpace, RetrainAtALowerTargetSpeedSlowsBothEnds) {
     }
 }
 
-TEST_F(ConfigSpace, DisabledLinkHidesTheDeviceUntilItTrainsAgain) {
-    link_control(kSlot4, kLinkControlDisable);
-    EXPECT_FALSE(present(kAccelerator));
-    EXPECT_EQ(link_status(kSlot4) & (kLinkStatusDllActive | 0x3F0), 0u);
-    link_control(kSlot4, 0);
-    EXPECT_FALSE(present(kAccelerator));  // still training from down
-    sleep_ms(25);
-    EXPECT_TRUE(present(kAccelerator));
-    EXPECT_EQ(link_status(kAccelerator) & 0x3FF, 5u | 16u << 4);
-}
-
 // Each bridge's bus numbers cover what lies below it, and requests follow
 // the numbers the bridges hold now.
 TEST_F(ConfigSpace, BridgeBusNumbersNestAndRouteRequests) {

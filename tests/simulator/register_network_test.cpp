@@ -2,7 +2,6 @@
 
 #include "hardware/chips/chip_identity.h"
 #include "hardware/crn_accessor_corvane.h"
-#include "hardware/register_storage.h"
 #include "sim_fixture.h"
 #include "simulator/config_space.h"
 #include "simulator/model_access.h"
@@ -15,19 +14,6 @@ CRNAccessorCorvane pair_of(const sim::Platform& platform, unsigned bus) {
 }
 
 class RegisterNetwork : public SimPlatformTest {};
-
-// Root functions are tied to their die by asking it: each must answer with
-// its own socket.
-TEST_F(RegisterNetwork, IdentityRegisterNamesTheSocketOfEachRootFunction) {
-    const struct {
-        unsigned bus, socket;
-    } roots[] = {{0x00, 0}, {0x40, 0}, {0x80, 1}, {0xC0, 1}};
-    for (const auto& root : roots) {
-        const unsigned identity = pair_of(platform, root.bus).read32(chips::kDieIdentityRegister);
-        EXPECT_EQ(chips::corvane::kIdentity.socket.extract(identity), root.socket) << root.bus;
-        EXPECT_EQ(chips::corvane::kIdentity.die.extract(identity), 0u) << root.bus;
-    }
-}
 
 TEST_F(RegisterNetwork, RootFunctionsOfOneDieShareItsRegistersAndNoOtherDie) {
     pair_of(platform, 0x00).write32(0x12340, 0xCAFEF00D);
@@ -94,20 +80,6 @@ TEST(RegisterNetworkMirrors, RootPortTheTablesDontKnowIsRefused) {
         return std::nullopt;
     };
     EXPECT_THROW(sim::PlatformModel(profile, 1.0, std::nullopt, none), sim::ProfileError);
-}
-
-// The product's register store finds the port registers where the model
-// put them, with the values the root ports hold.
-TEST_F(RegisterNetwork, ChipTablesFindTheRootPortRegisters) {
-    auto store = make_register_store("Corvane", std::make_shared<PhyAccessor>(platform.model().die_accessor(0, 0)));
-    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE0_nbio1", 0)->read(),
-              r32(0x40, 1, 0, sim::cfg::kBusNumbers));
-    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE4_nbio0", 1)->read() & 0xFFFFFF,
-              0x060600u);
-    EXPECT_EQ(store->get_pcie_core_func_register("SUB_BUS_NUMBER_LATENCY", "PCIE3_nbio0", 0)->read(), 0u);  // no port
-    EXPECT_EQ(store->get_pcie_core_func_register("LINK_CAP", "PCIE4_nbio0", 1)->read() >> 24, 1u);
-    EXPECT_EQ(store->get_pcie_core_func_register("PCIE_LC_STATE0", "PCIE0_nbio0", 0)->read() & 0x3F, 0x10u);
-    EXPECT_EQ(store->get_pcie_core_register("NB_BUS_NUM_CNTL", "PCIE0_nbio1")->read(), 0x40u);
 }
 
 }  // namespace
