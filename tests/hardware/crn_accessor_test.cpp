@@ -30,33 +30,31 @@ TEST(CRNAccessorCorvane, LockNameIsDecimalAddressAndIndexOffset) {
     EXPECT_EQ(make_accessor(pci, 1, 0x80, 20, 3)->get_lock_name(), "S1B128D20F3I224");
 }
 
-TEST(CRNAccessorCorvane, ExtensionRegisterIsClearedOnlyWhenSet) {
+// A read or write clears the extension register first, only when it is set,
+// then selects the index and reaches the data.
+TEST(CRNAccessorCorvane, ExtensionIsClearedOnlyWhenSetThenIndexThenData) {
     struct Case {
         unsigned int extension;
+        bool write;
         std::vector<PciAccess> expected;
     };
     const Case cases[] = {
-        {0, {pci_read(4, kExtension, 0), pci_write(4, kIndex, 0x5A08C), pci_read(4, kData, 0x1234)}},
-        {6,
+        {0, false, {pci_read(4, kExtension, 0), pci_write(4, kIndex, 0x5A08C), pci_read(4, kData, 0x1234)}},
+        {6, false,
          {pci_read(4, kExtension, 6), pci_write(4, kExtension, 0), pci_write(4, kIndex, 0x5A08C),
           pci_read(4, kData, 0x1234)}},
+        {2, true,
+         {pci_read(4, kExtension, 2), pci_write(4, kExtension, 0), pci_write(4, kIndex, 0x5A08C),
+          pci_write(4, kData, 0xCAFE)}},
     };
     for (const Case& c : cases) {
         auto pci = std::make_shared<FakePCI>();
         pci->set(0, 0, 0, 0, kExtension, c.extension);
         pci->set(0, 0, 0, 0, kData, 0x1234);
-        EXPECT_EQ(make_accessor(pci)->read32(0x5A08C), 0x1234u);
-        EXPECT_EQ(pci->log(), c.expected) << "extension " << c.extension;
+        if (c.write) make_accessor(pci)->write32(0x5A08C, 0xCAFE);
+        else EXPECT_EQ(make_accessor(pci)->read32(0x5A08C), 0x1234u);
+        EXPECT_EQ(pci->log(), c.expected) << "extension " << c.extension << (c.write ? ", write" : ", read");
     }
-}
-
-TEST(CRNAccessorCorvane, WriteGoesIndexThenData) {
-    auto pci = std::make_shared<FakePCI>();
-    pci->set(0, 0, 0, 0, kExtension, 2);
-    make_accessor(pci)->write32(0x100, 0xCAFE);
-    const std::vector<PciAccess> expected = {pci_read(4, kExtension, 2), pci_write(4, kExtension, 0),
-                                             pci_write(4, kIndex, 0x100), pci_write(4, kData, 0xCAFE)};
-    EXPECT_EQ(pci->log(), expected);
 }
 
 TEST(CRNAccessorCorvane, WideAccessesHoldTheLockNarrowOnesDont) {
