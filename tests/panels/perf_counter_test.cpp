@@ -43,7 +43,6 @@ protected:
         list->InitPCList(by_die, [](const VEX_DIE_INFO& die) { return CRNFactory::instance()->get_crn_accessor(die); });
         return list;
     }
-    std::string file(const char* name) { return lw_test::read_text(folder / name); }
     // The first row (slot 0) of the core space whose NAK row watches `port`.
     int space_on(const std::string& port) {
         for (const json& row : panel.GetPCIEPerfCounterInfo())
@@ -337,19 +336,17 @@ TEST(CounterPanelFiles, SetUpSurvivesARestartAndReadsLeaveTheirFiles) {
     const json row = restarted.GetPCIEPerfCounterInfo()[6];
     EXPECT_EQ(row["port"], "0:40:1.2");
     EXPECT_TRUE(row["value"].get<std::string>().starts_with("0x")) << "hexadecimal display restored";
-    std::stringstream table, numbers, commands;
-    table << std::ifstream(folder / "perfcnt.txt").rdbuf();
-    numbers << std::ifstream(folder / "perfcnt.int").rdbuf();
-    commands << std::ifstream(folder / "perfCommand.txt").rdbuf();
-    EXPECT_EQ(table.str(), "Space\tName\tPort(S:B:D.F)\tValue\tRate (/s)\tMax Rate (/s)\tEnabled\n" +
+    const std::string numbers = lw_test::read_text(folder / "perfcnt.int"),
+                      commands = lw_test::read_text(folder / "perfCommand.txt");
+    EXPECT_EQ(lw_test::read_text(folder / "perfcnt.txt"), "Space\tName\tPort(S:B:D.F)\tValue\tRate (/s)\tMax Rate (/s)\tEnabled\n" +
                                row["space"].get<std::string>() + "\tPCIE0_nbio0 TX TXCLK\t0:40:1.2\t" +
                                row["value"].get<std::string>() + "\t" + row["rate"].get<std::string>() + "\t" +
                                row["maxRate"].get<std::string>() + "\tYes\n");
-    EXPECT_TRUE(std::regex_match(numbers.str(), std::regex("6\t\\d+\t0\t0\t1\n"))) << numbers.str();
+    EXPECT_TRUE(std::regex_match(numbers, std::regex("6\t\\d+\t0\t0\t1\n"))) << numbers;
     for (const char* command : {"\tEnable row 6 (PCIE0_nbio0 TX TXCLK)\n", "\tDisable row 0 (PCIE0_nbio0 NAK)\n",
                                 "\tEvent of row 30 (PCIE0_nbio0 LINK SCLK): 1. ", "\tPort of row 6 (PCIE0_nbio0 TX TXCLK): 0:40:1.2\n",
                                 "\tLogToCountTxt on\n", "\tRead counters\n"})
-        EXPECT_NE(commands.str().find(command), std::string::npos) << command << " in\n" << commands.str();
+        EXPECT_NE(commands.find(command), std::string::npos) << command << " in\n" << commands;
     std::filesystem::remove_all(folder);
 }
 
