@@ -95,15 +95,6 @@ protected:
     static inline std::string skip_reason;
 };
 
-TEST_F(ModelSysfsView, LspciListsExactlyTheModelsFunctions) {
-    const Output out = tool("lspci", {"-D", "-n"});
-    ASSERT_EQ(out.status, 0);
-    std::vector<lw_test::LspciIds> expected;
-    for (const PCIDeviceDetails& f : platform->model().present_functions())
-        expected.emplace_back(f.segment, f.bus, f.device, f.function, f.vendor_id, f.device_id);
-    EXPECT_EQ(lw_test::lspci_ids(out.text), expected) << out.text;
-}
-
 // Every function's link, AER, margining and physical layer capabilities as
 // lspci decodes them from the view agree with the model read in process.
 TEST_F(ModelSysfsView, LspciDecodesLinksAndExtendedCapabilitiesAsTheModelHasThem) {
