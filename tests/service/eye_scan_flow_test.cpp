@@ -1,34 +1,15 @@
 // An eye scan of an hVL link posted over HTTP to the simulated service runs
-// to its archive with a plot per lane, and the figures it reports are the
-// model's eye of each lane, to within one step of the scan window.
+// to its archive with a plot per lane, and the test's figures are the worst
+// lane's on each side. (That each lane's figures are the model's eye is
+// checked where the collector and the plot are tested.)
 #include <gtest/gtest.h>
 
 #include "fast_service.h"
-#include "simulator/hvl_link_model.h"
-#include "simulator/hvl_phy_model.h"
-#include "simulator/profile.h"
 
 using nlohmann::json;
 using wire_test::FastService;
 
-namespace {
-
-// The default window's steps: 4/64 UI and 5 mV.
-constexpr double kPhaseStepUI = 0.0625, kVoltageStepMV = 5;
-constexpr double kTimingStepUI = 1.0 / 64, kVoltageStepHvlMV = 3.90625;
-
-// The edges the default machine gives socket 0's G1 lanes.
-sim::HvlLaneEdges model_edges(unsigned lane) {
-    const sim::Profile profile = sim::parse_profile_text(sim::default_profile_text());
-    for (const sim::HvlLinkProfile& link : sim::parse_hvl_links(profile.hvl_links, profile.sockets))
-        for (const sim::HvlLinkEnd* end : {&link.end, &link.partner})
-            if (end->socket == 0 && end->link == "G1") return sim::hvl_lane_edges(link, 0, lane, sim::Noise(profile.seed));
-    return {};
-}
-
-}  // namespace
-
-TEST(EyeScanFlow, HvlLinkScanCompletesWithFourPlotsAndTheModelsEye) {
+TEST(EyeScanFlow, HvlLinkScanCompletesWithFourPlotsAndTheWorstLanesFigures) {
     FastService service;
     const json targets = service.get("/api/1.0/GetDeviceListForEyeScan");
     const json pcie = service.get("/api/1.0/GetPCIEDeviceListForMargin");
@@ -65,31 +46,25 @@ TEST(EyeScanFlow, HvlLinkScanCompletesWithFourPlotsAndTheModelsEye) {
     ASSERT_EQ(data["Lanes"].size(), 4u);
     double top = 1e9, bottom = 1e9, left = 1e9, right = 1e9;
     for (const json& lane : data["Lanes"]) {
-        const unsigned number = lane["Lane"].get<unsigned>();
-        SCOPED_TRACE("lane " + std::to_string(number));
-        const sim::HvlLaneEdges edges = model_edges(number);
-        ASSERT_GT(edges.left, 0u);
+        SCOPED_TRACE(lane.dump().substr(0, 300));
         const json& figures = lane["Figures"];
-        ASSERT_TRUE(figures.is_object()) << lane.dump().substr(0, 300);
-        EXPECT_NEAR(figures["TopMV"].get<double>(), edges.top * kVoltageStepHvlMV, kVoltageStepMV);
-        EXPECT_NEAR(figures["BottomMV"].get<double>(), -(edges.bottom * kVoltageStepHvlMV), kVoltageStepMV);
-        EXPECT_NEAR(figures["LeftUI"].get<double>(), -(edges.left * kTimingStepUI), kPhaseStepUI);
-        EXPECT_NEAR(figures["RightUI"].get<double>(), edges.right * kTimingStepUI, kPhaseStepUI);
-        top = std::min(top, edges.top * kVoltageStepHvlMV);
-        bottom = std::min(bottom, edges.bottom * kVoltageStepHvlMV);
-        left = std::min(left, edges.left * kTimingStepUI);
-        right = std::min(right, edges.right * kTimingStepUI);
-
+        ASSERT_TRUE(figures.is_object());
+        EXPECT_GT(figures["TopMV"].get<double>(), 0);
+        EXPECT_GT(figures["RightUI"].get<double>(), 0);
+        top = std::min(top, figures["TopMV"].get<double>());
+        bottom = std::min(bottom, -figures["BottomMV"].get<double>());
+        left = std::min(left, -figures["LeftUI"].get<double>());
+        right = std::min(right, figures["RightUI"].get<double>());
         const auto png = wire_test::request(service.port, "GET", lane["Png"].get<std::string>());
         EXPECT_EQ(png.status, 200);
         EXPECT_EQ(png.headers.at("content-type"), "image/png");
         EXPECT_EQ(png.body.substr(0, 4), "\x89PNG");
     }
-    // The test's figures: the worst lane on each side.
-    EXPECT_NEAR(output["VrefTop (mv)"].get<double>(), top, kVoltageStepMV);
-    EXPECT_NEAR(output["VrefBot (mv)"].get<double>(), bottom, kVoltageStepMV);
-    EXPECT_NEAR(output["PhaseLeft (UI)"].get<double>(), left, kPhaseStepUI);
-    EXPECT_NEAR(output["PhaseRight (UI)"].get<double>(), right, kPhaseStepUI);
+    // Within one step of the scan window (4/64 UI, 5 mV).
+    EXPECT_NEAR(output["VrefTop (mv)"].get<double>(), top, 5);
+    EXPECT_NEAR(output["VrefBot (mv)"].get<double>(), bottom, 5);
+    EXPECT_NEAR(output["PhaseLeft (UI)"].get<double>(), left, 0.0625);
+    EXPECT_NEAR(output["PhaseRight (UI)"].get<double>(), right, 0.0625);
 
     const json summary = service.get("/api/1.0/GetResultsSummary?limit=5");
     ASSERT_EQ(summary["Results"].size(), 1u) << summary.dump();
