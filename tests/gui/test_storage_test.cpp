@@ -10,18 +10,6 @@
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-TEST(TestStorageTest, IdsStartAtZeroAndOverwriteSentOnes) {
-    TestStorage storage;
-    json first = {{"Operation", "PCIe Margin"}, {"TestID", 41}};
-    json second = {{"Operation", "EyeScan"}};
-    UpdateTestStorage::add_test_to_queue_list(storage, first);
-    UpdateTestStorage::add_test_to_queue_list(storage, second);
-    ASSERT_EQ(storage.queued_list.size(), 2u);
-    EXPECT_EQ(storage.queued_list[0]["TestID"], 0);
-    EXPECT_EQ(storage.queued_list[1]["TestID"], 1);
-    EXPECT_EQ(first["TestID"], 0) << "the caller's record carries its id too";
-}
-
 TEST(TestStorageTest, RemoveTakesTheRecordWithThatIdAndRefusesUnknownOnes) {
     TestStorage storage;
     json a = json::object(), b = json::object();
