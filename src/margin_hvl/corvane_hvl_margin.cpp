@@ -67,17 +67,23 @@ void CorvanehVLMargin::set_back_to_trained_point(std::string& error_text) {
     OSSpecific().milli_secs_sleep(1);
 }
 
-bool CorvanehVLMargin::margin_at_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
-                                        std::string& error_text, unsigned int& control, unsigned int& mask,
-                                        unsigned int dwell_ms, unsigned int err_limit) {
+bool CorvanehVLMargin::_move_to_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
+                                       std::string& error_text, int& phase, int& voltage) {
     offsets.push_back({offset, 0, ""});
     if (_operations->check_link_state(_lane) != 1) {
         offsets.back().message = kNotL0;
         return false;
     }
-    int phase = 0, voltage = 0;
     phase_voltage(direction, offset, phase, voltage);
     _commands->do_rx_margin(phase, voltage, _field_a, _field_b, true, error_text);
+    return true;
+}
+
+bool CorvanehVLMargin::margin_at_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
+                                        std::string& error_text, unsigned int& control, unsigned int& mask,
+                                        unsigned int dwell_ms, unsigned int err_limit) {
+    int phase = 0, voltage = 0;
+    if (!_move_to_offset(direction, offset, offsets, error_text, phase, voltage)) return false;
     _operations->deinit_error_regs(control, mask, _lane);
     _operations->clear_errors_recovery_flag(_lane);
     _operations->init_error_regs(control, mask, _lane);
@@ -116,14 +122,8 @@ bool CorvanehVLMargin::margin_at_offset_multi_step(Direction direction, unsigned
                                                    std::vector<OffsetData>& offsets, std::string& error_text,
                                                    unsigned int& control, unsigned int& mask, unsigned int dwell_ms,
                                                    unsigned int err_limit) {
-    offsets.push_back({offset, 0, ""});
-    if (_operations->check_link_state(_lane) != 1) {
-        offsets.back().message = kNotL0;
-        return false;
-    }
     int phase = 0, voltage = 0;
-    phase_voltage(direction, offset, phase, voltage);
-    _commands->do_rx_margin(phase, voltage, _field_a, _field_b, true, error_text);
+    if (!_move_to_offset(direction, offset, offsets, error_text, phase, voltage)) return false;
     const bool hvl = !_operations->is_texl();
     std::shared_ptr<Register> counter0, counter1;
     if (hvl) {

@@ -58,6 +58,10 @@ private:
     bool _walk_back_and_forth(Direction direction, unsigned int max, unsigned int dwell_ms, unsigned int err_limit,
                               std::vector<OffsetData>& offsets, unsigned int& control, unsigned int& mask,
                               unsigned int start);
+    // Records `offset`, and when the lane is in L0 moves its receiver there;
+    // false (and the offset marked not in L0) when it isn't.
+    bool _move_to_offset(Direction direction, unsigned int offset, std::vector<OffsetData>& offsets,
+                         std::string& error_text, int& phase, int& voltage);
     void _init_perf_for_recovery_check();
     bool _stopped();
 

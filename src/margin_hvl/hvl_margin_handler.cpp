@@ -91,33 +91,30 @@ float margin_of(unsigned int offset, unsigned int max_cap, unsigned int steps) {
 
 void fill_margin_data(MarginData& data, CorvanehVLMargin::Direction d, const std::vector<OffsetData>& records,
                       const OffsetData& last, const MarginCapabilities& caps) {
-    MarginData::ErrorMap* map = nullptr;
+    // Voltage sides scale by the voltage capabilities, timing sides by the timing ones.
+    const bool volt = d == CorvanehVLMargin::Top || d == CorvanehVLMargin::Bottom;
+    unsigned int* offset;
+    float* margin;
+    std::pair<unsigned int, unsigned int>* last_of;
+    MarginData::ErrorMap* map;
     switch (d) {
     case CorvanehVLMargin::Top:
-        data.top_offset = last.offset;
-        data.top_margin = margin_of(last.offset, caps.values[4], caps.values[3]);
-        data.top_last = {last.offset, last.err_cnt};
-        map = &data.top_map;
+        offset = &data.top_offset, margin = &data.top_margin, last_of = &data.top_last, map = &data.top_map;
         break;
     case CorvanehVLMargin::Bottom:
-        data.bottom_offset = last.offset;
-        data.bottom_margin = margin_of(last.offset, caps.values[4], caps.values[3]);
-        data.bottom_last = {last.offset, last.err_cnt};
-        map = &data.bottom_map;
+        offset = &data.bottom_offset, margin = &data.bottom_margin, last_of = &data.bottom_last, map = &data.bottom_map;
         break;
     case CorvanehVLMargin::Left:
-        data.left_offset = last.offset;
-        data.left_margin = margin_of(last.offset, caps.values[2], caps.values[1]);
-        data.left_last = {last.offset, last.err_cnt};
-        map = &data.left_map;
+        offset = &data.left_offset, margin = &data.left_margin, last_of = &data.left_last, map = &data.left_map;
         break;
     default:
-        data.right_offset = last.offset;
-        data.right_margin = margin_of(last.offset, caps.values[2], caps.values[1]);
-        data.right_last = {last.offset, last.err_cnt};
-        map = &data.right_map;
+        offset = &data.right_offset, margin = &data.right_margin, last_of = &data.right_last, map = &data.right_map;
         break;
     }
+    *offset = last.offset;
+    *margin = volt ? margin_of(last.offset, caps.values[4], caps.values[3])
+                   : margin_of(last.offset, caps.values[2], caps.values[1]);
+    *last_of = {last.offset, last.err_cnt};
     for (const OffsetData& r : records) (*map)[r.offset] = {r.err_cnt, r.message};
 }
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "hardware/resource_lock.h"
+#include "margin_pcie/margin_report_json.h"
 
 using nlohmann::json;
 
@@ -75,23 +76,13 @@ void DumpHVLMarginDataToJSON::dump_rx_eq(json& o, unsigned int lane, const RxEq&
 void DumpHVLMarginDataToJSON::dump_margin_data(json& o, unsigned int lane, const MarginData& d, bool texl) {
     check_lane(o, lane, "DumpHVLMarginDataToJSON::dump_margin_data");
     if (!texl) {
-        o["PhaseRightOffset"] = d.right_offset;
-        o["PhaseLeftOffset"] = d.left_offset;
-        o["PhaseRightMargin"] = d.right_margin;
-        o["PhaseLeftMargin"] = d.left_margin;
-        o["PhaseTotalMargin"] = d.right_margin + d.left_margin;
-        o["PhaseLeftErrorMap"] = error_map(d.left_map);
-        o["PhaseRightErrorMap"] = error_map(d.right_map);
+        dump_phase_margins(o, d.right_offset, d.left_offset, d.right_margin, d.left_margin, error_map(d.left_map),
+                           error_map(d.right_map));
         o["LeftErrCnt"] = {d.left_last.first, d.left_last.second};
         o["RightErrCnt"] = {d.right_last.first, d.right_last.second};
     }
-    o["VoltTopOffset"] = d.top_offset;
-    o["VoltBottomOffset"] = d.bottom_offset;
-    o["VoltTopMargin"] = d.top_margin;
-    o["VoltBotomMargin"] = d.bottom_margin;
-    o["VoltTotalMargin"] = d.top_margin + d.bottom_margin;
-    o["VoltBottomErrorMap"] = error_map(d.bottom_map);
-    o["VoltTopErrorMap"] = error_map(d.top_map);
+    dump_volt_margins(o, d.top_offset, d.bottom_offset, d.top_margin, d.bottom_margin, error_map(d.bottom_map),
+                      error_map(d.top_map));
     o["TopErrCnt"] = {d.top_last.first, d.top_last.second};
     o["BotErrCnt"] = {d.bottom_last.first, d.bottom_last.second};
 }

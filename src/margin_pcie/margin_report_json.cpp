@@ -2,6 +2,7 @@
 
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 using nlohmann::json;
 
@@ -117,20 +118,10 @@ void DumpPCIEMarginDataToJSON::dump_margin_params(unsigned int lane, const Margi
 void DumpPCIEMarginDataToJSON::dump_margin_data(unsigned int lane, const MarginData& m, json& data) const {
     _check_lane(lane, "dump_margin_data", data);
     data["DwellTime"] = m.DwellTime;
-    data["PhaseRightOffset"] = m.PhaseRightOffset;
-    data["PhaseLeftOffset"] = m.PhaseLeftOffset;
-    data["PhaseRightMargin"] = m.PhaseRightMargin;
-    data["PhaseLeftMargin"] = m.PhaseLeftMargin;
-    data["PhaseTotalMargin"] = m.PhaseLeftMargin + m.PhaseRightMargin;
-    data["VoltTopOffset"] = m.VoltTopOffset;
-    data["VoltBottomOffset"] = m.VoltBottomOffset;
-    data["VoltTopMargin"] = m.VoltTopMargin;
-    data["VoltBotomMargin"] = m.VoltBotomMargin;
-    data["VoltTotalMargin"] = m.VoltTopMargin + m.VoltBotomMargin;
-    data["PhaseLeftErrorMap"] = error_map_json(m.PhaseLeftErrorMap);
-    data["PhaseRightErrorMap"] = error_map_json(m.PhaseRightErrorMap);
-    data["VoltBottomErrorMap"] = error_map_json(m.VoltBottomErrorMap);
-    data["VoltTopErrorMap"] = error_map_json(m.VoltTopErrorMap);
+    dump_phase_margins(data, m.PhaseRightOffset, m.PhaseLeftOffset, m.PhaseRightMargin, m.PhaseLeftMargin,
+                       error_map_json(m.PhaseLeftErrorMap), error_map_json(m.PhaseRightErrorMap));
+    dump_volt_margins(data, m.VoltTopOffset, m.VoltBottomOffset, m.VoltTopMargin, m.VoltBotomMargin,
+                      error_map_json(m.VoltBottomErrorMap), error_map_json(m.VoltTopErrorMap));
 }
 
 void DumpPCIEMarginDataToJSON::dump_vex_device_details(unsigned int lane, const VEXDeviceDetails& d,
@@ -151,3 +142,25 @@ void DumpPCIEMarginDataToJSON::dump_vex_device_details(unsigned int lane, const 
 }
 
 }  // namespace PCIE
+
+void dump_phase_margins(json& data, unsigned int right_offset, unsigned int left_offset, float right_margin,
+                        float left_margin, json left_map, json right_map) {
+    data["PhaseRightOffset"] = right_offset;
+    data["PhaseLeftOffset"] = left_offset;
+    data["PhaseRightMargin"] = right_margin;
+    data["PhaseLeftMargin"] = left_margin;
+    data["PhaseTotalMargin"] = left_margin + right_margin;
+    data["PhaseLeftErrorMap"] = std::move(left_map);
+    data["PhaseRightErrorMap"] = std::move(right_map);
+}
+
+void dump_volt_margins(json& data, unsigned int top_offset, unsigned int bottom_offset, float top_margin,
+                       float bottom_margin, json bottom_map, json top_map) {
+    data["VoltTopOffset"] = top_offset;
+    data["VoltBottomOffset"] = bottom_offset;
+    data["VoltTopMargin"] = top_margin;
+    data["VoltBotomMargin"] = bottom_margin;
+    data["VoltTotalMargin"] = top_margin + bottom_margin;
+    data["VoltBottomErrorMap"] = std::move(bottom_map);
+    data["VoltTopErrorMap"] = std::move(top_map);
+}

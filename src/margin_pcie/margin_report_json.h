@@ -150,3 +150,11 @@ inline constexpr std::array<const char*, 12> kVEXDeviceKeys{
     "PCIeFunctionIndex", "PortNo",    "SERDES", "LanePhysicalID", "PhyFwVersion", "PhyName"};
 
 }  // namespace PCIE
+
+// The margin keys PCIe and hVL lane objects share: each pair of sides'
+// offsets, margins, their total and error maps (already in JSON form, since
+// the two kinds keep different error maps).
+void dump_phase_margins(nlohmann::json& data, unsigned int right_offset, unsigned int left_offset, float right_margin,
+                        float left_margin, nlohmann::json left_map, nlohmann::json right_map);
+void dump_volt_margins(nlohmann::json& data, unsigned int top_offset, unsigned int bottom_offset, float top_margin,
+                       float bottom_margin, nlohmann::json bottom_map, nlohmann::json top_map);

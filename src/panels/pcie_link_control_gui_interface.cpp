@@ -304,21 +304,27 @@ json PCIELinkControlGUIInterface::GetPCIELinkPortInfo(int index) {
             {"errorReport", errors}};
 }
 
-json PCIELinkControlGUIInterface::OnLinkWidthChange(int index) {
-    _panel->Initialize();
-    CPCIELinkControlInterface& p = *_panel;
+namespace {
+
+// One width or speed change on the selected port. `refuse` names why the
+// index can't be used (empty when it can); the port is claimed around
+// `apply` so a stress run and a change never meet on it.
+template <class Refuse, class Apply>
+json change_selected_link(CPCIELinkControlInterface& p, int index, Refuse refuse, Apply apply) {
     std::lock_guard<std::recursive_mutex> lock(p.mutex);
     json answer = {{"selectedIndex", index}, {"OperationStatus", false}, {"ErrMsg", ""}};
     auto link = p.selected_port >= 0 ? p.link(p.selected_port) : nullptr;
     std::string error;
     if (!link) error = "No port is selected";
     else if (p.running) error = "A continuous run is active on this panel";
-    else if (index < 0 || index >= 6) error = "Unknown width index " + std::to_string(index);
-    else if (!link->IsLinkWidthChangeSupported()) error = "This port cannot change its width";
-    else if (!claim_link_port(link->port().device)) error = "A stress run is using this port";
-    else {
-        answer["OperationStatus"] = link->SetLinkWidth(width_of_lanes(kWidths[index]), error);
-        release_link_port(link->port().device);
+    else error = refuse(*link);
+    if (error.empty()) {
+        if (!claim_link_port(link->port().device)) {
+            error = "A stress run is using this port";
+        } else {
+            answer["OperationStatus"] = apply(*link, error);
+            release_link_port(link->port().device);
+        }
     }
     if (!error.empty()) p.add_error(error);
     answer["ErrMsg"] = error;
@@ -326,26 +332,30 @@ json PCIELinkControlGUIInterface::OnLinkWidthChange(int index) {
     return answer;
 }
 
+}  // namespace
+
+json PCIELinkControlGUIInterface::OnLinkWidthChange(int index) {
+    _panel->Initialize();
+    return change_selected_link(
+        *_panel, index,
+        [&](auto& link) -> std::string {
+            if (index < 0 || index >= 6) return "Unknown width index " + std::to_string(index);
+            if (!link.IsLinkWidthChangeSupported()) return "This port cannot change its width";
+            return "";
+        },
+        [&](auto& link, std::string& error) { return link.SetLinkWidth(width_of_lanes(kWidths[index]), error); });
+}
+
 json PCIELinkControlGUIInterface::OnLinkSpeedChange(int index) {
     _panel->Initialize();
-    CPCIELinkControlInterface& p = *_panel;
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
-    json answer = {{"selectedIndex", index}, {"OperationStatus", false}, {"ErrMsg", ""}};
-    auto link = p.selected_port >= 0 ? p.link(p.selected_port) : nullptr;
-    std::string error;
-    if (!link) error = "No port is selected";
-    else if (p.running) error = "A continuous run is active on this panel";
-    else if (index < 0 || index > 4) error = "Unknown speed index " + std::to_string(index);
-    else if (!claim_link_port(link->port().device)) error = "A stress run is using this port";
-    else {
-        answer["OperationStatus"] = p.speed_method == 1 ? link->SetPCIELinkSpeedUpstream(index, error)
-                                                        : link->SetPCIELinkSpeed(index, error);
-        release_link_port(link->port().device);
-    }
-    if (!error.empty()) p.add_error(error);
-    answer["ErrMsg"] = error;
-    if (link) answer["port"] = p.row(p.selected_port);
-    return answer;
+    return change_selected_link(
+        *_panel, index,
+        [&](auto&) -> std::string {
+            return index < 0 || index > 4 ? "Unknown speed index " + std::to_string(index) : "";
+        },
+        [&](auto& link, std::string& error) {
+            return _panel->speed_method == 1 ? link.SetPCIELinkSpeedUpstream(index, error) : link.SetPCIELinkSpeed(index, error);
+        });
 }
 
 json PCIELinkControlGUIInterface::OnPortOptionChanged(int index, bool value) {

@@ -3,8 +3,11 @@
 // the report's columns.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -23,6 +26,19 @@ public:
     virtual void dump_4pt_data(const nlohmann::json& element, const nlohmann::json& first, std::ostream& out) = 0;
     virtual void dump_4pt_header(std::ostream& out) = 0;
     virtual void dump_4pt_header(const nlohmann::json& first, std::ostream& out) = 0;
+
+protected:
+    explicit DataHandler(ModesOfDumps mode) : _mode(mode) {}
+    // Writes one finished line: as it is in the plain mode, hidden otherwise;
+    // the line feed stays a real one so hidden files still read line by line.
+    void _finish_line(const std::string& line, std::ostream& out) const;
+    // Taken once, at the first line, so one report's header and rows agree.
+    const std::map<std::string, std::string>& _static_fields();
+
+    ModesOfDumps _mode;
+
+private:
+    std::optional<std::map<std::string, std::string>> _static;
 };
 
 class DataHandlerCreator {

@@ -3,7 +3,6 @@
 #include <sstream>
 
 #include "hardware/tool_version.h"
-#include "result_data/obfuscate_data.h"
 #include "result_data/static_data.h"
 
 using nlohmann::json;
@@ -129,18 +128,3 @@ void HVLMarginDataHandler::dump_4pt_data(const json& element, const json& first,
 }
 void HVLMarginDataHandler::dump_4pt_header(std::ostream& out) { dump_header(out); }
 void HVLMarginDataHandler::dump_4pt_header(const json& first, std::ostream& out) { dump_header(first, out); }
-
-void HVLMarginDataHandler::_finish_line(const std::string& line, std::ostream& out) const {
-    if (_mode == DUMP_MODE_PLAIN) {
-        out << line << '\n';
-        return;
-    }
-    std::string hidden;
-    ObfuscateData().hide_data(line, hidden);
-    out << hidden << '\n';
-}
-
-const std::map<std::string, std::string>& HVLMarginDataHandler::_static_fields() {
-    if (!_static) _static = StaticDataHandler::get().get_static_fields_map();
-    return *_static;
-}

@@ -12,7 +12,7 @@
 
 class HVLMarginDataHandler : public DataHandler {
 public:
-    HVLMarginDataHandler(ModesOfDumps mode, bool texl) : _mode(mode), _texl(texl) {}
+    HVLMarginDataHandler(ModesOfDumps mode, bool texl) : DataHandler(mode), _texl(texl) {}
 
     void dump_data(const nlohmann::json& element, const nlohmann::json& first, std::ostream& out) override;
     void dump_header(std::ostream& out) override;
@@ -26,10 +26,6 @@ public:
 private:
     std::string _header() ;
     std::string _row(const nlohmann::json& element);
-    void _finish_line(const std::string& line, std::ostream& out) const;
-    const std::map<std::string, std::string>& _static_fields();
 
-    ModesOfDumps _mode;
     bool _texl;
-    std::optional<std::map<std::string, std::string>> _static;
 };

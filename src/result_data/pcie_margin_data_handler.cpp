@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 #include "hardware/tool_version.h"
-#include "result_data/obfuscate_data.h"
 #include "result_data/static_data.h"
 
 using nlohmann::json;
@@ -151,7 +150,7 @@ private:
 
 }  // namespace
 
-PCIEMarginDataHandler::PCIEMarginDataHandler(ModesOfDumps mode) : _mode(mode) {}
+PCIEMarginDataHandler::PCIEMarginDataHandler(ModesOfDumps mode) : DataHandler(mode) {}
 
 void PCIEMarginDataHandler::dump_data(const json& element, const json& first, std::ostream& out) {
     _finish_line(_line(&element, first, false, false), out);
@@ -222,19 +221,4 @@ std::string PCIEMarginDataHandler::_line(const json* element, const json& first,
         line.raw(std::string(kNotAvailable) + ", ");
     }
     return line.take();
-}
-
-void PCIEMarginDataHandler::_finish_line(const std::string& line, std::ostream& out) const {
-    if (_mode == DUMP_MODE_PLAIN) {
-        out << line << '\n';
-        return;
-    }
-    std::string hidden;
-    ObfuscateData().hide_data(line, hidden);
-    out << hidden << '\n';
-}
-
-const std::map<std::string, std::string>& PCIEMarginDataHandler::_static_fields() {
-    if (!_static) _static = StaticDataHandler::get().get_static_fields_map();
-    return *_static;
 }

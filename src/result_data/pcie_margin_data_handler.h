@@ -41,9 +41,5 @@ public:
 private:
     // header: the column names; otherwise the values of `element`.
     std::string _line(const nlohmann::json* element, const nlohmann::json& first, bool four_point, bool header);
-    void _finish_line(const std::string& line, std::ostream& out) const;
-    const std::map<std::string, std::string>& _static_fields();
 
-    ModesOfDumps _mode;
-    std::optional<std::map<std::string, std::string>> _static;
 };

@@ -102,13 +102,7 @@ bool is_margining_fault(const std::string& type) {
 
 std::vector<MarginingFault> read_margining_faults(const Profile& profile) {
     std::vector<MarginingFault> faults;
-    if (!profile.faults.is_array()) return faults;
-    for (size_t i = 0; i < profile.faults.size(); ++i) {
-        const json& entry = profile.faults[i];
-        const std::string path = "faults[" + std::to_string(i) + "]";
-        if (!entry.is_object() || !entry.contains("type") || !entry["type"].is_string()) continue;
-        const std::string type = entry["type"].get<std::string>();
-        if (!is_margining_fault(type)) continue;
+    for_each_fault(profile, is_margining_fault, [&](const json& entry, const std::string& path, const std::string& type) {
         MarginingFault fault;
         fault.kind = type == "margining_nak"           ? MarginingFault::Kind::nak
                      : type == "margining_setup_stuck" ? MarginingFault::Kind::setup_stuck
@@ -145,7 +139,7 @@ std::vector<MarginingFault> read_margining_faults(const Profile& profile) {
                                          " lanes of '" + name + "'");
         }
         faults.push_back(fault);
-    }
+    });
     return faults;
 }
 

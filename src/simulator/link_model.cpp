@@ -49,13 +49,7 @@ bool is_link_fault(const std::string& type) {
 
 std::map<const PortProfile*, LinkFaults> read_link_faults(const Profile& profile) {
     std::map<const PortProfile*, LinkFaults> faults;
-    if (!profile.faults.is_array()) return faults;
-    for (size_t i = 0; i < profile.faults.size(); ++i) {
-        const json& entry = profile.faults[i];
-        const std::string path = "faults[" + std::to_string(i) + "]";
-        if (!entry.is_object() || !entry.contains("type") || !entry["type"].is_string()) continue;
-        const std::string type = entry["type"].get<std::string>();
-        if (!is_link_fault(type)) continue;
+    for_each_fault(profile, is_link_fault, [&](const json& entry, const std::string& path, const std::string& type) {
         const std::map<std::string, std::vector<std::string>> fields = {
             {"link_speed_fail", {"speed"}},
             {"link_flap", {"period_ms"}},
@@ -107,7 +101,7 @@ std::map<const PortProfile*, LinkFaults> read_link_faults(const Profile& profile
             else if (error == "bad_tlp") f.aer_correctable = 1u << 6 | 1u << 12;
             else fail(path + ".error", "expected \"receiver\" or \"bad_tlp\", got " + error.dump());
         }
-    }
+    });
     return faults;
 }
 

@@ -572,4 +572,16 @@ Profile load_profile_file(const std::string& path) {
     return parse_profile_text(text.str());
 }
 
+void for_each_fault(const Profile& profile, const std::function<bool(const std::string&)>& is_kind,
+                    const std::function<void(const nlohmann::json& entry, const std::string& path,
+                                             const std::string& type)>& read) {
+    if (!profile.faults.is_array()) return;
+    for (size_t i = 0; i < profile.faults.size(); ++i) {
+        const nlohmann::json& entry = profile.faults[i];
+        if (!entry.is_object() || !entry.contains("type") || !entry["type"].is_string()) continue;
+        const std::string type = entry["type"].get<std::string>();
+        if (is_kind(type)) read(entry, "faults[" + std::to_string(i) + "]", type);
+    }
+}
+
 }  // namespace sim

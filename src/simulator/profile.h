@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <array>
@@ -165,6 +166,13 @@ bool is_known_die_type(const std::string& name);
 Profile parse_profile(const nlohmann::json& document);
 Profile parse_profile_text(const std::string& text);
 Profile load_profile_file(const std::string& path);
+
+// Calls `read` for each entry of the profile's faults that is an object with
+// a text "type" `is_kind` accepts, with the entry's path ("faults[i]") for
+// messages. Entries of other kinds belong to other models and are passed over.
+void for_each_fault(const Profile& profile, const std::function<bool(const std::string&)>& is_kind,
+                    const std::function<void(const nlohmann::json& entry, const std::string& path,
+                                             const std::string& type)>& read);
 
 // The machine the simulated service starts when no profile is given.
 const std::string& default_profile_text();

@@ -46,11 +46,10 @@ export function CompareView({ chosen, onClose }: { chosen: ResultSummary[]; onCl
   if (error) return <div class="detail">{header}<p class="error">{error}</p></div>;
   if (!cmp) return <div class="detail">{header}<p class="muted">Loading the results…</p></div>;
 
-  const width = grouped(cmp.runs.map((r) => r.eyeWidthPs));
-  const height = grouped(cmp.runs.map((r) => r.eyeHeightMV));
-  const widthLines = threshold_lines(thresholds, true);
-  const heightLines = threshold_lines(thresholds, false);
-  const top = (max: number, lines: { value: number }[]) => Math.max(max, ...lines.map((l) => l.value)) * 1.15 || 1;
+  const eyes = [
+    { title: 'Eye width', unit: 'ps', values: cmp.runs.map((r) => r.eyeWidthPs), max: cmp.widthMaxPs, timing: true, testid: 'compare-width-chart' },
+    { title: 'Eye height', unit: 'mV', values: cmp.runs.map((r) => r.eyeHeightMV), max: cmp.heightMaxMV, timing: false, testid: 'compare-height-chart' },
+  ];
   const differing = cmp.lanes
     .map((_, i) => i)
     .filter((i) => cmp.runs.some((r) => r.widthDiffers[i] || r.heightDiffers[i] || r.gradeDiffers[i]));
@@ -64,30 +63,27 @@ export function CompareView({ chosen, onClose }: { chosen: ResultSummary[]; onCl
         Lanes shaded red differ from the first run by at least one margin step or in grade ({differing.length} of {cmp.lanes.length}).
       </p>
       <div class="charts">
-        <LaneBars
-          title="Eye width"
-          unit="ps"
-          lanes={cmp.lanes}
-          x={width.x}
-          series={colored(width.series)}
-          range={[0, top(cmp.widthMaxPs, widthLines)]}
-          lines={widthLines}
-          shaded={differing}
-          decimals={1}
-          testid="compare-width-chart"
-        />
-        <LaneBars
-          title="Eye height"
-          unit="mV"
-          lanes={cmp.lanes}
-          x={height.x}
-          series={colored(height.series)}
-          range={[0, top(cmp.heightMaxMV, heightLines)]}
-          lines={heightLines}
-          shaded={differing}
-          decimals={1}
-          testid="compare-height-chart"
-        />
+        {eyes.map((eye) => {
+          const bars = grouped(eye.values);
+          const lines = threshold_lines(thresholds, eye.timing);
+          // Headroom above the tallest bar or threshold line, whichever is higher.
+          const top = Math.max(eye.max, ...lines.map((l) => l.value)) * 1.15 || 1;
+          return (
+            <LaneBars
+              key={eye.testid}
+              title={eye.title}
+              unit={eye.unit}
+              lanes={cmp.lanes}
+              x={bars.x}
+              series={colored(bars.series)}
+              range={[0, top]}
+              lines={lines}
+              shaded={differing}
+              decimals={1}
+              testid={eye.testid}
+            />
+          );
+        })}
       </div>
       <div class="table-wrap">
         <table class="grid compare" data-testid="compare-table">
